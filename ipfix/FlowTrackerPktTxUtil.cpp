@@ -1,0 +1,23 @@
+#include "ipfix/FlowTrackerPktTxUtil.h"
+
+namespace FlowTracking {
+
+bool sendPkt4(const Zub::Ptr<Nelo::Pkt>& pkt, const Zub::Ptr<Nelo::UdpPam>& pam,
+              Nelo::IpAddr src, const Nelo::IpAndPort& dst, Nelo::DscpValue dscp) {
+  pam->txSrcIpAddrIs(src);
+  pam->txDstIpAddrIs(dst.addr);
+  pam->txPortIs(dst.port);
+  pam->txTosIs(dscp.value());
+  return pam->txPkt(pkt);
+}
+
+bool sendPkt6(const Zub::Ptr<Nelo::Pkt>& pkt, const Zub::Ptr<Nelo::UdpPam>& pam,
+              const Nelo::Ip6Addr& src, const Nelo::Ip6AndPort& dst, Nelo::DscpValue dscp) {
+  pam->txSrcIp6AddrIs(src);
+  pam->txDstIp6AddrIs(dst.addr);
+  pam->txPortIs(dst.port);
+  pam->txTosIs(dscp.value());
+  return pam->txPkt(pkt);
+}
+
+}  // namespace FlowTracking

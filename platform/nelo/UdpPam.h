@@ -1,0 +1,73 @@
+#pragma once
+// UdpPam: a UDP transmit endpoint. One unbound socket of one family serves every
+// destination of an exporter; each packet is sent with sendmsg carrying its own
+// source address (IP_PKTINFO / IPV6_PKTINFO), destination and port. The DSCP set with
+// txTosIs is the raw 0..63 value; the packet carries it in the upper six bits of its
+// TOS / traffic class byte.
+
+#include <cstdint>
+#include <string>
+
+#include "platform/nelo/Addr.h"
+#include "platform/nelo/Pkt.h"
+#include "platform/zub/Types.h"
+
+namespace Nelo {
+
+class UdpPam : public Zub::PtrInterface {
+ public:
+  enum Mode : uint8_t { modeOff = 0, modeOn = 1 };
+
+  explicit UdpPam(Zub::Name name) : name_(std::move(name)) {}
+  ~UdpPam() override;
+  UdpPam(const UdpPam&) = delete;
+  UdpPam& operator=(const UdpPam&) = delete;
+
+  const Zub::Name& name() const { return name_; }
+  // The family of the socket opened by the next modeIs(modeOn).
+  void ipv6EnIs(bool v6) { ipv6En_ = v6; }
+  bool ipv6En() const { return ipv6En_; }
+  // Socket priority of transmitted packets (applied now if open, else when opened).
+  void txPrioIs(IpTrafficControl prio);
+  IpTrafficControl txPrio() const { return txPrio_; }
+  // modeOn opens the socket, modeOff closes it. Raises Zub::ErrnoException when a
+  // system call fails; the endpoint is then closed.
+  void modeIs(Mode m);
+  void modeIs(int m) { modeIs(static_cast<Mode>(m)); }
+  Mode mode() const { return fd_ >= 0 ? modeOn : modeOff; }
+  int fd() const { return fd_; }
+
+  void txSrcIpAddrIs(IpAddr a) { txSrc4_ = a; }
+  void txDstIpAddrIs(IpAddr a) { txDst4_ = a; }
+  void txSrcIp6AddrIs(const Ip6Addr& a) { txSrc6_ = a; }
+  void txDstIp6AddrIs(const Ip6Addr& a) { txDst6_ = a; }
+  void txPortIs(Port p) { txPort_ = p; }
+  // DSCP, 0..63.
+  void txTosIs(uint8_t dscp) { txDscp_ = dscp; }
+
+  // Sends one datagram with the current transmit settings. Returns false when the
+  // endpoint is off or the kernel refused the packet (counted in txErrors).
+  bool txPkt(const Zub::Ptr<Pkt>& pkt);
+
+  uint64_t txPkts() const { return txPkts_; }
+  uint64_t txErrors() const { return txErrors_; }
+  int lastErrno() const { return lastErrno_; }
+
+ private:
+  void applyTos();
+
+  Zub::Name name_;
+  bool ipv6En_ = false;
+  IpTrafficControl txPrio_ = 0;
+  int fd_ = -1;
+  IpAddr txSrc4_, txDst4_;
+  Ip6Addr txSrc6_, txDst6_;
+  Port txPort_ = 0;
+  uint8_t txDscp_ = 0;
+  int appliedTos_ = -1;  // TOS byte set on the socket, -1 before the first send
+  uint64_t txPkts_ = 0;
+  uint64_t txErrors_ = 0;
+  int lastErrno_ = 0;
+};
+
+}  // namespace Nelo
