@@ -1,0 +1,845 @@
+#include "config/FlowTrackerConfigSm.h"
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/zub/Assert.h"
+#include "platform/zub/Glint.h"
+
+namespace FlowTracking {
+
+namespace {
+
+Zub::Glint::Facility& trace() {
+  static Zub::Glint::Facility& f = Zub::Glint::facility("FtConfig");
+  return f;
+}
+
+// Trace levels: 1 lifecycle (created/deleted), 3 state changes, 5 diagnostics,
+// 8 handler entry.
+constexpr int kLife = 1;
+constexpr int kState = 3;
+constexpr int kDiag = 5;
+constexpr int kEntry = 8;
+
+constexpr const char* kFacility = "FLOWTRACKING";
+constexpr const char* kIpfixFacility = "IPFIX";
+
+}  // namespace
+
+// ---- log messages ---------------------------------------------------------------------
+
+const Zub::LogHandle FLOWTRACKING_ACTIVE("FLOWTRACKING_ACTIVE", 6, "%s flow tracking is active.",
+                                         "Flow tracking is active.", Zub::NoActionRequired, 0.0,
+                                         1.0, kFacility);
+const Zub::LogHandle FLOWTRACKING_INACTIVE("FLOWTRACKING_INACTIVE", 6,
+                                           "%s flow tracking is inactive.",
+                                           "Flow tracking is inactive.", Zub::NoActionRequired,
+                                           0.0, 1.0, kFacility);
+const Zub::LogHandle FLOWTRACKING_TRACKER_ACTIVE(
+    "FLOWTRACKING_TRACKER_ACTIVE", 6, "%s flow tracker %s is active on interface %s.",
+    "Flow tracker is active on an interface.", Zub::NoActionRequired, 0.0, 1.0, kFacility);
+const Zub::LogHandle FLOWTRACKING_TRACKER_INACTIVE(
+    "FLOWTRACKING_TRACKER_INACTIVE", 6, "%s flow tracker %s is inactive on interface %s.",
+    "Flow tracker is inactive on an interface.", Zub::NoActionRequired, 0.0, 1.0, kFacility);
+const Zub::LogHandle FLOWTRACKING_EXPORTER_ACTIVE(
+    "FLOWTRACKING_EXPORTER_ACTIVE", 6,
+    "%s exporter %s in VRF %s, in %s flow tracker %s is active.",
+    "This exporter is ready to export packets.", Zub::NoActionRequired, 0.0, 1.0, kFacility);
+const Zub::LogHandle FLOWTRACKING_EXPORTER_INACTIVE(
+    "FLOWTRACKING_EXPORTER_INACTIVE", 6,
+    "%s exporter %s in VRF %s, in %s flow tracker %s is inactive.",
+    "This exporter is not ready to export packets.",
+    "Ensure that both the local interface, and at least one collector, have been configured, "
+    "and that both have valid IP addresses.",
+    0.0, 1.0, kFacility);
+const Zub::LogHandle FLOWTRACKING_COLLECTOR_ACTIVE(
+    "FLOWTRACKING_COLLECTOR_ACTIVE", 6,
+    "%s collector %s for exporter %s in %s flow tracker %s is active.",
+    "Packets will be exported to this collector if the exporter is active.",
+    Zub::NoActionRequired, 0.0, 1.0, kFacility);
+const Zub::LogHandle FLOWTRACKING_COLLECTOR_INACTIVE(
+    "FLOWTRACKING_COLLECTOR_INACTIVE", 6,
+    "%s collector %s for exporter %s in %s flow tracker %s is inactive.",
+    "Packets will not be exported to this collector.",
+    "Ensure that if collector is configured, its IP address is valid.", 0.0, 1.0, kFacility);
+
+// ---- helpers --------------------------------------------------------------------------
+
+std::optional<Nelo::IpGenAddr> SystemResolver::resolve(const std::string& host) {
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = 0;
+  addrinfo* result = nullptr;
+  if (::getaddrinfo(host.c_str(), nullptr, &hints, &result) != 0 || !result) {
+    if (result) ::freeaddrinfo(result);
+    return std::nullopt;
+  }
+  std::optional<Nelo::IpGenAddr> out;
+  if (result->ai_family == AF_INET) {
+    auto* sa = reinterpret_cast<const sockaddr_in*>(result->ai_addr);
+    out = Nelo::IpGenAddr(Nelo::IpAddr::fromNbo(sa->sin_addr.s_addr));
+  } else if (result->ai_family == AF_INET6) {
+    auto* sa = reinterpret_cast<const sockaddr_in6*>(result->ai_addr);
+    Nelo::Ip6Addr::Bytes b;
+    std::memcpy(b.data(), &sa->sin6_addr, 16);
+    out = Nelo::IpGenAddr(Nelo::Ip6Addr(b));
+  }
+  ::freeaddrinfo(result);
+  return out;
+}
+
+bool verifyIpAddr(const Nelo::IpAddr& a) {
+  return !a.isZero() && !a.isBroadcast() && !a.isMulticast();
+}
+
+bool verifyIp6Addr(const Nelo::Ip6Addr& a) {
+  return !a.isZero() && !a.isAllNodes() && !a.isMulticast() && !a.isLinkLocal();
+}
+
+bool isEthernet(const Nelo::IntfId& intf) { return Nelo::EthIntfId::isEthIntfId(intf); }
+bool isLag(const Nelo::IntfId& intf) { return Nelo::PortChannelIntfId::isPortChannelIntfId(intf); }
+bool isValidIntf(const Nelo::IntfId& intf) { return isEthernet(intf) || isLag(intf); }
+
+// ---- ConfigSmBase ---------------------------------------------------------------------
+
+ConfigSmBase::ConfigSmBase(const Zub::Ptr<Config>& config, const Zub::Ptr<Zub::Dir>& agentDir,
+                           const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
+                           const Zub::Ptr<Interface::AllEthPhyIntfStatusDir>& ethPhyIntfStatusDir,
+                           const Zub::Ptr<Interface::EthLagIntfStatusDir>& ethLagIntfStatusDir,
+                           const Zub::Ptr<Ip::Status>& ipStatus,
+                           const Zub::Ptr<Ip6::Status>& ip6Status,
+                           const Zub::Ptr<Ip::AllVrfStatusLocal>& allVrfStatusLocal,
+                           const Zub::Ptr<Interface::AllIntfStatusDir>& allIntfStatusDir)
+    : config_(config),
+      agentDir_(agentDir),
+      hwConfig_(hwConfig),
+      ethPhyIntfStatusDir_(ethPhyIntfStatusDir),
+      ethLagIntfStatusDir_(ethLagIntfStatusDir),
+      ipStatus_(ipStatus),
+      ip6Status_(ip6Status),
+      allVrfStatusLocal_(allVrfStatusLocal),
+      allIntfStatusDir_(allIntfStatusDir),
+      resolver_(std::make_shared<SystemResolver>()) {
+  watch(config_->enabledSignal(), [this] { handleConfigEnabled(); });
+  watch(config_->sampleRateSignal(), [this] { handleSampleRate(); });
+  watch(config_->flowTrackerConfigSignal(),
+        [this](const Zub::Name& n) { handleFlowTrackerConfig(n); });
+  watch(config_->flowTrackerIntfConfigSignal(),
+        [this](const Nelo::IntfId& i) { handleFlowTrackerIntfConfig(i); });
+  watch(ethPhyIntfStatusDir_->intfStatusSignal(),
+        [this](const Nelo::IntfId& i) { handleEthIntfStatus(i); });
+  watch(ethLagIntfStatusDir_->intfStatusSignal(),
+        [this](const Nelo::IntfId& i) { handleLagIntfStatus(i); });
+}
+
+ConfigSmBase::~ConfigSmBase() {
+  // Children first, while the inputs they refer to still exist.
+  ethIntfStatusSm_.clear();
+  lagIntfStatusSm_.clear();
+  ftConfigSm_.clear();
+}
+
+void ConfigSmBase::initializeDefaultGroups(const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig) {
+  GLINT(trace(), kEntry) << "ConfigSmBase::" << "initializeDefaultGroups" << " ftName: "
+                         << hwFtConfig->name();
+}
+
+bool ConfigSmBase::configEnabled() const { return config_->enabled(); }
+Zub::String ConfigSmBase::agentName() const { return "base"; }
+Zub::String ConfigSmBase::trackingTypeString() const { return "dummy"; }
+
+void ConfigSmBase::handleStartup() {
+  GLINT(trace(), kEntry) << "ConfigSmBase::handleStartup";
+  if (agentDir_->entries() == 0) {
+    GLINT(trace(), kLife) << "Adding " << agentName() << " to activeAgentDir";
+    agentDir_->mkdir(agentName());
+  }
+  // Only one flow-tracking agent may be active at a time.
+  ZUB_ASSERT_TEXT(agentDir_->entries() == 1, "false");
+  ZUB_ASSERT_TEXT(agentDir_->entityPtr<Zub::Dir>(agentName()) != nullptr,
+                  "agentDir()->entityPtr< Zub::Dir >( agentName() ) != __null");
+  FLOWTRACKING_ACTIVE.log(trackingTypeString());
+  handleFtrConfig();
+}
+
+void ConfigSmBase::handleShutdown(Hollin::CAgent* agent) {
+  GLINT(trace(), kEntry) << "ConfigSmBase::handleShutdown";
+  handleFtrConfig();
+  if (configEnabled()) return;  // the configuration came back while shutting down
+  if (agentDir_->entries() == 0) return;
+  FLOWTRACKING_INACTIVE.log(trackingTypeString());
+  if (agent) {
+    agent->flushEntityLog();
+    exitAgent_ = true;
+  }
+  GLINT(trace(), kLife) << "Deleting " << agentName() << " from activeAgentDir";
+  agentDir_->entryDel(agentName());
+}
+
+void ConfigSmBase::handleConfigEnabled() {
+  const bool enabled = configEnabled();
+  GLINT(trace(), kEntry) << "ConfigSmBase::handleConfigEnabled" << " enabled: " << enabled;
+  handleFtrConfig();
+}
+
+void ConfigSmBase::handleFtrConfig() {
+  GLINT(trace(), kEntry) << "ConfigSmBase::handleFtrConfig";
+  handleSampleRate();
+  handleFlowTrackerConfig();
+  handleFlowTrackerIntfConfig();
+}
+
+void ConfigSmBase::handleSampleRate() {
+  GLINT(trace(), kEntry) << "ConfigSmBase::handleSampleRate";
+  if (configEnabled()) {
+    GLINT(trace(), kState) << "SampleRate set to " << config_->sampleRate();
+    hwConfig_->sampleRateIs(config_->sampleRate().value());
+  } else {
+    GLINT(trace(), kState) << "SampleRate reset to " << HwFlowTracking::Config::sampleRateDefault
+                           << " (default)";
+    hwConfig_->sampleRateIs(HwFlowTracking::Config::sampleRateDefault);
+  }
+}
+
+void ConfigSmBase::handleFlowTrackerConfig() {
+  GLINT(trace(), kEntry) << "ConfigSmBase::handleFlowTrackerConfig";
+  for (const Zub::Name& name : hwConfig_->hwFtConfigColl().keys()) {
+    handleFlowTrackerConfig(name);
+  }
+  for (const Zub::Name& name : config_->flowTrackerConfigColl().keys()) {
+    handleFlowTrackerConfig(name);
+  }
+}
+
+void ConfigSmBase::handleFlowTrackerConfig(const Zub::Name& name) {
+  GLINT(trace(), kEntry) << "ConfigSmBase::handleFlowTrackerConfig" << " for " << name;
+  Zub::Ptr<HwFlowTracking::FtConfig> hwFt = hwConfig_->hwFtConfig(name);
+  Zub::Ptr<FlowTrackerConfig> ftConfig = config_->flowTrackerConfig(name);
+  if (configEnabled() && ftConfig) {
+    if (hwFt) {
+      const FtId ftId = hwFt->ftId();
+      const Zub::String ftName = name;
+      if (!ftIdToName(ftId).empty()) {
+        ZUB_ASSERT_TEXT(ftIdToName(ftId) == ftName, "ftIdToName( ftId ) == ftName");
+      } else {
+        // The hardware configuration outlived a restart of this reactor: keep its id.
+        ftIdToNameMap_[ftId] = name;
+      }
+    } else {
+      const FtId ftId = allocateFtId(name);
+      hwFt = hwConfig_->hwFtConfigIs(name, ftId);
+    }
+    if (!ftConfigSm_.count(name)) {
+      ftConfigSm_[name] = Zub::makeReactor<FtConfigSm>(name, ftConfig, hwFt, this);
+      GLINT(trace(), kLife) << "Created FtConfigSm for: " << name;
+    }
+  } else if (hwFt) {
+    releaseFtId(hwFt->ftId());
+    ftConfigSm_.erase(name);
+    hwConfig_->hwFtConfigDel(name);
+    GLINT(trace(), kLife) << "Deleted hwFtConfig for " << name;
+    GLINT(trace(), kLife) << "Deleted FtConfigSm for: " << name;
+  }
+  auto it = ftNameToIntfIdMap_.find(name);
+  if (it != ftNameToIntfIdMap_.end()) {
+    const std::set<Nelo::IntfId> intfs = it->second.intf();  // the handler changes the map
+    for (const Nelo::IntfId& intf : intfs) handleFlowTrackerIntfConfig(intf);
+  }
+}
+
+void ConfigSmBase::handleFlowTrackerIntfConfig() {
+  GLINT(trace(), kEntry) << "ConfigSmBase::handleFlowTrackerIntfConfig";
+  for (const Nelo::IntfId& intf : hwConfig_->hwIntfFtConfigColl().keys()) {
+    if (ethPhyIntfStatusDir_->intfStatusHas(intf) || ethLagIntfStatusDir_->intfStatusHas(intf)) {
+      continue;
+    }
+    auto entry = hwConfig_->hwIntfFtConfig(intf);
+    GLINT(trace(), kDiag) << "No matching EthIntfStatus for " << intf << ", in tracker "
+                          << entry->hwFtConfig()->name();
+    hwConfig_->hwIntfFtConfigDel(intf);
+  }
+  for (const Nelo::IntfId& intf : config_->flowTrackerIntfConfigColl().keys()) {
+    handleFlowTrackerIntfConfig(intf);
+  }
+}
+
+void ConfigSmBase::handleFlowTrackerIntfConfig(const Nelo::IntfId& intfId) {
+  GLINT(trace(), kEntry) << "ConfigSmBase::handleFlowTrackerIntfConfig" << " for " << intfId;
+  auto old = intfIdToFtNameMap_.find(intfId);
+  if (old != intfIdToFtNameMap_.end()) {
+    auto set = ftNameToIntfIdMap_.find(old->second);
+    if (set != ftNameToIntfIdMap_.end()) {
+      set->second.intfDel(intfId);
+      if (set->second.intfs() == 0) ftNameToIntfIdMap_.erase(set);
+    }
+    intfIdToFtNameMap_.erase(old);
+  }
+  auto intfConfig = config_->flowTrackerIntfConfig(intfId);
+  if (configEnabled() && intfConfig) {
+    const Zub::Name& trackerName = intfConfig->trackerName();
+    ftNameToIntfIdMap_[trackerName].intfIs(intfId);
+    intfIdToFtNameMap_[intfId] = trackerName;
+  }
+  if (isLag(intfId)) {
+    handleLagIntfStatus(intfId);
+  } else if (isEthernet(intfId)) {
+    handleEthIntfStatus(intfId);
+  } else {
+    GLINT(trace(), kDiag) << "Ignoring unsupported interface " << intfId;
+  }
+}
+
+void ConfigSmBase::handleEthIntfStatus(const Nelo::IntfId& intfId) {
+  GLINT(trace(), kEntry) << "ConfigSmBase::handleEthIntfStatus" << " for " << intfId;
+  auto status = ethPhyIntfStatusDir_->intfStatus(intfId);
+  auto intfConfig = config_->flowTrackerIntfConfig(intfId);
+  auto hwFt = intfConfig ? hwConfig_->hwFtConfig(intfConfig->trackerName()) : nullptr;
+  const bool enabled = configEnabled();
+  auto it = ethIntfStatusSm_.find(intfId);
+  if (enabled && status && intfConfig && hwFt) {
+    if (it != ethIntfStatusSm_.end() && it->second->intfStatus() == status) {
+      // Same status entity: the binding may have changed, evaluate again.
+      it->second->handleIntfStatusChange();
+      return;
+    }
+    GLINT(trace(), kLife) << "Creating EthIntfStatusSm for phy intf " << intfId;
+    ethIntfStatusSm_[intfId] =
+        Zub::makeReactor<EthIntfStatusSm>(intfId, status, config_, hwConfig_, this);
+    return;
+  }
+  GLINT(trace(), kDiag) << "intf " << intfId << " configEnabled " << enabled << " ethStatus "
+                        << bool(status) << " ftIntfConfig " << bool(intfConfig) << " hwFtConfig "
+                        << bool(hwFt);
+  if (it != ethIntfStatusSm_.end()) {
+    GLINT(trace(), kLife) << "Deleting EthIntfStatusSm for phy intf " << intfId;
+    Zub::Ptr<EthIntfStatusSm> sm = it->second;
+    sm->doCleanup();
+    ethIntfStatusSm_.erase(intfId);
+  }
+}
+
+void ConfigSmBase::handleLagIntfStatus(const Nelo::IntfId& intfId) {
+  GLINT(trace(), kEntry) << "ConfigSmBase::handleLagIntfStatus" << " for " << intfId;
+  auto status = ethLagIntfStatusDir_->intfStatus(intfId);
+  auto intfConfig = config_->flowTrackerIntfConfig(intfId);
+  auto hwFt = intfConfig ? hwConfig_->hwFtConfig(intfConfig->trackerName()) : nullptr;
+  const bool enabled = configEnabled();
+  if (enabled && status && intfConfig && hwFt) {
+    GLINT(trace(), kLife) << "Creating lagStatusSm for Lag intf " << intfId;
+    lagIntfStatusSm_.erase(intfId);
+    lagIntfStatusSm_[intfId] =
+        Zub::makeReactor<LagIntfStatusSm>(intfId, status, config_, hwConfig_, this);
+    return;
+  }
+  GLINT(trace(), kDiag) << "intf " << intfId << " configEnabled " << enabled
+                        << " ethLagIntfStatus " << bool(status) << " ftIntfConfig "
+                        << bool(intfConfig) << " hwFtConfig " << bool(hwFt);
+  auto it = lagIntfStatusSm_.find(intfId);
+  if (it != lagIntfStatusSm_.end()) {
+    GLINT(trace(), kLife) << "Deleting lagStatusSm for Lag intf " << intfId;
+    Zub::Ptr<LagIntfStatusSm> sm = it->second;
+    sm->doCleanup();
+    lagIntfStatusSm_.erase(intfId);
+  }
+}
+
+FtId ConfigSmBase::allocateFtId(const Zub::Name& name) {
+  const FtId oldNextId = nextFtId_;
+  if (nextFtId_.isNull()) nextFtId_ = FtId(1);
+  const FtId start = nextFtId_;
+  FtId ftId;
+  do {
+    const FtId candidate = nextFtId_;
+    nextFtId_ = candidate.value() == FtId::maxFtId ? FtId(1) : FtId(candidate.value() + 1);
+    if (!ftIdToNameMap_.count(candidate)) {
+      ftId = candidate;
+      break;
+    }
+  } while (nextFtId_ != start);
+  ZUB_ASSERT(ftId != FtId::null());
+  ZUB_ASSERT(oldNextId != nextFtId());
+  GLINT(trace(), kState) << "Allocated " << ftId << " for " << name;
+  ftIdToNameMap_[ftId] = name;
+  return ftId;
+}
+
+void ConfigSmBase::releaseFtId(FtId ftId) {
+  if (ftId.isNull()) return;
+  GLINT(trace(), kState) << "Release FtId " << ftId << " " << ftIdToName(ftId);
+  ftIdToNameMap_.erase(ftId);
+  nextFtId_ = ftId;  // the id released last is the first one tried next
+}
+
+Zub::String ConfigSmBase::ftIdToName(FtId ftId) const {
+  auto it = ftIdToNameMap_.find(ftId);
+  return it == ftIdToNameMap_.end() ? Zub::String() : it->second;
+}
+
+Zub::Ptr<ConfigSmBase> configSmBaseFactory(
+    const Zub::Ptr<Config>& config, const Zub::Ptr<Zub::Dir>& agentDir,
+    const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
+    const Zub::Ptr<Interface::AllEthPhyIntfStatusDir>& ethPhyIntfStatusDir,
+    const Zub::Ptr<Interface::EthLagIntfStatusDir>& ethLagIntfStatusDir,
+    const Zub::Ptr<Ip::Status>& ipStatus, const Zub::Ptr<Ip6::Status>& ip6Status,
+    const Zub::Ptr<Ip::AllVrfStatusLocal>& allVrfStatusLocal,
+    const Zub::Ptr<Interface::AllIntfStatusDir>& allIntfStatusDir) {
+  return Zub::makeReactor<ConfigSmBase>(config, agentDir, hwConfig, ethPhyIntfStatusDir,
+                                        ethLagIntfStatusDir, ipStatus, ip6Status,
+                                        allVrfStatusLocal, allIntfStatusDir);
+}
+
+// ---- EthIntfStatusSm / LagIntfStatusSm ------------------------------------------------
+
+EthIntfStatusSm::EthIntfStatusSm(const Nelo::IntfId& intf,
+                                 const Zub::Ptr<Interface::EthIntfStatus>& intfStatus,
+                                 const Zub::Ptr<Config>& config,
+                                 const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
+                                 ConfigSmBase* configSm)
+    : intf_(intf), intfStatus_(intfStatus), config_(config), hwConfig_(hwConfig),
+      configSm_(configSm) {
+  watch(intfStatus_->linkStatusSignal(), [this] { handleIntfStatusChange(); });
+  watch(intfStatus_->forwardingModelSignal(), [this] { handleIntfStatusChange(); });
+}
+
+void EthIntfStatusSm::handleInitialized() {
+  handleIntfStatusChange();
+  initialized_ = true;
+}
+
+void EthIntfStatusSm::handleIntfStatusChange() {
+  GLINT(trace(), kEntry) << "EthIntfStatusSm::" << "handleIntfStatusChange" << " for " << intf_;
+  auto intfConfig = config_->flowTrackerIntfConfig(intf_);
+  const bool ftIntfConfig = bool(intfConfig);
+  const bool linkUp = intfStatus_->linkStatus() == Interface::LinkStatus::linkUp;
+  const bool intfValid = isValidIntf(intf_);
+  const bool fwdModel = static_cast<uint32_t>(intfStatus_->forwardingModel()) > 3;
+  GLINT(trace(), kDiag) << "intf " << intf_ << " ftIntfConfig " << ftIntfConfig << " linkUp "
+                        << linkUp << " intfValid " << intfValid << " fwdModel " << fwdModel;
+  if (!ftIntfConfig || !linkUp || !intfValid || !fwdModel) {
+    doCleanup();
+    return;
+  }
+  const Zub::Name& trackerName = intfConfig->trackerName();
+  if (auto entry = hwConfig_->hwIntfFtConfig(intf_)) {
+    const Zub::Name& oldName = entry->hwFtConfig()->name();
+    if (oldName != trackerName) {
+      GLINT(trace(), kState) << "intf " << intf_ << " ftName changed from " << oldName << " to "
+                             << trackerName;
+      doCleanup();
+    }
+  }
+  auto hwFtConfig = hwConfig_->hwFtConfig(trackerName);
+  ZUB_ASSERT_TEXT(hwFtConfig != nullptr, "hwFtConfig != __null");
+  if (!hwConfig_->hwIntfFtConfigHas(intf_)) {
+    hwConfig_->hwIntfFtConfigIs(intf_, hwFtConfig);
+    FLOWTRACKING_TRACKER_ACTIVE.log(configSm_->trackingTypeString(), trackerName, intf_);
+    GLINT(trace(), kState) << "Added " << intf_ << " to hwIntfFtConfig with " << trackerName;
+  }
+}
+
+void EthIntfStatusSm::doCleanup() {
+  GLINT(trace(), kEntry) << "EthIntfStatusSm::doCleanup";
+  auto entry = hwConfig_->hwIntfFtConfig(intf_);
+  if (!entry) return;
+  const Zub::Name trackerName = entry->hwFtConfig()->name();
+  hwConfig_->hwIntfFtConfigDel(intf_);
+  FLOWTRACKING_TRACKER_INACTIVE.log(configSm_->trackingTypeString(), trackerName, intf_);
+  GLINT(trace(), kState) << "Deleted " << intf_ << " from hwIntfFtConfig for " << trackerName;
+}
+
+LagIntfStatusSm::LagIntfStatusSm(const Nelo::IntfId& intf,
+                                 const Zub::Ptr<Interface::EthLagIntfStatus>& lagStatus,
+                                 const Zub::Ptr<Config>& config,
+                                 const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
+                                 ConfigSmBase* configSm)
+    : EthIntfStatusSm(intf, lagStatus, config, hwConfig, configSm), lagIntfStatus_(lagStatus) {
+  watch(lagIntfStatus_->memberSignal(),
+        [this](const Nelo::IntfId& m) { handleLagMemberIntfStatusChange(m); });
+}
+
+void LagIntfStatusSm::handleInitialized() {
+  handleLagMemberIntfStatusChange();
+  initialized_ = true;
+}
+
+void LagIntfStatusSm::handleLagMemberIntfStatusChange(const Nelo::IntfId& member) {
+  GLINT(trace(), kEntry) << "LagIntfStatusSm::handleLagMemberIntfStatusChange"
+                         << " PortChannnel: " << intf_ << ", LagMember: " << member;
+  handleIntfStatusChange();
+}
+
+void LagIntfStatusSm::handleLagMemberIntfStatusChange() {
+  for (const Nelo::IntfId& m : lagIntfStatus_->memberColl().keys()) {
+    handleLagMemberIntfStatusChange(m);
+  }
+}
+
+// ---- FtConfigSm -----------------------------------------------------------------------
+
+FtConfigSm::FtConfigSm(const Zub::Name& ftName, const Zub::Ptr<FlowTrackerConfig>& ftConfig,
+                       const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
+                       ConfigSmBase* configSm)
+    : ftName_(ftName), ftConfig_(ftConfig), hwFtConfig_(hwFtConfig), configSm_(configSm) {
+  watch(ftConfig_->activeIntervalSignal(), [this] { handleActiveInterval(); });
+  watch(ftConfig_->inactiveTimeoutSignal(), [this] { handleInactiveTimeout(); });
+  watch(ftConfig_->expConfigSignal(), [this](const Zub::Name& n) { handleExpConfig(n); });
+}
+
+void FtConfigSm::handleInitialized() {
+  GLINT(trace(), kEntry) << "FtConfigSm::handleInitialized" << " for " << ftName_;
+  configSm_->initializeDefaultGroups(hwFtConfig_);
+  handleActiveInterval();
+  handleInactiveTimeout();
+  handleExpConfig();
+  initialized_ = true;
+}
+
+void FtConfigSm::handleActiveInterval() {
+  GLINT(trace(), kEntry) << "FtConfigSm::handleActiveInterval" << " for " << ftName_;
+  hwFtConfig_->activeIntervalIs(ftConfig_->activeInterval());
+}
+
+void FtConfigSm::handleInactiveTimeout() {
+  GLINT(trace(), kEntry) << "FtConfigSm::handleInactiveTimeout" << " for " << ftName_;
+  hwFtConfig_->inactiveTimeoutIs(ftConfig_->inactiveTimeout());
+}
+
+void FtConfigSm::handleExpConfig() {
+  for (const Zub::Name& name : hwFtConfig_->expConfigColl().keys()) handleExpConfig(name);
+  for (const Zub::Name& name : ftConfig_->expConfigColl().keys()) handleExpConfig(name);
+}
+
+void FtConfigSm::handleExpConfig(const Zub::Name& name) {
+  GLINT(trace(), kEntry) << "FtConfigSm::handleExpConfig" << " for " << name;
+  if (auto expConfig = ftConfig_->expConfig(name)) {
+    auto hwExpConfig = hwFtConfig_->expConfigIs(name);
+    if (!expConfigSm_.count(name)) {
+      expConfigSm_[name] = Zub::makeReactor<ExpConfigSm>(
+          name, ftName_, expConfig, hwExpConfig, configSm_->ipStatus(), configSm_->ip6Status(),
+          configSm_->allVrfStatusLocal(), configSm_->allIntfStatusDir(), configSm_);
+      GLINT(trace(), kLife) << "Created ExpConfigSm for " << name;
+    }
+  } else if (expConfigSm_.count(name) || hwFtConfig_->expConfigHas(name)) {
+    expConfigSm_.erase(name);
+    hwFtConfig_->expConfigDel(name);
+    GLINT(trace(), kLife) << "Deleted ExpConfigSm for " << name;
+  }
+}
+
+// ---- ExpConfigSm ----------------------------------------------------------------------
+
+ExpConfigSm::ExpConfigSm(const Zub::Name& expName, const Zub::Name& ftName,
+                         const Zub::Ptr<ExporterConfig>& expConfig,
+                         const Zub::Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig,
+                         const Zub::Ptr<Ip::Status>& ipStatus,
+                         const Zub::Ptr<Ip6::Status>& ip6Status,
+                         const Zub::Ptr<Ip::AllVrfStatusLocal>& allVrfStatusLocal,
+                         const Zub::Ptr<Interface::AllIntfStatusDir>& allIntfStatusDir,
+                         ConfigSmBase* configSm)
+    : expName_(expName),
+      ftName_(ftName),
+      expConfig_(expConfig),
+      hwExpConfig_(hwExpConfig),
+      ipStatus_(ipStatus),
+      ip6Status_(ip6Status),
+      allVrfStatusLocal_(allVrfStatusLocal),
+      allIntfStatusDir_(allIntfStatusDir),
+      configSm_(configSm) {
+  watch(expConfig_->ipfixVersionSignal(),
+        [this] { hwExpConfig_->ipfixVersionIs(expConfig_->ipfixVersion()); });
+  watch(expConfig_->templateIntervalSignal(),
+        [this] { hwExpConfig_->templateIntervalIs(expConfig_->templateInterval()); });
+  watch(expConfig_->dscpValueSignal(),
+        [this] { hwExpConfig_->dscpValueIs(expConfig_->dscpValue()); });
+  watch(expConfig_->ipfixMtuSignal(), [this] { handleIpfixMtu(); });
+  watch(expConfig_->localIntfNameSignal(), [this] { handleLocalIntf(); });
+  watch(expConfig_->vrfNameSignal(), [this] { handleVrfName(); });
+  watch(expConfig_->collectorHostAndPortSignal(),
+        [this](const Zub::String& k) { handleCollectorHostAndPort(k); });
+  watch(ipStatus_->ipIntfStatusSignal(), [this](const Nelo::IntfId& i) { handleIpIntfStatus(i); });
+  watch(ip6Status_->intfSignal(), [this](const Nelo::IntfId& i) { handleIp6IntfStatus(i); });
+  watch(allVrfStatusLocal_->vrfSignal(), [this](const L3::VrfName& v) { handleVrfStatus(v); });
+}
+
+void ExpConfigSm::handleInitialized() {
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleInitialized" << " for " << expName_;
+  hwExpConfig_->ipfixVersionIs(expConfig_->ipfixVersion());
+  hwExpConfig_->templateIntervalIs(expConfig_->templateInterval());
+  hwExpConfig_->dscpValueIs(expConfig_->dscpValue());
+  handleVrfName();
+  handleLocalIntf();
+  handleCollectorHostAndPort();
+  initialized_ = true;
+}
+
+void ExpConfigSm::logExporter_(bool active) const {
+  const Zub::String type = configSm_->trackingTypeString();
+  (active ? FLOWTRACKING_EXPORTER_ACTIVE : FLOWTRACKING_EXPORTER_INACTIVE)
+      .logFacility(kIpfixFacility, type, expName_, hwExpConfig_->vrfName(), type, ftName_);
+}
+
+void ExpConfigSm::logCollector_(bool active, const Zub::String& key) const {
+  const Zub::String type = configSm_->trackingTypeString();
+  (active ? FLOWTRACKING_COLLECTOR_ACTIVE : FLOWTRACKING_COLLECTOR_INACTIVE)
+      .logFacility(kIpfixFacility, type, key, expName_, type, ftName_);
+}
+
+void ExpConfigSm::handleVrfName() {
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleVrfName" << " for " << expName_ << ", vrf: "
+                         << expConfig_->vrfName();
+  hwExpConfig_->vrfNameIs(expConfig_->vrfName());
+  handleSrcAddress();
+}
+
+void ExpConfigSm::handleLocalIntf() {
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleLocalIntf" << " for " << expName_;
+  if (expConfig_->localIntfName() != localIntfName_) {
+    // Never leave an exporter ready while its source interface changes.
+    if (hwExpConfig_->exporterReady()) {
+      hwExpConfig_->exporterReadyIs(false);
+      logExporter_(false);
+      GLINT(trace(), kState) << "Updating exporterReady to false";
+    }
+    localIntfName_ = expConfig_->localIntfName();
+  }
+  if (!localIntfName_.empty()) {
+    GLINT(trace(), kState) << "Setting srcIntf to " << localIntfName_;
+    bindLocalIntf_(Nelo::IntfId(localIntfName_));
+  } else {
+    localIntfSubs_.clear();
+    localIntfStatus_ = nullptr;
+    bindIpIntfStatus_(nullptr);
+    bindIp6IntfStatus_(nullptr);
+  }
+  handleSrcAddress();
+}
+
+void ExpConfigSm::bindLocalIntf_(const Nelo::IntfId& id) {
+  auto status = allIntfStatusDir_->intfStatus(id);
+  if (status != localIntfStatus_) {
+    localIntfSubs_.clear();
+    localIntfStatus_ = status;
+    if (status) watch(localIntfSubs_, status->mtuSignal(), [this] { handleIpfixMtu(); });
+  }
+  bindIpIntfStatus_(ipStatus_->ipIntfStatus(id));
+  bindIp6IntfStatus_(ip6Status_->intf(id));
+}
+
+void ExpConfigSm::bindIpIntfStatus_(const Zub::Ptr<Ip::IpIntfStatus>& s) {
+  if (s != ipIntfStatus_) {
+    ipIntfSubs_.clear();
+    ipIntfStatus_ = s;
+    if (s) {
+      watch(ipIntfSubs_, s->activeAddrWithMaskSignal(), [this] { handleSrcAddress(); });
+      watch(ipIntfSubs_, s->l3StatusSignal(), [this] {
+        bindL3Status_(ipIntfStatus_->l3Status());
+        handleSrcAddress();
+      });
+    }
+  }
+  bindL3Status_(s ? s->l3Status() : nullptr);
+}
+
+void ExpConfigSm::bindIp6IntfStatus_(const Zub::Ptr<Ip6::IntfStatus>& s) {
+  if (s == ip6IntfStatus_) return;
+  ip6IntfSubs_.clear();
+  ip6IntfStatus_ = s;
+  if (s) watch(ip6IntfSubs_, s->addrSignal(), [this](const auto&) { handleSrcAddress(); });
+}
+
+void ExpConfigSm::bindL3Status_(const Zub::Ptr<L3::IntfStatus>& s) {
+  if (s == l3Status_) return;
+  l3Subs_.clear();
+  l3Status_ = s;
+  if (s) watch(l3Subs_, s->vrfSignal(), [this] { handleSrcAddress(); });
+}
+
+void ExpConfigSm::bindVrfStatusLocal_(const Zub::Ptr<Ip::VrfStatusLocal>& s) {
+  if (s == vrfStatusLocal_) return;
+  vrfSubs_.clear();
+  vrfStatusLocal_ = s;
+  if (s) watch(vrfSubs_, s->stateSignal(), [this] { handleSrcAddress(); });
+}
+
+void ExpConfigSm::handleIpIntfStatus(const Nelo::IntfId& intfId) {
+  if (localIntfName_.empty() || intfId.name() != localIntfName_) return;
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleIpIntfStatus" << " for " << expName_;
+  auto s = ipStatus_->ipIntfStatus(intfId);
+  GLINT(trace(), kState) << "Intf " << intfId << (s ? " created" : " deleted");
+  bindIpIntfStatus_(s);
+  handleSrcAddress();
+}
+
+void ExpConfigSm::handleIp6IntfStatus(const Nelo::IntfId& intfId) {
+  if (localIntfName_.empty() || intfId.name() != localIntfName_) return;
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleIp6IntfStatus" << " for " << expName_;
+  auto s = ip6Status_->intf(intfId);
+  GLINT(trace(), kState) << "Intf " << intfId << (s ? " created" : " deleted");
+  bindIp6IntfStatus_(s);
+  handleSrcAddress();
+}
+
+void ExpConfigSm::handleVrfStatus(const L3::VrfName& vrfName) {
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleVrfStatus" << " for " << expName_ << ", vrf: "
+                         << vrfName;
+  handleSrcAddress();
+}
+
+void ExpConfigSm::handleSrcAddress() {
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleSrcAddress" << " for " << expName_;
+  bindVrfStatusLocal_(allVrfStatusLocal_->vrf(hwExpConfig_->vrfName()));
+  updateIpAddr();
+  updateIp6Addr();
+  handleIpfixMtu();
+  updateExporterReady();
+}
+
+Nelo::IpAddr ExpConfigSm::getIpAddr() const {
+  return ipIntfStatus_ ? ipIntfStatus_->activeAddrWithMask().addr : Nelo::IpAddr();
+}
+
+void ExpConfigSm::updateIpAddr() {
+  const Nelo::IpAddr a = getIpAddr();
+  if (a == hwExpConfig_->srcIpAddr()) return;
+  hwExpConfig_->srcIpAddrIs(a);
+  GLINT(trace(), kState) << "Updated IPv4 Addr to " << a;
+}
+
+Nelo::Ip6Addr ExpConfigSm::getIp6Addr() const {
+  if (!ip6IntfStatus_) return Nelo::Ip6Addr();
+  const Nelo::Ip6Addr current = hwExpConfig_->srcIp6Addr();
+  // The chosen source is sticky while it stays assigned to the interface.
+  for (const auto& [a, present] : ip6IntfStatus_->addrColl()) {
+    if (a.addr == current && !current.isZero()) return current;
+  }
+  for (const auto& [a, present] : ip6IntfStatus_->addrColl()) {
+    GLINT(trace(), kDiag) << "Available IPv6 address " << a.addr;
+    if (verifyIp6Addr(a.addr)) return a.addr;
+    GLINT(trace(), kDiag) << "Rejecting IPv6 address " << a.addr;
+  }
+  return Nelo::Ip6Addr();
+}
+
+void ExpConfigSm::updateIp6Addr() {
+  const Nelo::Ip6Addr a = getIp6Addr();
+  if (a == hwExpConfig_->srcIp6Addr()) return;
+  hwExpConfig_->srcIp6AddrIs(a);
+  GLINT(trace(), kState) << "Updated IPv6 Addr to " << a;
+}
+
+void ExpConfigSm::handleIpfixMtu() {
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleIpfixMtu" << " for " << expName_;
+  const uint32_t configured = expConfig_->ipfixMtu().value();
+  uint32_t mtu = configured;
+  if (localIntfStatus_) {
+    mtu = std::min(mtu, localIntfStatus_->mtu());
+    mtu = std::max(mtu, IpfixMtu::minMtu);
+  }
+  if (mtu == hwExpConfig_->ipfixMtu().value()) return;
+  GLINT(trace(), kState) << ", cfg ipfixMtu: " << configured;
+  GLINT(trace(), kState) << "set MTU to: " << mtu;
+  hwExpConfig_->ipfixMtuIs(IpfixMtu(mtu));
+}
+
+bool ExpConfigSm::isValidIp6Addr() const {
+  const Nelo::Ip6Addr src = hwExpConfig_->srcIp6Addr();
+  const size_t dsts = hwExpConfig_->collectorIp6AndPortSize();
+  const bool valid = verifyIp6Addr(src) && dsts > 0;
+  GLINT(trace(), kDiag) << "src " << src << ", num_ipv6_dst " << dsts << ", isValid " << valid;
+  return valid;
+}
+
+bool ExpConfigSm::isValidIpAddr() const {
+  const Nelo::IpAddr src = hwExpConfig_->srcIpAddr();
+  const size_t dsts = hwExpConfig_->collectorIpAndPortSize();
+  const L3::VrfName& vrf = hwExpConfig_->vrfName();
+  bool validVrf = vrf.name() == "default" ||
+                  (vrfStatusLocal_ && vrfStatusLocal_->state() == Ip::VrfState::vrfActive);
+  validVrf = validVrf && l3Status_ && l3Status_->vrf() == vrf;
+  GLINT(trace(), kDiag) << "src " << src << ", num_ipv4_dst " << dsts << ", validVrf "
+                        << validVrf;
+  return verifyIpAddr(src) && dsts > 0 && validVrf;
+}
+
+void ExpConfigSm::updateExporterReady() {
+  // IPv6 first; the IPv6 path does not look at the VRF.
+  const bool ready = isValidIp6Addr() || isValidIpAddr();
+  if (ready == hwExpConfig_->exporterReady()) return;
+  GLINT(trace(), kState) << "Updating exporterReady to " << ready;
+  hwExpConfig_->exporterReadyIs(ready);
+  logExporter_(ready);
+}
+
+void ExpConfigSm::handleCollectorHostAndPort() {
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleCollectorHostAndPort" << " for " << expName_;
+  for (const Zub::String& key : hwExpConfig_->collectorIpAndPortColl().keys()) {
+    if (!expConfig_->collectorHostAndPortHas(key)) deleteCollector(key);
+  }
+  for (const Zub::String& key : hwExpConfig_->collectorIp6AndPortColl().keys()) {
+    if (!expConfig_->collectorHostAndPortHas(key)) deleteCollector(key);
+  }
+  handleSrcAddress();
+  for (const Zub::String& key : expConfig_->collectorHostAndPortColl().keys()) {
+    handleCollectorHostAndPort(key);
+  }
+}
+
+void ExpConfigSm::handleCollectorHostAndPort(const Zub::String& key) {
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleCollectorHostAndPort" << " for " << expName_
+                         << ", collector " << key;
+  const Nelo::HostAndPort hp = expConfig_->collectorHostAndPort(key);
+  if (hp == Nelo::HostAndPort()) {
+    deleteCollector(key);
+    handleSrcAddress();
+    return;
+  }
+  auto addr = configSm_->resolver().resolve(hp.host);
+  if (!addr) {
+    // Keep what an earlier resolution gave: a transient failure changes nothing.
+    GLINT(trace(), kState) << "Hostname: " << hp.host << " was not resolved";
+    return;
+  }
+  if (addr->family == Nelo::IpGenAddr::ipv4) {
+    const Nelo::IpAndPort dst{addr->ipAddr(), hp.port};
+    if (hwExpConfig_->collectorIpAndPort(key) == dst && hwExpConfig_->collectorIpAndPortHas(key)) {
+      return;
+    }
+    if (verifyIpAddr(dst.addr)) {
+      GLINT(trace(), kState) << "Updating Ip Addr for " << key << " with " << dst;
+      hwExpConfig_->collectorIpAndPortIs(key, dst);
+      logCollector_(true, key);
+    } else {
+      deleteCollector(key);
+    }
+  } else {
+    const Nelo::Ip6AndPort dst{addr->ip6Addr(), hp.port};
+    if (hwExpConfig_->collectorIp6AndPort(key) == dst &&
+        hwExpConfig_->collectorIp6AndPortHas(key)) {
+      return;
+    }
+    if (verifyIp6Addr(dst.addr)) {
+      GLINT(trace(), kState) << "Updating Ipv6 Addr for " << key << " with " << dst;
+      hwExpConfig_->collectorIp6AndPortIs(key, dst);
+      logCollector_(true, key);
+    } else {
+      deleteCollector(key);
+    }
+  }
+  handleSrcAddress();
+}
+
+void ExpConfigSm::deleteCollector(const Zub::String& key) {
+  const bool had4 = hwExpConfig_->collectorIpAndPortDel(key);
+  const bool had6 = hwExpConfig_->collectorIp6AndPortDel(key);
+  if (!had4 && !had6) return;
+  GLINT(trace(), kState) << "Removed collector " << key;
+  logCollector_(false, key);
+}
+
+}  // namespace FlowTracking
