@@ -19,12 +19,10 @@ Zub::Glint::Facility& trace() {
   return f;
 }
 
-// Trace levels: 1 lifecycle (created/deleted), 3 state changes, 5 diagnostics,
-// 8 handler entry.
-constexpr int kLife = 1;
-constexpr int kState = 3;
-constexpr int kDiag = 5;
-constexpr int kEntry = 8;
+using Zub::Glint::kDiag;
+using Zub::Glint::kEntry;
+using Zub::Glint::kLife;
+using Zub::Glint::kState;
 
 constexpr const char* kFacility = "FLOWTRACKING";
 constexpr const char* kIpfixFacility = "IPFIX";

@@ -83,6 +83,15 @@ std::optional<RecordType> recordTypeFromString(std::string_view name);
 // Every enumerator, in declaration order.
 const std::vector<RecordType>& allRecordTypes();
 
+// The IANA private enterprise number written with this system's enterprise-specific
+// field specifiers: a deployment constant, set at build time (FLOWEXPORT_PEN). The
+// default, 32473, is the number IANA reserves for documentation and examples
+// (RFC 5612).
+#ifndef FLOWEXPORT_PEN
+#define FLOWEXPORT_PEN 32473
+#endif
+constexpr uint32_t privateEnterpriseNumber() { return FLOWEXPORT_PEN; }
+
 enum class SelectorAlgorithm : uint32_t { randomNofNSampling = 3 };
 std::string stringValue(SelectorAlgorithm a);
 

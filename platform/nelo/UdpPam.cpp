@@ -35,6 +35,9 @@ void UdpPam::modeIs(Mode m) {
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;
     appliedTos_ = -1;
+    bindTried_ = false;
+    bound4_ = IpAddr();
+    bound6_ = Ip6Addr();
     return;
   }
   if (fd_ >= 0) return;
@@ -53,6 +56,7 @@ void UdpPam::modeIs(Mode m) {
   }
   fd_ = fd;
   appliedTos_ = -1;
+  bindTried_ = false;
 }
 
 void UdpPam::applyTos() {
@@ -74,6 +78,23 @@ bool UdpPam::txPkt(const Zub::Ptr<Pkt>& pkt) {
     return false;
   }
   applyTos();
+  // Bind to the first source: packets from it need no ancillary data.
+  if (!bindTried_ && (ipv6En_ ? !txSrc6_.isZero() : !txSrc4_.isZero())) {
+    bindTried_ = true;
+    if (ipv6En_) {
+      sockaddr_in6 a{};
+      a.sin6_family = AF_INET6;
+      std::memcpy(&a.sin6_addr, txSrc6_.bytes().data(), 16);
+      if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) bound6_ = txSrc6_;
+    } else {
+      sockaddr_in a{};
+      a.sin_family = AF_INET;
+      a.sin_addr.s_addr = txSrc4_.valueNbo();
+      if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) bound4_ = txSrc4_;
+    }
+  }
+  const bool fromBound = ipv6En_ ? (!bound6_.isZero() && txSrc6_ == bound6_)
+                                 : (!bound4_.isZero() && txSrc4_ == bound4_);
   iovec iov{const_cast<uint8_t*>(pkt->data()), pkt->bytes()};
   msghdr msg{};
   msg.msg_iov = &iov;
@@ -87,7 +108,7 @@ bool UdpPam::txPkt(const Zub::Ptr<Pkt>& pkt) {
     dst4.sin_addr.s_addr = txDst4_.valueNbo();
     msg.msg_name = &dst4;
     msg.msg_namelen = sizeof dst4;
-    if (!txSrc4_.isZero()) {
+    if (!txSrc4_.isZero() && !fromBound) {
       msg.msg_control = control;
       msg.msg_controllen = CMSG_SPACE(sizeof(in_pktinfo));
       cmsghdr* c = CMSG_FIRSTHDR(&msg);
@@ -104,7 +125,7 @@ bool UdpPam::txPkt(const Zub::Ptr<Pkt>& pkt) {
     std::memcpy(&dst6.sin6_addr, txDst6_.bytes().data(), 16);
     msg.msg_name = &dst6;
     msg.msg_namelen = sizeof dst6;
-    if (!txSrc6_.isZero()) {
+    if (!txSrc6_.isZero() && !fromBound) {
       msg.msg_control = control;
       msg.msg_controllen = CMSG_SPACE(sizeof(in6_pktinfo));
       cmsghdr* c = CMSG_FIRSTHDR(&msg);
@@ -116,7 +137,10 @@ bool UdpPam::txPkt(const Zub::Ptr<Pkt>& pkt) {
       std::memcpy(CMSG_DATA(c), &info, sizeof info);
     }
   }
-  ssize_t n = ::sendmsg(fd_, &msg, 0);
+  ssize_t n = msg.msg_control
+                  ? ::sendmsg(fd_, &msg, 0)
+                  : ::sendto(fd_, iov.iov_base, iov.iov_len, 0,
+                             static_cast<const sockaddr*>(msg.msg_name), msg.msg_namelen);
   if (n < 0) {
     lastErrno_ = errno;
     ++txErrors_;

@@ -1,7 +1,9 @@
 #pragma once
-// UdpPam: a UDP transmit endpoint. One unbound socket of one family serves every
-// destination of an exporter; each packet is sent with sendmsg carrying its own
-// source address (IP_PKTINFO / IPV6_PKTINFO), destination and port. The DSCP set with
+// UdpPam: a UDP transmit endpoint. One socket of one family serves every destination
+// of an exporter; each packet carries its own source address, destination and port.
+// The socket is bound to the first source address it sends from, so the common case
+// (one source for all packets) is a plain sendto; a packet from another source is sent
+// with sendmsg carrying that source (IP_PKTINFO / IPV6_PKTINFO). The DSCP set with
 // txTosIs is the raw 0..63 value; the packet carries it in the upper six bits of its
 // TOS / traffic class byte.
 
@@ -32,10 +34,10 @@ class UdpPam : public Zub::PtrInterface {
   IpTrafficControl txPrio() const { return txPrio_; }
   // modeOn opens the socket, modeOff closes it. Raises Zub::ErrnoException when a
   // system call fails; the endpoint is then closed.
-  void modeIs(Mode m);
+  virtual void modeIs(Mode m);
   void modeIs(int m) { modeIs(static_cast<Mode>(m)); }
-  Mode mode() const { return fd_ >= 0 ? modeOn : modeOff; }
-  int fd() const { return fd_; }
+  virtual Mode mode() const { return fd_ >= 0 ? modeOn : modeOff; }
+  virtual int fd() const { return fd_; }
 
   void txSrcIpAddrIs(IpAddr a) { txSrc4_ = a; }
   void txDstIpAddrIs(IpAddr a) { txDst4_ = a; }
@@ -47,7 +49,16 @@ class UdpPam : public Zub::PtrInterface {
 
   // Sends one datagram with the current transmit settings. Returns false when the
   // endpoint is off or the kernel refused the packet (counted in txErrors).
-  bool txPkt(const Zub::Ptr<Pkt>& pkt);
+  // Unit tests replace the endpoint by a recorder that overrides modeIs, mode, fd and
+  // txPkt.
+  virtual bool txPkt(const Zub::Ptr<Pkt>& pkt);
+
+  IpAddr txSrcIpAddr() const { return txSrc4_; }
+  IpAddr txDstIpAddr() const { return txDst4_; }
+  const Ip6Addr& txSrcIp6Addr() const { return txSrc6_; }
+  const Ip6Addr& txDstIp6Addr() const { return txDst6_; }
+  Port txPort() const { return txPort_; }
+  uint8_t txTos() const { return txDscp_; }
 
   uint64_t txPkts() const { return txPkts_; }
   uint64_t txErrors() const { return txErrors_; }
@@ -65,6 +76,9 @@ class UdpPam : public Zub::PtrInterface {
   Port txPort_ = 0;
   uint8_t txDscp_ = 0;
   int appliedTos_ = -1;  // TOS byte set on the socket, -1 before the first send
+  bool bindTried_ = false;
+  IpAddr bound4_;        // the source the socket is bound to (zero: not bound)
+  Ip6Addr bound6_;
   uint64_t txPkts_ = 0;
   uint64_t txErrors_ = 0;
   int lastErrno_ = 0;

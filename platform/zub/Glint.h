@@ -20,6 +20,15 @@ namespace Zub::Glint {
 
 constexpr int kMaxLevel = 9;
 
+// The levels the agent uses: 0 errors, 1 lifecycle (created / deleted), 3 state
+// changes, 5 diagnostics, 8 handler entry, 9 packet dumps. Twyx keeps 0..3 always.
+constexpr int kError = 0;
+constexpr int kLife = 1;
+constexpr int kState = 3;
+constexpr int kDiag = 5;
+constexpr int kEntry = 8;
+constexpr int kDump = 9;
+
 class Facility {
  public:
   explicit Facility(std::string name) : name_(std::move(name)) {}

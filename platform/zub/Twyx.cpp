@@ -17,7 +17,6 @@ struct Line {
 };
 Line ring[kLines];
 uint64_t written = 0;  // lines recorded so far; the next goes to written % kLines
-int maxLevel = 3;
 
 // Formats one kept line as "[seconds.micros] text" into buf; returns its length.
 size_t format(const Line& l, char* buf, size_t size) {
@@ -31,9 +30,6 @@ size_t format(const Line& l, char* buf, size_t size) {
   return used;
 }
 }  // namespace
-
-int levelMax() { return maxLevel; }
-void levelMaxIs(int level) { maxLevel = level; }
 
 void record(std::string_view facility, int level, std::string_view text) {
   Line& l = ring[written % kLines];

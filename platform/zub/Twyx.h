@@ -12,9 +12,11 @@ namespace Zub::Twyx {
 constexpr int kLines = 512;        // lines kept
 constexpr int kLineBytes = 240;    // longer lines are cut
 
-int levelMax();
-void levelMaxIs(int level);
-inline bool captures(int level) { return level <= levelMax(); }
+// The highest level kept (default 3).
+inline int levelMaxValue = 3;
+inline int levelMax() { return levelMaxValue; }
+inline void levelMaxIs(int level) { levelMaxValue = level; }
+inline bool captures(int level) { return level <= levelMaxValue; }
 
 void record(std::string_view facility, int level, std::string_view text);
 // The lines kept, oldest first (tests, and the dump).

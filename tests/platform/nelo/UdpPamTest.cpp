@@ -24,7 +24,8 @@ Zub::Ptr<Nelo::Pkt> packetOf(const std::string& bytes) {
 
 struct Family {
   bool v6;
-  const char* src;  // a loopback source other than the default where the family has one
+  const char* src;   // a loopback source other than the default where the family has one
+  const char* src2;  // a second source: the socket is bound to the first one by then
   const char* dst;
 };
 
@@ -43,14 +44,17 @@ TEST_P(UdpPamFamilyTest, SourceDestinationPayloadAndDscpOnTheWire) {
   struct Case {
     uint8_t dscp;
     std::string payload;
+    bool second;
   };
-  for (const Case& c : {Case{46, "first"}, Case{0, "second"}, Case{63, "third"}}) {
+  for (const Case& c : {Case{46, "first", false}, Case{0, "second", true},
+                        Case{63, "third", false}}) {
     SCOPED_TRACE(int(c.dscp));
+    const char* src = c.second ? f.src2 : f.src;
     if (f.v6) {
-      pam->txSrcIp6AddrIs(Nelo::Ip6Addr(f.src));
+      pam->txSrcIp6AddrIs(Nelo::Ip6Addr(src));
       pam->txDstIp6AddrIs(Nelo::Ip6Addr(f.dst));
     } else {
-      pam->txSrcIpAddrIs(Nelo::IpAddr(f.src));
+      pam->txSrcIpAddrIs(Nelo::IpAddr(src));
       pam->txDstIpAddrIs(Nelo::IpAddr(f.dst));
     }
     pam->txPortIs(rx.port());
@@ -59,7 +63,7 @@ TEST_P(UdpPamFamilyTest, SourceDestinationPayloadAndDscpOnTheWire) {
     auto d = rx.receive(2000ms);
     ASSERT_TRUE(d);
     EXPECT_EQ(d->payload, c.payload);
-    EXPECT_EQ(d->src.stringValue(), f.src);
+    EXPECT_EQ(d->src.stringValue(), src);
     EXPECT_EQ(d->dstPort, rx.port());
     EXPECT_EQ(d->tos, c.dscp << 2);  // DSCP in the upper six bits: 46 gives 0xb8
   }
@@ -71,8 +75,8 @@ TEST_P(UdpPamFamilyTest, SourceDestinationPayloadAndDscpOnTheWire) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, UdpPamFamilyTest,
-                         ::testing::Values(Family{false, "127.0.0.2", "127.0.0.1"},
-                                           Family{true, "::1", "::1"}),
+                         ::testing::Values(Family{false, "127.0.0.2", "127.0.0.3", "127.0.0.1"},
+                                           Family{true, "::1", "::1", "::1"}),
                          [](const auto& info) { return info.param.v6 ? "IPv6" : "IPv4"; });
 
 TEST(UdpPam, SourceThatIsNotLocalIsRefusedNotFatal) {

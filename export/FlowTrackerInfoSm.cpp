@@ -1,0 +1,204 @@
+#include "export/FlowTrackerInfoSm.h"
+
+#include "export/Trace.h"
+
+namespace FlowTracking {
+
+PamFactory realPamFactory() {
+  return [](const Zub::Name& name) { return Zub::Ptr<Nelo::UdpPam>(new Nelo::UdpPam(name)); };
+}
+
+// ---- ExporterInfoSm ---------------------------------------------------------------------
+
+ExporterInfoSm::ExporterInfoSm(const Zub::Name& expName, const Zub::Name& ftName,
+                               const Zub::Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig,
+                               const Zub::Ptr<ExporterInfo>& expInfo,
+                               Orrin::TaskScheduler& scheduler, PamFactory pamFactory)
+    : expName_(expName),
+      ftName_(ftName),
+      hwExpConfig_(hwExpConfig),
+      expInfo_(expInfo),
+      scheduler_(scheduler),
+      pamFactory_(std::move(pamFactory)),
+      traceId_(ftName + "-" + expName) {
+  // A collector is known when either family resolved it.
+  watch(hwExpConfig_->collectorIpAndPortSignal(),
+        [this](const Zub::String& n) { handleCollector(n); });
+  watch(hwExpConfig_->collectorIp6AndPortSignal(),
+        [this](const Zub::String& n) { handleCollector(n); });
+}
+
+ExporterInfoSm::~ExporterInfoSm() {
+  if (pamManagementTask_) pamManagementTask_->unschedule();
+}
+
+void ExporterInfoSm::handleInitialized() {
+  GLINT(exportTrace(), kEntry) << "ExporterInfoSm::handleInitialized for " << traceId_;
+  pamManagementTask_ = new Orrin::Task(scheduler_, "PamManagementTask-" + ftName_ + "-" + expName_,
+                                       kTaskPriority, [this] { handlePamManagementTask(); });
+  pamManagementTask_->schedule();
+}
+
+void ExporterInfoSm::handlePamManagementTask() {
+  if (!pamManagementTask_->running()) {
+    GLINT(exportTrace(), kDiag) << "Returning because pamManagementTask not running.";
+    return;
+  }
+  GLINT(exportTrace(), kEntry) << "ExporterInfoSm::handlePamManagementTask for " << traceId_;
+  handleCollector();
+  createPam4();
+  createPam6();
+}
+
+void ExporterInfoSm::handleCollector() {
+  for (const Zub::String& n : hwExpConfig_->collectorIpAndPortColl().keys()) handleCollector(n);
+  for (const Zub::String& n : hwExpConfig_->collectorIp6AndPortColl().keys()) handleCollector(n);
+  for (const Zub::String& n : expInfo_->collInfoColl().keys()) handleCollector(n);
+}
+
+void ExporterInfoSm::handleCollector(const Zub::String& name) {
+  if (destroyed_) return;
+  GLINT(exportTrace(), kEntry) << "ExporterInfoSm::handleCollector for " << traceId_
+                               << ", collector " << name;
+  if (!hwExpConfig_->collectorIpAndPortHas(name) && !hwExpConfig_->collectorIp6AndPortHas(name)) {
+    expInfo_->collInfoDel(name);
+    return;
+  }
+  if (auto info = expInfo_->collInfo(name)) {
+    GLINT(exportTrace(), kDiag) << "Using existing collectorInfo for " << name
+                                << ", seqNo: " << info->ipfixMsgSeqNo();
+    return;
+  }
+  expInfo_->collInfoIs(name);
+  GLINT(exportTrace(), kState) << "Initiated sequence number for " << name;
+  // An endpoint that could not be made earlier is tried again with the next change.
+  if ((!expInfo_->udpPam4() || !expInfo_->udpPam6()) && pamManagementTask_) {
+    pamManagementTask_->schedule();
+  }
+}
+
+void ExporterInfoSm::createPam4() { createPam_(false); }
+void ExporterInfoSm::createPam6() { createPam_(true); }
+
+void ExporterInfoSm::createPam_(bool v6) {
+  if (v6 ? expInfo_->udpPam6() : expInfo_->udpPam4()) return;
+  const Zub::Name name = Zub::str(v6 ? "udpPam6-" : "udpPam4-", ftName_, "-", expName_);
+  try {
+    Zub::Ptr<Nelo::UdpPam> pam = pamFactory_(name);
+    pam->ipv6EnIs(v6);
+    pam->txPrioIs(kTxPrio);
+    pam->modeIs(Nelo::UdpPam::modeOn);
+    if (v6) {
+      expInfo_->udpPam6Is(pam);
+    } else {
+      expInfo_->udpPam4Is(pam);
+    }
+    GLINT(exportTrace(), kLife) << "Created Pam: " << name << ", txPrio: " << kTxPrio
+                                << ", fd: " << pam->fd();
+  } catch (const Zub::ErrnoException& e) {
+    GLINT(exportTrace(), 0) << "Caught ErrnoException: " << e.what();
+  }
+}
+
+void ExporterInfoSm::handleDestroyed() {
+  if (destroyed_) return;
+  destroyed_ = true;
+  GLINT(exportTrace(), kEntry) << "ExporterInfoSm::handleDestroyed for " << traceId_;
+  if (pamManagementTask_) pamManagementTask_->unschedule();
+  if (auto pam = expInfo_->udpPam4()) {
+    pam->modeIs(Nelo::UdpPam::modeOff);
+    expInfo_->udpPam4Is(nullptr);
+  }
+  if (auto pam = expInfo_->udpPam6()) {
+    pam->modeIs(Nelo::UdpPam::modeOff);
+    expInfo_->udpPam6Is(nullptr);
+  }
+  expInfo_->collInfoDelAll();
+}
+
+// ---- FlowTrackerInfoSm -----------------------------------------------------------------
+
+FlowTrackerInfoSm::FlowTrackerInfoSm(const Zub::Name& trackerName,
+                                     const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
+                                     const Zub::Ptr<FlowTrackerInfo>& ftInfo,
+                                     Orrin::TaskScheduler& scheduler, PamFactory pamFactory)
+    : trackerName_(trackerName),
+      hwFtConfig_(hwFtConfig),
+      ftInfo_(ftInfo),
+      scheduler_(scheduler),
+      pamFactory_(std::move(pamFactory)) {
+  watch(hwFtConfig_->expConfigSignal(), [this](const Zub::Name& n) { handleHwExpConfig(n); });
+}
+
+FlowTrackerInfoSm::~FlowTrackerInfoSm() {
+  for (auto& [name, sm] : expInfoSm_) sm->handleDestroyed();
+}
+
+void FlowTrackerInfoSm::handleInitialized() {
+  for (const Zub::Name& n : hwFtConfig_->expConfigColl().keys()) handleHwExpConfig(n);
+}
+
+void FlowTrackerInfoSm::handleHwExpConfig(const Zub::Name& name) {
+  GLINT(exportTrace(), kEntry) << "FlowTrackerInfoSm::handleHwExpConfig for " << trackerName_
+                               << "-" << name;
+  auto hwExp = hwFtConfig_->expConfig(name);
+  auto it = expInfoSm_.find(name);
+  if (hwExp) {
+    if (it != expInfoSm_.end()) return;
+    auto expInfo = ftInfo_->expInfoIs(name);
+    expInfoSm_[name] = Zub::makeReactor<ExporterInfoSm>(name, trackerName_, hwExp, expInfo,
+                                                        scheduler_, pamFactory_);
+    GLINT(exportTrace(), kLife) << "Created ExporterInfoSm for " << name;
+  } else if (it != expInfoSm_.end()) {
+    Zub::Ptr<ExporterInfoSm> sm = it->second;
+    sm->handleDestroyed();
+    expInfoSm_.erase(it);
+    ftInfo_->expInfoDel(name);
+    GLINT(exportTrace(), kLife) << "Deleted ExporterInfoSm for " << name;
+  }
+}
+
+// ---- FlowTrackingInfoSm ----------------------------------------------------------------
+
+FlowTrackingInfoSm::FlowTrackingInfoSm(const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
+                                       const Zub::Ptr<FlowTrackingInfo>& flowTrackingInfo,
+                                       Orrin::TaskScheduler& scheduler, PamFactory pamFactory)
+    : hwConfig_(hwConfig),
+      flowTrackingInfo_(flowTrackingInfo),
+      scheduler_(scheduler),
+      pamFactory_(std::move(pamFactory)) {
+  watch(hwConfig_->hwFtConfigSignal(), [this](const Zub::Name& n) { handleHwFtConfig(n); });
+}
+
+FlowTrackingInfoSm::~FlowTrackingInfoSm() { ftInfoSm_.clear(); }
+
+void FlowTrackingInfoSm::handleInitialized() {
+  for (const Zub::Name& n : hwConfig_->hwFtConfigColl().keys()) handleHwFtConfig(n);
+}
+
+void FlowTrackingInfoSm::handleHwFtConfig(const Zub::Name& name) {
+  GLINT(exportTrace(), kEntry) << "FlowTrackingInfoSm::handleHwFtConfig for " << name;
+  auto hwFt = hwConfig_->hwFtConfig(name);
+  auto it = ftInfoSm_.find(name);
+  if (hwFt) {
+    if (it != ftInfoSm_.end()) return;
+    auto ftInfo = flowTrackingInfo_->ftInfoIs(name);
+    ftInfoSm_[name] =
+        Zub::makeReactor<FlowTrackerInfoSm>(name, hwFt, ftInfo, scheduler_, pamFactory_);
+    GLINT(exportTrace(), kLife) << "Created FlowTrackerInfoSm for " << name;
+  } else if (it != ftInfoSm_.end()) {
+    ftInfoSm_.erase(it);
+    flowTrackingInfo_->ftInfoDel(name);
+    GLINT(exportTrace(), kLife) << "Deleted FlowTrackerInfoSm for " << name;
+  }
+}
+
+Zub::Ptr<FlowTrackingInfoSm> flowTrackingInfoSmFactory(
+    const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
+    const Zub::Ptr<FlowTrackingInfo>& flowTrackingInfo, Orrin::TaskScheduler& scheduler,
+    PamFactory pamFactory) {
+  return Zub::makeReactor<FlowTrackingInfoSm>(hwConfig, flowTrackingInfo, scheduler,
+                                              std::move(pamFactory));
+}
+
+}  // namespace FlowTracking

@@ -1,0 +1,261 @@
+#include "export/FlowTrackerTemplateSm.h"
+
+#include "export/Trace.h"
+#include "platform/zub/Clock.h"
+
+namespace FlowTracking {
+
+// ---- FtExporterSm ----------------------------------------------------------------------
+
+FtExporterSm::FgStatusSm::FgStatusSm(FtExporterSm* owner,
+                                     const Zub::Ptr<HwFlowTracking::FgStatus>& fgStatus)
+    : owner_(owner), fgStatus_(fgStatus) {
+  watch(fgStatus_->genIdSignal(), [this] { doCleanup(); });
+}
+
+void FtExporterSm::FgStatusSm::doCleanup() {
+  owner_->templateLenDel(fgStatus_->templateId());
+  if (owner_->templateCreationTask()) owner_->templateCreationTask()->schedule();
+}
+
+FtExporterSm::FtExporterSm(const Zub::Name& expName, const Zub::Name& ftName, FtId ftId,
+                           const Zub::Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig,
+                           const Zub::Ptr<ExporterInfo>& expInfo,
+                           Stova::Ipfix::CollectorStatistics* collStats,
+                           Orrin::TaskScheduler& scheduler,
+                           const Zub::Ptr<HwFlowTracking::FtStatus>& hwFtStatus)
+    : TemplateExporterSmBase(expName, ftName, ftId, hwExpConfig, expInfo, collStats, scheduler),
+      hwFtStatus_(hwFtStatus) {
+  watch(hwFtStatus_->hwFgStatusSignal(), [this](const TemplateId& id) { onHwFgStatus(id); });
+}
+
+FtExporterSm::~FtExporterSm() {
+  if (templateCreationTask_) templateCreationTask_->unschedule();
+}
+
+void FtExporterSm::handleInitialized() {
+  GLINT(exportTrace(), kEntry) << "FtExporterSm::handleInitialized for " << traceId();
+  handleStartup();
+  templateCreationTask_ = new Orrin::Task(
+      scheduler(), taskPrefix() + "-" + "TemplateCreationTask" + "-" + name2() + "-" + name1(),
+      kTaskPriority, [this] { handleTemplateCreationTask(); });
+  for (const auto& [id, fg] : hwFtStatus_->hwFgStatusColl()) {
+    hwFgStatus_[id] = Zub::makeReactor<FgStatusSm>(this, fg);
+  }
+  templateCreationTask_->schedule();
+  initialized_ = true;
+}
+
+void FtExporterSm::onHwFgStatus(TemplateId templateId) {
+  GLINT(exportTrace(), kEntry) << "FtExporterSm::onHwFgStatus for " << traceId()
+                               << ", templateId " << templateId;
+  auto fg = hwFtStatus_->hwFgStatus(templateId);
+  auto it = hwFgStatus_.find(templateId);
+  if (it != hwFgStatus_.end()) {
+    if (fg == it->second->fgStatus()) return;
+    Zub::Ptr<FgStatusSm> old = it->second;
+    hwFgStatus_.erase(it);
+    old->doCleanup();
+  }
+  if (fg) hwFgStatus_[templateId] = Zub::makeReactor<FgStatusSm>(this, fg);
+  if (templateCreationTask_) templateCreationTask_->schedule();
+}
+
+uint32_t FtExporterSm::getFgTemplateLength(const HwFlowTracking::FgStatus& fg) {
+  uint32_t len = sizeof(Nelo::Wire::TemplateHeader);
+  for (const auto& [seq, entry] : fg.templateEntryColl()) {
+    len += entry->enterpriseIe() ? sizeof(Nelo::Wire::EnterpriseFieldSpecifier)
+                                 : sizeof(Nelo::Wire::FieldSpecifier);
+  }
+  return len;
+}
+
+uint32_t FtExporterSm::getFtTemplateLength() const {
+  uint32_t len = 0;
+  for (const auto& [id, sm] : hwFgStatus_) len += getFgTemplateLength(*sm->fgStatus());
+  return len;
+}
+
+void FtExporterSm::handleTemplateCreationTask() {
+  if (!templateCreationTask_->running()) {
+    GLINT(exportTrace(), kDiag) << "Returning because templateCreationTask not running.";
+    return;
+  }
+  GLINT(exportTrace(), kEntry) << "FtExporterSm::handleTemplateCreationTask for " << traceId();
+  templateLenDelAll();
+  const uint32_t len = getFtTemplateLength();
+  if (len == 0) {
+    templateReadyIs(false);
+    GLINT(exportTrace(), kDiag) << "Returning because no flow group configured.";
+    return;
+  }
+  if (len + kHeaderBytes > hwExpConfig()->ipfixMaxMsgSize()) {
+    // All templates travel in one message; the exporter's MTU is too small for them.
+    templateReadyIs(false);
+    GLINT(exportTrace(), Zub::Glint::kError)
+        << "Returning because templates of " << len << " bytes exceed the maximum message size "
+        << hwExpConfig()->ipfixMaxMsgSize() << " of " << traceId();
+    return;
+  }
+  Zub::Ptr<Nelo::Pkt> pkt = getPkt(len);
+  uint8_t* p = pkt->data();
+  uint32_t offset = 0;
+  uint16_t count = 0;
+  for (const auto& [id, sm] : hwFgStatus_) {
+    const HwFlowTracking::FgStatus& fg = *sm->fgStatus();
+    const uint32_t fgLen = getFgTemplateLength(fg);
+    templateLenIs(id, fgLen);
+    GLINT(exportTrace(), kDiag) << "Template for " << id << " has length: " << fgLen
+                                << ", and is at offset: " << offset;
+    Nelo::NetU16::write(p + offset, id.value());
+    Nelo::NetU16::write(p + offset + 2, static_cast<uint16_t>(fg.templateEntrySize()));
+    offset += sizeof(Nelo::Wire::TemplateHeader);
+    for (const auto& [seq, entry] : fg.templateEntryColl()) {
+      const auto elementId = static_cast<uint16_t>(entry->fieldId());
+      GLINT(exportTrace(), kDiag) << "Element: " << entry << ", elementId: " << elementId
+                                  << ", len: " << entry->fieldLen();
+      const bool enterprise = entry->enterpriseIe();
+      Nelo::NetU16::write(p + offset, enterprise
+                                          ? static_cast<uint16_t>(elementId |
+                                                                  Nelo::IpfixConst::enterpriseBit())
+                                          : elementId);
+      Nelo::NetU16::write(p + offset + 2, static_cast<uint16_t>(entry->fieldLen()));
+      offset += sizeof(Nelo::Wire::FieldSpecifier);
+      if (enterprise) {
+        Nelo::NetU32::write(p + offset, Ipfix::privateEnterpriseNumber());
+        offset += sizeof(uint32_t);
+      }
+    }
+    ++count;
+  }
+  ZUB_ASSERT(offset == len);
+  templatePktIs(pkt);
+  templatePktTemplateCountIs(count);
+  finishMessage();
+}
+
+// ---- FtTemplateSm ----------------------------------------------------------------------
+
+FtTemplateSm::FtTemplateSm(const Zub::Name& ftName,
+                           const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
+                           const Zub::Ptr<FlowTrackerInfo>& ftInfo,
+                           const Zub::Ptr<HwFlowTracking::FtStatus>& hwFtStatus,
+                           Stova::Ipfix::CollectorStatistics* collStats,
+                           Orrin::TaskScheduler& scheduler)
+    : ftName_(ftName),
+      hwFtConfig_(hwFtConfig),
+      ftInfo_(ftInfo),
+      hwFtStatus_(hwFtStatus),
+      collStats_(collStats),
+      scheduler_(scheduler) {
+  watch(hwFtConfig_->expConfigSignal(), [this](const Zub::Name& n) { handleExporters(n); });
+  watch(ftInfo_->expInfoSignal(), [this](const Zub::Name& n) { handleExporters(n); });
+}
+
+void FtTemplateSm::handleInitialized() {
+  for (const Zub::Name& n : hwFtConfig_->expConfigColl().keys()) handleExporters(n);
+}
+
+void FtTemplateSm::handleExporters(const Zub::Name& name) {
+  GLINT(exportTrace(), kEntry) << "FtTemplateSm::handleExporters for " << ftName_ << "-" << name;
+  auto hwExp = hwFtConfig_->expConfig(name);
+  auto expInfo = ftInfo_->expInfo(name);
+  auto it = ftExporterSm_.find(name);
+  if (hwExp && expInfo) {
+    if (it != ftExporterSm_.end()) return;
+    ftExporterSm_[name] = Zub::makeReactor<FtExporterSm>(
+        name, ftName_, hwFtConfig_->ftId(), hwExp, expInfo, collStats_, scheduler_, hwFtStatus_);
+    GLINT(exportTrace(), kLife) << "Created FtExporterSm for " << name;
+  } else if (it != ftExporterSm_.end()) {
+    ftExporterSm_.erase(it);
+    GLINT(exportTrace(), kLife) << "Deleted FtExporterSm for " << name;
+  }
+}
+
+// ---- TemplateSm ------------------------------------------------------------------------
+
+TemplateSm::TemplateSm(const Zub::Ptr<Config>& flowTrackingConfig,
+                       const Zub::Ptr<ConfigReq>& flowTrackingConfigReq,
+                       const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
+                       const Zub::Ptr<HwFlowTracking::Status>& hwStatus,
+                       const Zub::Ptr<FlowTrackingInfo>& flowTrackingInfo,
+                       Stova::Ipfix::CollectorStatistics* collStats,
+                       Orrin::TaskScheduler& scheduler)
+    : flowTrackingConfig_(flowTrackingConfig),
+      flowTrackingConfigReq_(flowTrackingConfigReq),
+      hwConfig_(hwConfig),
+      hwStatus_(hwStatus),
+      flowTrackingInfo_(flowTrackingInfo),
+      collStats_(collStats),
+      scheduler_(scheduler) {
+  watch(hwStatus_->hwFtStatusSignal(), [this](const Zub::Name& n) { handleHwFtStatus(n); });
+  watch(hwConfig_->hwFtConfigSignal(), [this](const Zub::Name& n) { handleHwFtStatus(n); });
+  watch(flowTrackingInfo_->ftInfoSignal(), [this](const Zub::Name& n) { handleHwFtStatus(n); });
+  watch(flowTrackingConfigReq_->clearCountersSignal(), [this] { clearCounters(); });
+}
+
+TemplateSm::~TemplateSm() { ftTemplateSm_.clear(); }
+
+void TemplateSm::handleInitialized() {
+  for (const Zub::Name& n : hwStatus_->hwFtStatusColl().keys()) handleHwFtStatus(n);
+}
+
+void TemplateSm::handleHwFtStatus(const Zub::Name& name) {
+  GLINT(exportTrace(), kEntry) << "TemplateSm::handleHwFtStatus for " << name;
+  auto status = hwStatus_->hwFtStatus(name);
+  auto hwFt = hwConfig_->hwFtConfig(name);
+  auto ftInfo = flowTrackingInfo_->ftInfo(name);
+  auto it = ftTemplateSm_.find(name);
+  if (status && hwFt && ftInfo) {
+    if (it != ftTemplateSm_.end()) return;
+    ftTemplateSm_[name] =
+        Zub::makeReactor<FtTemplateSm>(name, hwFt, ftInfo, status, collStats_, scheduler_);
+    GLINT(exportTrace(), kLife) << "Created FtTemplateSm for " << name;
+  } else if (it != ftTemplateSm_.end()) {
+    ftTemplateSm_.erase(it);
+    GLINT(exportTrace(), kLife) << "Deleted FtTemplateSm for " << name;
+  }
+}
+
+void TemplateSm::clearCounters() {
+  const ClearCountersReq req = flowTrackingConfigReq_->clearCounters();
+#define TRACE_CLEAR GLINT(exportTrace(), kState) << "TemplateSm::" << "clearCounters"
+  if (req.reqTime == 0) {
+    TRACE_CLEAR << " requestTime is zero";
+    return;
+  }
+  TRACE_CLEAR << " tracker \"" << req.tracker << "\"" << " exporter \"" << req.exporter << "\"";
+  if (!collStats_) return;
+  for (const auto& entry : collStats_->statsAll()) {
+    const auto& key = entry.key;
+    if ((!req.tracker.empty() && req.tracker != key.tracker()) ||
+        (!req.exporter.empty() && req.exporter != key.exporter())) {
+      TRACE_CLEAR << " did not match " << key.stovaString();
+      continue;
+    }
+    if (key.exporter().empty() && !key.collector) {
+      TRACE_CLEAR << " skip 'clear time' entry " << key.stovaString();
+      continue;
+    }
+    TRACE_CLEAR << " clear counters " << key.stovaString();
+    collStats_->statsDel(key);
+    Stova::Ipfix::CollectorStatisticsEntry marker(
+        Stova::Ipfix::CollectorStatisticsKey(Stova::Ipfix::CollectorInfo(), key.tracker(), ""));
+    marker.lastClearedTime = Zub::System::now();
+    collStats_->statsIs(marker);
+  }
+#undef TRACE_CLEAR
+}
+
+Zub::Ptr<TemplateSm> templateSmFactory(const Zub::Ptr<Config>& flowTrackingConfig,
+                                       const Zub::Ptr<ConfigReq>& flowTrackingConfigReq,
+                                       const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
+                                       const Zub::Ptr<HwFlowTracking::Status>& hwStatus,
+                                       const Zub::Ptr<FlowTrackingInfo>& flowTrackingInfo,
+                                       Stova::Ipfix::CollectorStatistics* collStats,
+                                       Orrin::TaskScheduler& scheduler) {
+  return Zub::makeReactor<TemplateSm>(flowTrackingConfig, flowTrackingConfigReq, hwConfig,
+                                      hwStatus, flowTrackingInfo, collStats, scheduler);
+}
+
+}  // namespace FlowTracking

@@ -1,0 +1,128 @@
+// Statistics records: set slots, text forms, limits, and clear-counters requests.
+
+#include <gtest/gtest.h>
+
+#include "tests/support/ExportWorld.h"
+
+namespace {
+
+using namespace Stova::Ipfix;
+
+CollectorStatisticsKey key4(const std::string& tracker, const std::string& exporter,
+                            const char* addr = "10.0.0.1", uint16_t port = 4739) {
+  return CollectorStatisticsKey(CollectorInfo::fromIpAndPort({Nelo::IpAddr(addr), port}),
+                                tracker, exporter);
+}
+
+CollectorSetStatisticsEntry set(uint16_t id, uint64_t templates) {
+  CollectorSetStatisticsEntry e;
+  e.setId = SetId(id);
+  e.exportedTemplateCount = templates;
+  return e;
+}
+
+TEST(CollectorStats, NineSetSlotsTheTenthIsARangeError) {
+  CollectorStatisticsEntry e(key4("T", "E"));
+  for (uint16_t i = 0; i < 9; ++i) e.setEntryIs(set(static_cast<uint16_t>(256 + i), i));
+  EXPECT_EQ(e.setEntryCount, 9);
+  e.setEntryIs(set(260, 99));  // an existing id keeps its slot
+  EXPECT_EQ(e.setEntry(SetId(260)).exportedTemplateCount, 99u);
+  try {
+    e.setEntryIs(set(300, 1));
+    FAIL();
+  } catch (const Zub::RangeException& ex) {
+    EXPECT_STREQ(ex.what(), "SetIndex::value < SetIndex::min or > SetIndex::max not allowed");
+  }
+}
+
+TEST(CollectorStats, DeletedSlotsAreReusedAndTheHighWaterMarkDrops) {
+  CollectorStatisticsEntry e(key4("T", "E"));
+  for (uint16_t id : {2, 3, 256, 257}) e.setEntryIs(set(id, id));
+  // Deleting a middle slot leaves a hole that the next new id takes first.
+  EXPECT_EQ(e.setEntryDel(SetId(3)).exportedTemplateCount, 3u);
+  EXPECT_EQ(e.setEntryCount, 4);
+  EXPECT_EQ(e.setEntry(SetId(3)).exportedTemplateCount, 0u);
+  e.setEntryIs(set(258, 1));
+  EXPECT_EQ(e.indexForSetId(SetId(258)).value, 1);
+  // Deleting the last slots lowers the count past trailing free slots.
+  e.setEntryDel(SetId(256));
+  EXPECT_EQ(e.setEntryCount, 4);
+  e.setEntryDel(SetId(257));
+  EXPECT_EQ(e.setEntryCount, 2);
+  EXPECT_EQ(e.setEntryDel(SetId(999)).exportedTemplateCount, 0u);
+  EXPECT_FALSE(e.indexForSetId(SetId(257)).found());
+  EXPECT_EQ(e.indexForSetId(SetId(257)).value, SetIndex::setIdNotFound);
+  EXPECT_THROW(SetIndex(9), Zub::RangeException);
+}
+
+TEST(CollectorStats, TextForms) {
+  auto v6 = CollectorStatisticsKey(
+      CollectorInfo::fromIp6AndPort({Nelo::Ip6Addr("2001:db8::7"), 4739}), "T", "E");
+  EXPECT_EQ(v6.collector.stringValue(), "[2001:db8::7]:4739");
+  EXPECT_EQ(v6.stovaString(), "T E [2001:db8::7]:4739");
+  CollectorStatisticsEntry e(key4("trk", "exp"));
+  e.exportedMessageTotalCount = 3;
+  e.exportedOctetTotalCount = 168;
+  e.lastSentTime = 1800000000.6;
+  e.setEntryIs(set(2, 6));
+  EXPECT_EQ(e.stovaString(),
+            "[trk exp 10.0.0.1:4739] msgs: 3, flows: 0, octets: 168, last message: 1800000001, "
+            "template: 0, data: 0, options data: 0, cleared: 0, set 2: (flows: 0, templates: 6)");
+  EXPECT_TRUE(!CollectorInfo());
+  EXPECT_FALSE(!v6.collector);
+  try {
+    StringIndex(128);
+    FAIL();
+  } catch (const Zub::RangeException& ex) {
+    EXPECT_STREQ(ex.what(), "StringIndex::value < StringIndex::min or > StringIndex::max not "
+                            "allowed");
+  }
+  CollectorStatisticsKey k;
+  k.trackerIs(std::string(128, 't'));  // exactly the storage: no terminator needed
+  EXPECT_EQ(k.tracker(), std::string(128, 't'));
+}
+
+TEST(CollectorStatsDeathTest, NamesAndSetIdsOutOfRange) {
+  CollectorStatisticsKey k;
+  EXPECT_DEATH(k.exporterIs(std::string(129, 'e')),
+               "ASSERTION FAILED: sz <= StringIndex::max\\(\\) \\+ 1");
+  EXPECT_DEATH(SetId(255), "ASSERTION FAILED: setId == 2 \\|\\| setId == 3 \\|\\| setId >= 256");
+}
+
+TEST(ClearCounters, RemovesMatchingEntriesAndKeepsOneMarkerPerTracker) {
+  TestSupport::ExportWorld w;
+  w.start();
+  for (const char* t : {"T1", "T2"}) {
+    for (const char* e : {"E1", "E2"}) {
+      CollectorStatisticsEntry entry(key4(t, e));
+      entry.exportedMessageTotalCount = 5;
+      w.stats->statsIs(entry);
+    }
+  }
+  auto req = [&](const std::string& t, const std::string& e) {
+    w.configReq->clearCountersIs(FlowTracking::ClearCountersReq{t, e, Zub::System::now()});
+  };
+  w.configReq->clearCountersIs(FlowTracking::ClearCountersReq{"", "", 0});  // no request
+  EXPECT_EQ(w.stats->statsSize(), 4u);
+  req("T1", "E2");
+  EXPECT_EQ(w.stats->statsSize(), 4u);  // one entry cleared, one marker written
+  EXPECT_FALSE(w.stats->statsHas(key4("T1", "E2")));
+  const CollectorStatisticsKey marker1(CollectorInfo(), "T1", "");
+  EXPECT_EQ(w.stats->stats(marker1).lastClearedTime, Zub::System::now());
+
+  w.advance(10);
+  req("", "");
+  auto all = w.stats->statsAll();
+  ASSERT_EQ(all.size(), 2u);  // only the markers remain
+  for (const auto& e : all) {
+    EXPECT_TRUE(!e.key.collector);
+    EXPECT_EQ(e.exportedMessageTotalCount, 0u);
+    EXPECT_EQ(e.lastClearedTime, Zub::System::now());
+  }
+  // Markers survive a later clear unchanged.
+  w.advance(10);
+  req("", "");
+  EXPECT_EQ(w.stats->stats(marker1).lastClearedTime, Zub::System::now() - 10);
+}
+
+}  // namespace

@@ -1,0 +1,81 @@
+// Endpoints and per-collector sequence numbers.
+
+#include <gtest/gtest.h>
+
+#include "tests/support/ExportWorld.h"
+
+namespace {
+
+using TestSupport::ExportWorld;
+
+TEST(ExporterInfoSm, EndpointsPerExporterAndSequenceNumbersPerCollector) {
+  ExportWorld w;
+  w.exporter("T", 1, "E", "10.0.0.1", "2001:db8::1");
+  w.collector4("T", "E", "a", "192.0.2.1", 4739);
+  w.start();
+  auto expInfo = w.info->ftInfo("T")->expInfo("E");
+  ASSERT_TRUE(expInfo->udpPam4());
+  ASSERT_TRUE(expInfo->udpPam6());
+  EXPECT_EQ(expInfo->udpPam4()->name(), "udpPam4-T-E");
+  EXPECT_EQ(expInfo->udpPam6()->name(), "udpPam6-T-E");
+  EXPECT_TRUE(expInfo->udpPam6()->ipv6En());
+  EXPECT_EQ(expInfo->udpPam4()->txPrio(), 2);
+  auto sm = w.infoSm->ftInfoSm().at("T")->expInfoSm().at("E");
+  EXPECT_EQ(sm->pamManagementTask()->name(), "PamManagementTask-T-E");
+  EXPECT_EQ(sm->pamManagementTask()->priority(), 2);
+
+  auto a = w.collInfo("T", "E", "a");
+  ASSERT_TRUE(a);
+  a->ipfixMsgSeqNoInc(10);
+  // Changing anything else of the exporter keeps the number.
+  auto hw = w.hwConfig->hwFtConfig("T")->expConfig("E");
+  hw->collectorIpAndPortIs("a", Nelo::IpAndPort{Nelo::IpAddr("192.0.2.1"), 4740});
+  hw->dscpValueIs(Nelo::DscpValue(8));
+  w.collector6("T", "E", "b", "2001:db8::2", 4739);  // an IPv6-only collector gets one too
+  w.run();
+  EXPECT_EQ(w.collInfo("T", "E", "a")->ipfixMsgSeqNo().value, 10u);
+  ASSERT_TRUE(w.collInfo("T", "E", "b"));
+  EXPECT_FALSE(w.collInfo("T", "E", "b")->optTemplateSent());
+  // Removing and re-adding restarts at 0.
+  hw->collectorIpAndPortDel("a");
+  EXPECT_FALSE(w.collInfo("T", "E", "a"));
+  w.collector4("T", "E", "a", "192.0.2.1", 4739);
+  EXPECT_EQ(w.collInfo("T", "E", "a")->ipfixMsgSeqNo().value, 0u);
+}
+
+TEST(ExporterInfoSm, RemovingAnExporterSwitchesBothEndpointsOffFirst) {
+  ExportWorld w;
+  w.exporter("T", 1, "E", "10.0.0.1");
+  w.collector4("T", "E", "a", "192.0.2.1", 4739);
+  w.start();
+  auto expInfo = w.info->ftInfo("T")->expInfo("E");
+  auto pam4 = expInfo->udpPam4();
+  w.recorder.events.clear();
+  w.hwConfig->hwFtConfig("T")->expConfigDel("E");
+  EXPECT_EQ(w.recorder.events,
+            (std::vector<std::string>{"close udpPam4-T-E", "close udpPam6-T-E"}));
+  EXPECT_EQ(pam4->mode(), Nelo::UdpPam::modeOff);
+  EXPECT_FALSE(expInfo->udpPam4());
+  EXPECT_EQ(expInfo->collInfoSize(), 0u);
+  EXPECT_FALSE(w.info->ftInfo("T")->expInfo("E"));
+  // The tracker going away takes its run-time state with it.
+  w.hwConfig->hwFtConfigDel("T");
+  EXPECT_FALSE(w.info->ftInfo("T"));
+}
+
+TEST(ExporterInfoSm, EndpointFailureLeavesItAbsentAndALaterChangeRetries) {
+  ExportWorld w;
+  w.recorder.failOpen = true;
+  w.exporter("T", 1, "E", "10.0.0.1");
+  w.start();
+  auto expInfo = w.info->ftInfo("T")->expInfo("E");
+  EXPECT_FALSE(expInfo->udpPam4());
+  EXPECT_FALSE(expInfo->udpPam6());
+  w.recorder.failOpen = false;
+  w.collector4("T", "E", "a", "192.0.2.1", 4739);
+  w.run();
+  EXPECT_TRUE(expInfo->udpPam4());
+  EXPECT_TRUE(expInfo->udpPam6());
+}
+
+}  // namespace
