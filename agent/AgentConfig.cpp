@@ -1,0 +1,353 @@
+#include "agent/AgentConfig.h"
+
+#include <yaml-cpp/yaml.h>
+
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "platform/nelo/IntfId.h"
+
+namespace Agent {
+
+ConfigError::ConfigError(const std::string& file, int line, const std::string& field,
+                         const std::string& message)
+    : std::runtime_error(file + ":" + std::to_string(line) + ": " +
+                         (field.empty() ? "" : field + ": ") + message),
+      file_(file),
+      line_(line),
+      field_(field),
+      message_(message) {}
+
+namespace {
+
+// Walks the document with the path of each node, for error messages.
+class Parser {
+ public:
+  explicit Parser(std::string file) : file_(std::move(file)) {}
+
+  [[noreturn]] void fail(const YAML::Node& n, const std::string& path,
+                         const std::string& message) const {
+    throw ConfigError(file_, n.Mark().line >= 0 ? n.Mark().line + 1 : 0, path, message);
+  }
+
+  void expectMap(const YAML::Node& n, const std::string& path,
+                 std::initializer_list<const char*> known) const {
+    if (!n.IsMap()) fail(n, path, "expected a mapping");
+    std::set<std::string> ok(known.begin(), known.end());
+    for (const auto& kv : n) {
+      const std::string key = kv.first.as<std::string>();
+      if (!ok.count(key)) {
+        std::string list;
+        for (const char* k : known) list += std::string(list.empty() ? "" : ", ") + k;
+        fail(kv.first, join(path, key), "unknown field (known: " + list + ")");
+      }
+    }
+  }
+
+  static std::string join(const std::string& path, const std::string& key) {
+    return path.empty() ? key : path + "." + key;
+  }
+
+  std::string str(const YAML::Node& n, const std::string& path) const {
+    if (!n.IsScalar()) fail(n, path, "expected a text value");
+    return n.as<std::string>();
+  }
+
+  bool boolean(const YAML::Node& n, const std::string& path) const {
+    bool b;
+    if (!n.IsScalar() || !YAML::convert<bool>::decode(n, b)) fail(n, path, "expected true or false");
+    return b;
+  }
+
+  long long integer(const YAML::Node& n, const std::string& path) const {
+    long long v;
+    if (!n.IsScalar() || !YAML::convert<long long>::decode(n, v)) {
+      fail(n, path, "expected a whole number");
+    }
+    return v;
+  }
+
+  // A bounded model value, from the number the operator writes times `scale`.
+  template <class T>
+  T bounded(const YAML::Node& n, const std::string& path, long long scale = 1) const {
+    const long long v = integer(n, path);
+    const long long limit = 1LL << 40;
+    try {
+      return T(v > limit || v < -limit ? v : v * scale);
+    } catch (const Zub::RangeException& e) {
+      fail(n, path, e.what());
+    }
+  }
+
+  template <class F>
+  void list(const YAML::Node& n, const std::string& path, F&& each) const {
+    if (!n.IsSequence()) fail(n, path, "expected a list");
+    for (size_t i = 0; i < n.size(); ++i) each(n[i], path + "[" + std::to_string(i) + "]");
+  }
+
+  ExporterSpec exporter(const YAML::Node& n, const std::string& path) const {
+    expectMap(n, path, {"name", "collectors", "local-interface", "vrf", "dscp", "mtu",
+                        "template-interval"});
+    ExporterSpec e;
+    if (!n["name"]) fail(n, path, "an exporter needs a name");
+    e.name = name(n["name"], join(path, "name"));
+    if (n["collectors"]) {
+      std::set<std::string> hosts;
+      list(n["collectors"], join(path, "collectors"), [&](const YAML::Node& c, const std::string& p) {
+        auto hp = Nelo::HostAndPort::parse(str(c, p));
+        if (!hp || hp->port == 0) {
+          fail(c, p, "expected host:port, a.b.c.d:port or [IPv6]:port with a port of 1..65535");
+        }
+        if (!hosts.insert(hp->host).second) fail(c, p, "collector host " + hp->host + " given twice");
+        e.collectors.push_back(*hp);
+      });
+    }
+    if (n["local-interface"]) e.localInterface = str(n["local-interface"], join(path, "local-interface"));
+    if (n["vrf"]) e.vrf = vrf(n["vrf"], join(path, "vrf"));
+    if (n["dscp"]) e.dscp = bounded<Nelo::DscpValue>(n["dscp"], join(path, "dscp"));
+    if (n["mtu"]) e.mtu = bounded<FlowTracking::IpfixMtu>(n["mtu"], join(path, "mtu"));
+    if (n["template-interval"]) {
+      e.templateInterval = bounded<FlowTracking::TemplateInterval>(
+          n["template-interval"], join(path, "template-interval"), 1000);
+    }
+    return e;
+  }
+
+  TrackerSpec tracker(const YAML::Node& n, const std::string& path) const {
+    expectMap(n, path, {"name", "active-interval", "inactive-timeout", "exporters"});
+    TrackerSpec t;
+    if (!n["name"]) fail(n, path, "a tracker needs a name");
+    t.name = name(n["name"], join(path, "name"));
+    if (n["active-interval"]) {
+      t.activeInterval = bounded<FlowTracking::ActiveInterval>(
+          n["active-interval"], join(path, "active-interval"), 1000);
+    }
+    if (n["inactive-timeout"]) {
+      t.inactiveTimeout = bounded<FlowTracking::InactiveTimeout>(
+          n["inactive-timeout"], join(path, "inactive-timeout"), 1000);
+    }
+    if (n["exporters"]) {
+      std::set<std::string> names;
+      list(n["exporters"], join(path, "exporters"), [&](const YAML::Node& e, const std::string& p) {
+        t.exporters.push_back(exporter(e, p));
+        if (!names.insert(t.exporters.back().name).second) {
+          fail(e, p, "exporter " + t.exporters.back().name + " given twice");
+        }
+      });
+    }
+    return t;
+  }
+
+  std::string name(const YAML::Node& n, const std::string& path) const {
+    std::string s = str(n, path);
+    if (s.empty()) fail(n, path, "a name must not be empty");
+    if (s.size() > FlowTracking::Constants::confNameMaxLen()) {
+      fail(n, path, "a name is at most " +
+                        std::to_string(FlowTracking::Constants::confNameMaxLen()) + " bytes");
+    }
+    return s;
+  }
+
+  L3::VrfName vrf(const YAML::Node& n, const std::string& path) const {
+    try {
+      return L3::VrfName(str(n, path));
+    } catch (const Zub::RangeException& e) {
+      fail(n, path, e.what());
+    }
+  }
+
+  InterfaceSpec interface(const std::string& intfName, const YAML::Node& n,
+                          const std::string& path) const {
+    InterfaceSpec i;
+    i.name = intfName;
+    if (n.IsNull()) return i;
+    expectMap(n, path, {"link", "forwarding-model", "mtu", "ipv4", "ipv6", "vrf", "members",
+                        "index"});
+    if (n["link"]) {
+      const std::string link = str(n["link"], join(path, "link"));
+      if (link != "up" && link != "down") fail(n["link"], join(path, "link"), "expected up or down");
+      i.linkUp = link == "up";
+    }
+    if (n["forwarding-model"]) {
+      static const std::map<std::string, Interface::ForwardingModel> models = {
+          {"inactive", Interface::ForwardingModel::intfForwardingModelInactive},
+          {"data-link", Interface::ForwardingModel::intfForwardingModelDataLink},
+          {"quiet", Interface::ForwardingModel::intfForwardingModelQuiet},
+          {"bridged", Interface::ForwardingModel::intfForwardingModelBridged},
+          {"routed", Interface::ForwardingModel::intfForwardingModelRouted},
+      };
+      const std::string m = str(n["forwarding-model"], join(path, "forwarding-model"));
+      auto it = models.find(m);
+      if (it == models.end()) {
+        fail(n["forwarding-model"], join(path, "forwarding-model"),
+             "expected routed, bridged, quiet, data-link or inactive");
+      }
+      i.forwardingModel = it->second;
+    }
+    if (n["mtu"]) {
+      const long long mtu = integer(n["mtu"], join(path, "mtu"));
+      if (mtu < 68 || mtu > 65535) fail(n["mtu"], join(path, "mtu"), "expected 68..65535 bytes");
+      i.mtu = static_cast<uint32_t>(mtu);
+    }
+    if (n["ipv4"]) {
+      auto a = Nelo::IpAddrWithMask::parse(str(n["ipv4"], join(path, "ipv4")));
+      if (!a) fail(n["ipv4"], join(path, "ipv4"), "expected an IPv4 address with its length, a.b.c.d/n");
+      i.ipv4 = *a;
+    }
+    if (n["ipv6"]) {
+      list(n["ipv6"], join(path, "ipv6"), [&](const YAML::Node& a, const std::string& p) {
+        auto v = Nelo::Ip6AddrWithMask::parse(str(a, p));
+        if (!v) fail(a, p, "expected an IPv6 address with its length, x::y/n");
+        i.ipv6.push_back(*v);
+      });
+    }
+    if (n["vrf"]) i.vrf = vrf(n["vrf"], join(path, "vrf"));
+    if (n["members"]) {
+      if (!Nelo::PortChannelIntfId::isPortChannelIntfId(Nelo::IntfId(intfName))) {
+        fail(n["members"], join(path, "members"), "only a Port-Channel has members");
+      }
+      list(n["members"], join(path, "members"),
+           [&](const YAML::Node& m, const std::string& p) { i.members.push_back(str(m, p)); });
+    }
+    if (n["index"]) {
+      const long long idx = integer(n["index"], join(path, "index"));
+      if (idx < 1 || idx > 0x3FFFFFFE) fail(n["index"], join(path, "index"), "expected 1..1073741822");
+      i.index = static_cast<uint32_t>(idx);
+    }
+    return i;
+  }
+
+  VrfSpec vrfSpec(const std::string& vrfName, const YAML::Node& n, const std::string& path) const {
+    VrfSpec v;
+    v.name = vrf(YAML::Node(vrfName), path);
+    auto state = [&](const YAML::Node& s, const std::string& p) {
+      const std::string t = str(s, p);
+      if (t == "active") return Ip::VrfState::vrfActive;
+      if (t == "inactive" || t == "initializing") return Ip::VrfState::vrfInitializing;
+      if (t == "deleting") return Ip::VrfState::vrfDeleting;
+      fail(s, p, "expected active, inactive or deleting");
+    };
+    if (n.IsScalar()) {
+      v.state = state(n, path);
+      return v;
+    }
+    expectMap(n, path, {"state", "id"});
+    if (n["state"]) v.state = state(n["state"], join(path, "state"));
+    if (n["id"]) {
+      const long long id = integer(n["id"], join(path, "id"));
+      if (id < 0 || id > 0xFFFFFE) fail(n["id"], join(path, "id"), "expected 0..16777214");
+      v.id = static_cast<uint32_t>(id);
+    }
+    return v;
+  }
+
+  AgentConfig document(const YAML::Node& root) const {
+    AgentConfig c;
+    if (root.IsNull()) return c;
+    expectMap(root, "", {"flow-tracking", "platform"});
+    if (const YAML::Node ft = root["flow-tracking"]) {
+      const std::string p = "flow-tracking";
+      expectMap(ft, p, {"enabled", "hardware-acceleration", "sample-rate", "trackers", "interfaces"});
+      if (ft["enabled"]) c.enabled = boolean(ft["enabled"], join(p, "enabled"));
+      if (ft["hardware-acceleration"]) {
+        c.hardwareAcceleration = boolean(ft["hardware-acceleration"], join(p, "hardware-acceleration"));
+      }
+      if (ft["sample-rate"]) {
+        c.sampleRate = bounded<FlowTracking::SampleRate>(ft["sample-rate"], join(p, "sample-rate"));
+      }
+      std::set<std::string> names;
+      if (ft["trackers"]) {
+        list(ft["trackers"], join(p, "trackers"), [&](const YAML::Node& t, const std::string& tp) {
+          c.trackers.push_back(tracker(t, tp));
+          if (!names.insert(c.trackers.back().name).second) {
+            fail(t, tp, "tracker " + c.trackers.back().name + " given twice");
+          }
+        });
+      }
+      if (const YAML::Node intfs = ft["interfaces"]) {
+        const std::string ip = join(p, "interfaces");
+        if (!intfs.IsMap()) fail(intfs, ip, "expected a mapping of interface: tracker");
+        for (const auto& kv : intfs) {
+          const std::string intf = kv.first.as<std::string>();
+          c.interfaceTracker[intf] = name(kv.second, join(ip, intf));
+        }
+      }
+    }
+    if (const YAML::Node pl = root["platform"]) {
+      expectMap(pl, "platform", {"interfaces", "vrfs"});
+      if (const YAML::Node intfs = pl["interfaces"]) {
+        if (!intfs.IsMap()) fail(intfs, "platform.interfaces", "expected a mapping of interfaces");
+        for (const auto& kv : intfs) {
+          const std::string intf = kv.first.as<std::string>();
+          c.interfaces.push_back(interface(intf, kv.second, "platform.interfaces." + intf));
+        }
+      }
+      if (const YAML::Node vrfs = pl["vrfs"]) {
+        if (!vrfs.IsMap()) fail(vrfs, "platform.vrfs", "expected a mapping of VRFs");
+        for (const auto& kv : vrfs) {
+          const std::string v = kv.first.as<std::string>();
+          c.vrfs.push_back(vrfSpec(v, kv.second, "platform.vrfs." + v));
+        }
+      }
+    }
+    return c;
+  }
+
+ private:
+  std::string file_;
+};
+
+}  // namespace
+
+AgentConfig parseConfig(const std::string& yamlText, const std::string& fileName) {
+  YAML::Node root;
+  try {
+    root = YAML::Load(yamlText);
+  } catch (const YAML::Exception& e) {
+    throw ConfigError(fileName, e.mark.line >= 0 ? e.mark.line + 1 : 0, "", e.msg);
+  }
+  return Parser(fileName).document(root);
+}
+
+AgentConfig loadConfigFile(const std::string& path) {
+  std::ifstream in(path);
+  if (!in) throw ConfigError(path, 0, "", "cannot read the file");
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return parseConfig(ss.str(), path);
+}
+
+const std::string& embeddedDefaultConfig() {
+  static const std::string text = R"(# flowexportd's embedded default configuration
+flow-tracking:
+  enabled: true
+  sample-rate: 1048576
+  trackers:
+    - name: default
+      active-interval: 300
+      inactive-timeout: 15
+      exporters:
+        - name: local
+          collectors: ["127.0.0.1:4739"]
+          local-interface: Loopback0
+          template-interval: 60
+  interfaces:
+    Ethernet1: default
+platform:
+  interfaces:
+    Loopback0:
+      mtu: 65535
+      ipv4: 127.0.0.1/8
+      ipv6: ["::1/128"]
+    Ethernet1:
+      link: up
+      forwarding-model: routed
+      index: 1
+  vrfs:
+    default: active
+)";
+  return text;
+}
+
+}  // namespace Agent

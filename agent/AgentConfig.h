@@ -1,0 +1,92 @@
+#pragma once
+// The agent's configuration file (YAML): the operator configuration and, until the
+// platform status comes from the kernel, the platform's interfaces and VRFs. Parsing
+// validates everything before anything is applied; an error names the file, the line
+// and the field.
+
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "ipfix/FlowTrackingTypes.h"
+#include "platform/nelo/Addr.h"
+#include "platform/nelo/VrfName.h"
+#include "platform/status/Interface.h"
+#include "platform/status/Ip.h"
+
+namespace Agent {
+
+struct ExporterSpec {
+  std::string name;
+  std::vector<Nelo::HostAndPort> collectors;  // keyed by host text, so hosts are unique
+  std::string localInterface;
+  L3::VrfName vrf{"default"};  // an exporter with no VRF is in the default VRF
+  Nelo::DscpValue dscp;
+  FlowTracking::IpfixMtu mtu;
+  FlowTracking::TemplateInterval templateInterval;
+};
+
+struct TrackerSpec {
+  std::string name;
+  FlowTracking::ActiveInterval activeInterval;
+  FlowTracking::InactiveTimeout inactiveTimeout;
+  std::vector<ExporterSpec> exporters;
+};
+
+struct InterfaceSpec {
+  std::string name;
+  bool linkUp = true;
+  Interface::ForwardingModel forwardingModel = Interface::ForwardingModel::intfForwardingModelRouted;
+  uint32_t mtu = 1500;
+  std::optional<Nelo::IpAddrWithMask> ipv4;
+  std::vector<Nelo::Ip6AddrWithMask> ipv6;
+  L3::VrfName vrf{"default"};
+  std::vector<std::string> members;  // port-channels
+  std::optional<uint32_t> index;     // the index the hardware reports in flow records
+};
+
+struct VrfSpec {
+  L3::VrfName name;
+  Ip::VrfState state = Ip::VrfState::vrfActive;
+  std::optional<uint32_t> id;
+};
+
+struct AgentConfig {
+  bool enabled = false;
+  bool hardwareAcceleration = false;
+  FlowTracking::SampleRate sampleRate;
+  std::vector<TrackerSpec> trackers;
+  std::map<std::string, std::string> interfaceTracker;  // bound interface -> tracker
+  std::vector<InterfaceSpec> interfaces;
+  std::vector<VrfSpec> vrfs;
+};
+
+// "flowexport.yaml:14: flow-tracking.trackers[0].exporters[0].mtu: <message>"
+class ConfigError : public std::runtime_error {
+ public:
+  ConfigError(const std::string& file, int line, const std::string& field,
+              const std::string& message);
+  const std::string& file() const { return file_; }
+  int line() const { return line_; }
+  const std::string& field() const { return field_; }
+  const std::string& message() const { return message_; }
+
+ private:
+  std::string file_;
+  int line_;
+  std::string field_;
+  std::string message_;
+};
+
+// Parses and validates; raises ConfigError.
+AgentConfig parseConfig(const std::string& yamlText, const std::string& fileName);
+AgentConfig loadConfigFile(const std::string& path);
+
+// The configuration the agent runs on when it is given no file: one tracker whose
+// exporter sends from a loopback interface (127.0.0.1 and ::1) to a collector on
+// 127.0.0.1:4739.
+const std::string& embeddedDefaultConfig();
+
+}  // namespace Agent

@@ -1,0 +1,144 @@
+#include "agent/ConfigApplier.h"
+
+#include <set>
+
+namespace Agent {
+
+namespace {
+template <class Coll, class Keep>
+void deleteOthers(Coll& coll, Keep&& keep, std::function<void(const typename Coll::Key&)> del) {
+  for (const auto& key : coll.keys()) {
+    if (!keep(key)) del(key);
+  }
+}
+}  // namespace
+
+void applyPlatform(StatusEntities& s, const AgentConfig& cfg) {
+  std::set<Nelo::IntfId> wanted;
+  for (const InterfaceSpec& spec : cfg.interfaces) {
+    const Nelo::IntfId id(spec.name);
+    wanted.insert(id);
+    s.allIntf->intfStatusIs(id)->mtuIs(spec.mtu);
+    const auto link = spec.linkUp ? Interface::LinkStatus::linkUp : Interface::LinkStatus::linkDown;
+    if (Nelo::PortChannelIntfId::isPortChannelIntfId(id)) {
+      auto lag = s.ethLag->intfStatusIs(id);
+      std::set<Nelo::IntfId> members(spec.members.begin(), spec.members.end());
+      for (const auto& m : lag->memberColl().keys()) {
+        if (!members.count(m)) lag->memberDel(m);
+      }
+      for (const auto& m : members) lag->memberIs(m, true);
+      lag->forwardingModelIs(spec.forwardingModel);
+      lag->linkStatusIs(link);
+    } else if (Nelo::EthIntfId::isEthIntfId(id)) {
+      auto eth = s.ethPhy->intfStatusIs(id);
+      eth->forwardingModelIs(spec.forwardingModel);
+      eth->linkStatusIs(link);
+    }
+    auto& l3 = s.l3[id];
+    if (!l3) l3 = new L3::IntfStatus(id);
+    l3->vrfIs(spec.vrf);
+    if (spec.ipv4) {
+      auto ip = s.ip->ipIntfStatusIs(id);
+      ip->l3StatusIs(l3);
+      ip->activeAddrWithMaskIs(*spec.ipv4);
+    } else {
+      s.ip->ipIntfStatusDel(id);
+    }
+    if (!spec.ipv6.empty()) {
+      auto ip6 = s.ip6->intfIs(id);
+      std::set<Nelo::Ip6AddrWithMask> addrs(spec.ipv6.begin(), spec.ipv6.end());
+      for (const auto& a : ip6->addrColl().keys()) {
+        if (!addrs.count(a)) ip6->addrDel(a);
+      }
+      for (const auto& a : spec.ipv6) ip6->addrIs(a);
+    } else {
+      s.ip6->intfDel(id);
+    }
+    if (spec.index) {
+      s.intfIndex[id] = *spec.index;
+    } else {
+      s.intfIndex.erase(id);
+    }
+  }
+  auto keep = [&](const Nelo::IntfId& id) { return wanted.count(id) != 0; };
+  deleteOthers(s.ip->ipIntfStatusColl(), keep, [&](const auto& id) { s.ip->ipIntfStatusDel(id); });
+  deleteOthers(s.ip6->intfColl(), keep, [&](const auto& id) { s.ip6->intfDel(id); });
+  deleteOthers(s.ethPhy->intfStatusColl(), keep,
+               [&](const auto& id) { s.ethPhy->intfStatusDel(id); });
+  deleteOthers(s.ethLag->intfStatusColl(), keep,
+               [&](const auto& id) { s.ethLag->intfStatusDel(id); });
+  deleteOthers(s.allIntf->intfStatusColl(), keep,
+               [&](const auto& id) { s.allIntf->intfStatusDel(id); });
+  for (auto it = s.l3.begin(); it != s.l3.end();) {
+    it = wanted.count(it->first) ? std::next(it) : s.l3.erase(it);
+  }
+  for (auto it = s.intfIndex.begin(); it != s.intfIndex.end();) {
+    it = wanted.count(it->first) ? std::next(it) : s.intfIndex.erase(it);
+  }
+
+  std::set<L3::VrfName> vrfs;
+  std::set<uint32_t> ids;
+  for (const VrfSpec& v : cfg.vrfs) {
+    vrfs.insert(v.name);
+    s.vrfs->vrfIs(v.name)->stateIs(v.state);
+    if (v.id) {
+      ids.insert(*v.id);
+      s.vrfIdMap->vrfIdToNameIs(*v.id, v.name);
+    }
+  }
+  deleteOthers(s.vrfs->vrfColl(), [&](const L3::VrfName& n) { return vrfs.count(n) != 0; },
+               [&](const auto& n) { s.vrfs->vrfDel(n); });
+  deleteOthers(s.vrfIdMap->vrfIdToNameColl(), [&](uint32_t id) { return ids.count(id) != 0; },
+               [&](const auto& id) { s.vrfIdMap->vrfIdToNameDel(id); });
+}
+
+void applyFlowTracking(const Zub::Ptr<FlowTracking::Config>& config, const AgentConfig& cfg) {
+  // Switching off first tears everything down once instead of change by change.
+  if (!cfg.enabled) config->enabledIs(false);
+  config->sampleRateIs(cfg.sampleRate);
+  config->hwAccelEnabledIs(cfg.hardwareAcceleration);
+
+  std::set<std::string> trackers;
+  for (const TrackerSpec& t : cfg.trackers) {
+    trackers.insert(t.name);
+    auto ft = config->flowTrackerConfigIs(t.name);
+    ft->activeIntervalIs(t.activeInterval);
+    ft->inactiveTimeoutIs(t.inactiveTimeout);
+    std::set<std::string> exporters;
+    for (const ExporterSpec& e : t.exporters) {
+      exporters.insert(e.name);
+      auto ex = ft->expConfigIs(e.name);
+      ex->vrfNameIs(e.vrf);
+      ex->localIntfNameIs(e.localInterface);
+      ex->ipfixMtuIs(e.mtu);
+      ex->dscpValueIs(e.dscp);
+      ex->templateIntervalIs(e.templateInterval);
+      std::set<std::string> hosts;
+      for (const auto& c : e.collectors) hosts.insert(c.host);
+      deleteOthers(ex->collectorHostAndPortColl(),
+                   [&](const std::string& h) { return hosts.count(h) != 0; },
+                   [&](const auto& h) { ex->collectorHostAndPortDel(h); });
+      for (const auto& c : e.collectors) ex->collectorHostAndPortIs(c.host, c);
+    }
+    deleteOthers(ft->expConfigColl(), [&](const std::string& n) { return exporters.count(n) != 0; },
+                 [&](const auto& n) { ft->expConfigDel(n); });
+  }
+  deleteOthers(config->flowTrackerConfigColl(),
+               [&](const std::string& n) { return trackers.count(n) != 0; },
+               [&](const auto& n) { config->flowTrackerConfigDel(n); });
+
+  // A rebinding is a delete and a create.
+  for (const auto& intf : config->flowTrackerIntfConfigColl().keys()) {
+    auto it = cfg.interfaceTracker.find(intf.name());
+    if (it == cfg.interfaceTracker.end() ||
+        it->second != config->flowTrackerIntfConfig(intf)->trackerName()) {
+      config->flowTrackerIntfConfigDel(intf);
+    }
+  }
+  for (const auto& [intf, tracker] : cfg.interfaceTracker) {
+    config->flowTrackerIntfConfigIs(Nelo::IntfId(intf), tracker);
+  }
+  config->enabledIs(cfg.enabled);
+}
+
+}  // namespace Agent

@@ -1,0 +1,34 @@
+#pragma once
+// Writes a parsed configuration into the entities. Setters notify only on change, and
+// members that are unchanged are left alone, so applying a file again applies only its
+// differences: unchanged trackers keep their FtId, unchanged collectors their sequence
+// numbers and endpoints.
+
+#include <map>
+
+#include "agent/AgentConfig.h"
+#include "config/FlowTrackerConfig.h"
+#include "platform/status/Interface.h"
+#include "platform/status/Ip.h"
+
+namespace Agent {
+
+struct StatusEntities {
+  Zub::Ptr<Interface::AllEthPhyIntfStatusDir> ethPhy{new Interface::AllEthPhyIntfStatusDir()};
+  Zub::Ptr<Interface::EthLagIntfStatusDir> ethLag{new Interface::EthLagIntfStatusDir()};
+  Zub::Ptr<Interface::AllIntfStatusDir> allIntf{new Interface::AllIntfStatusDir()};
+  Zub::Ptr<Ip::Status> ip{new Ip::Status()};
+  Zub::Ptr<Ip6::Status> ip6{new Ip6::Status()};
+  Zub::Ptr<Ip::AllVrfStatusLocal> vrfs{new Ip::AllVrfStatusLocal()};
+  Zub::Ptr<Vrf::VrfIdMap::Status> vrfIdMap{new Vrf::VrfIdMap::Status()};
+  std::map<Nelo::IntfId, Zub::Ptr<L3::IntfStatus>> l3;
+  // Interface index as the hardware reports it in flow records.
+  std::map<Nelo::IntfId, uint32_t> intfIndex;
+};
+
+// The platform section: interfaces, their addresses and VRFs, VRF states.
+void applyPlatform(StatusEntities& status, const AgentConfig& cfg);
+// The flow-tracking section.
+void applyFlowTracking(const Zub::Ptr<FlowTracking::Config>& config, const AgentConfig& cfg);
+
+}  // namespace Agent

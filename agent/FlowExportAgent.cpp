@@ -1,0 +1,202 @@
+#include "agent/FlowExportAgent.h"
+
+#include <sys/epoll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "platform/zub/Clock.h"
+#include "platform/zub/Glint.h"
+
+namespace Agent {
+
+namespace {
+Zub::Glint::Facility& trace() {
+  static auto& f = Zub::Glint::facility("Agent");
+  return f;
+}
+constexpr const char* kFacility = "FLOWEXPORT";
+}  // namespace
+
+const Zub::LogHandle FLOWEXPORT_CONFIG_LOADED(
+    "FLOWEXPORT_CONFIG_LOADED", 6, "Configuration %s applied.",
+    "The agent read its configuration file and applied the differences.",
+    Zub::NoActionRequired, 0.0, 1.0, kFacility);
+const Zub::LogHandle FLOWEXPORT_CONFIG_REFUSED(
+    "FLOWEXPORT_CONFIG_REFUSED", 3, "Configuration refused: %s",
+    "The configuration file could not be read or holds a value out of range; the agent "
+    "keeps running on its last good configuration.",
+    "Correct the file at the line and field named; the agent reads it again when it is "
+    "saved or on SIGHUP.",
+    0.0, 1.0, kFacility);
+const Zub::LogHandle FLOWEXPORT_STATE_ERROR(
+    "FLOWEXPORT_STATE_ERROR", 4, "Tracker ids could not be saved: %s",
+    "The file that keeps each tracker's observation domain id across restarts could not be "
+    "written; after a restart trackers may get other ids.",
+    "Check that the state directory exists and is writable.", 60.0, 1.0, kFacility);
+
+FlowExportAgent::FlowExportAgent(AgentOptions options) : options_(std::move(options)) {
+  stats_ = Stova::Ipfix::CollectorStatistics::createShared(options_.statsName);
+  if (!options_.stateFile.empty()) stateFile_ = std::make_unique<FtIdStateFile>(options_.stateFile);
+}
+
+FlowExportAgent::~FlowExportAgent() {
+  stateSubs_.clear();
+  if (saveTask_) saveTask_->unschedule();
+  if (reloadTask_) reloadTask_->unschedule();
+  statusPublisherSm_ = nullptr;
+  templateSm_ = nullptr;
+  flowTrackingInfoSm_ = nullptr;
+  configSm_ = nullptr;
+  control_.reset();
+  if (inotifyFd_ >= 0) {
+    scheduler().fdDel(inotifyFd_);
+    ::close(inotifyFd_);
+  }
+  stats_->segment().unlink();
+}
+
+void FlowExportAgent::start() {
+  const AgentConfig cfg = options_.configFile.empty()
+                              ? parseConfig(embeddedDefaultConfig(), "(embedded default)")
+                              : loadConfigFile(options_.configFile);
+  restoreFtIds_();
+  applyPlatform(status_, cfg);
+  applyFlowTracking(config_, cfg);
+
+  ipfixInitSm_ = Ipfix::ipfixInitSmFactory();
+  statusPublisherSm_ = Zub::makeReactor<SwStatusPublisherSm>(
+      hwConfig_, hwStatus_, ipfixInitSm_->elementIdCollection());
+  flowTrackingInfoSm_ = FlowTracking::flowTrackingInfoSmFactory(hwConfig_, info_, scheduler());
+  templateSm_ = FlowTracking::templateSmFactory(config_, configReq_, hwConfig_, hwStatus_, info_,
+                                                stats_.get(), scheduler());
+  configSm_ = Zub::makeReactor<FlowExportConfigSm>(config_, agentDir_, hwConfig_, status_.ethPhy,
+                                                   status_.ethLag, status_.ip, status_.ip6,
+                                                   status_.vrfs, status_.allIntf);
+
+  if (stateFile_) {
+    saveTask_ = new Orrin::Task(scheduler(), "FtIdStateSave", 2, [this] { saveFtIds_(); });
+    stateSubs_.add(hwConfig_->hwFtConfigSignal().connect(
+        nullptr, [this](const Zub::Name&) { saveTask_->schedule(); }));
+  }
+  configSm_->handleStartup();
+  if (stateFile_) saveTask_->schedule();
+  if (!options_.controlSocket.empty()) {
+    control_ = std::make_unique<ControlServer>(
+        scheduler(), options_.controlSocket, options_.controlGroup,
+        [this](const std::vector<std::string>& w) { return handleControl(w); });
+  }
+  if (!options_.configFile.empty()) watchConfigFile_();
+  FLOWEXPORT_CONFIG_LOADED.log(options_.configFile.empty() ? "(embedded default)"
+                                                           : options_.configFile);
+}
+
+bool FlowExportAgent::reload() {
+  if (options_.configFile.empty() || shuttingDown_) return false;
+  AgentConfig cfg;
+  try {
+    cfg = loadConfigFile(options_.configFile);
+  } catch (const ConfigError& e) {
+    FLOWEXPORT_CONFIG_REFUSED.log(e.what());
+    return false;
+  }
+  GLINT(trace(), 1) << "Applying " << options_.configFile;
+  applyPlatform(status_, cfg);
+  applyFlowTracking(config_, cfg);
+  FLOWEXPORT_CONFIG_LOADED.log(options_.configFile);
+  return true;
+}
+
+void FlowExportAgent::shutdown() {
+  if (shuttingDown_) return;
+  shuttingDown_ = true;
+  // The ids stay as they were: a restart gives every tracker the same one again.
+  stateSubs_.clear();
+  if (saveTask_) saveTask_->unschedule();
+  config_->enabledIs(false);
+  if (configSm_) configSm_->handleShutdown(this);
+  exitIs(true);
+}
+
+void FlowExportAgent::handleTerminate(int signal) {
+  GLINT(trace(), 1) << "signal " << signal << ": shutting down";
+  shutdown();
+}
+
+void FlowExportAgent::handleHangup() {
+  GLINT(trace(), 1) << "SIGHUP: reloading";
+  reload();
+}
+
+void FlowExportAgent::flushEntityLog() { std::fflush(stderr); }
+
+std::string FlowExportAgent::handleControl(const std::vector<std::string>& words) {
+  if (words.empty()) return "error: empty request";
+  if (words[0] == "ping") return "ok";
+  if (words[0] == "clear-counters" && words.size() <= 3) {
+    FlowTracking::ClearCountersReq req;
+    req.tracker = words.size() > 1 ? words[1] : "";
+    req.exporter = words.size() > 2 ? words[2] : "";
+    req.reqTime = Zub::System::now();
+    configReq_->clearCountersIs(req);
+    return "ok";
+  }
+  return "error: unknown request '" + words[0] + "'";
+}
+
+void FlowExportAgent::restoreFtIds_() {
+  if (!stateFile_) return;
+  std::string warning;
+  for (const auto& [name, id] : stateFile_->load(&warning)) {
+    // The configuration reactor keeps the id of a tracker it finds in the hardware
+    // configuration, and removes the entries of trackers that are gone.
+    hwConfig_->hwFtConfigIs(name, FlowTracking::FtId(id));
+    GLINT(trace(), 1) << "Restored FtId " << id << " for " << name;
+  }
+  if (!warning.empty()) FLOWEXPORT_STATE_ERROR.log(warning);
+}
+
+void FlowExportAgent::saveFtIds_() {
+  std::map<std::string, uint32_t> ids;
+  for (const auto& [name, ft] : hwConfig_->hwFtConfigColl()) ids[name] = ft->ftId().value();
+  std::string error;
+  if (!stateFile_->save(ids, &error)) FLOWEXPORT_STATE_ERROR.log(error);
+}
+
+void FlowExportAgent::watchConfigFile_() {
+  // Watch the directory: editors replace files by renaming a new one over them.
+  const std::filesystem::path file(options_.configFile);
+  std::string dir = file.parent_path().string();
+  if (dir.empty()) dir = ".";
+  inotifyFd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  if (inotifyFd_ < 0 ||
+      ::inotify_add_watch(inotifyFd_, dir.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE) < 0) {
+    GLINT(trace(), 0) << "cannot watch " << dir << ": " << std::strerror(errno)
+                      << "; reload with SIGHUP";
+    return;
+  }
+  reloadTask_ = new Orrin::TimerTask(scheduler(), "ConfigReload", 2, [this] { reload(); });
+  scheduler().fdIs(inotifyFd_, EPOLLIN, [this](uint32_t) { handleInotify_(); });
+}
+
+void FlowExportAgent::handleInotify_() {
+  alignas(inotify_event) char buf[4096];
+  const std::string name = std::filesystem::path(options_.configFile).filename().string();
+  bool ours = false;
+  for (;;) {
+    ssize_t n = ::read(inotifyFd_, buf, sizeof buf);
+    if (n <= 0) break;
+    for (char* p = buf; p < buf + n;) {
+      auto* ev = reinterpret_cast<inotify_event*>(p);
+      if (ev->len && name == ev->name) ours = true;
+      p += sizeof(inotify_event) + ev->len;
+    }
+  }
+  // Several events come with one save: read once they have settled.
+  if (ours) reloadTask_->scheduleTaskLowestDelay(std::chrono::milliseconds(200));
+}
+
+}  // namespace Agent

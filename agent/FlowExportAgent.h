@@ -1,0 +1,97 @@
+#pragma once
+// The flow-export agent: owns every entity, the scheduler and the statistics table,
+// feeds the configuration and platform status from its configuration file, runs the
+// configuration, endpoint and template reactors and the software status publisher,
+// keeps tracker ids across restarts, answers the control socket, and shuts down on
+// SIGTERM / SIGINT.
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "agent/AgentConfig.h"
+#include "agent/ConfigApplier.h"
+#include "agent/ControlServer.h"
+#include "agent/FlowExportConfigSm.h"
+#include "agent/FtIdStateFile.h"
+#include "agent/SwStatusPublisherSm.h"
+#include "export/FlowTrackerTemplateSm.h"
+#include "ipfix/IpfixSm.h"
+#include "platform/hollin/CAgent.h"
+#include "platform/zub/LogHandle.h"
+
+namespace Agent {
+
+extern const Zub::LogHandle FLOWEXPORT_CONFIG_LOADED;
+extern const Zub::LogHandle FLOWEXPORT_CONFIG_REFUSED;
+extern const Zub::LogHandle FLOWEXPORT_STATE_ERROR;
+
+struct AgentOptions {
+  std::string configFile;  // empty: the embedded default
+  std::string stateFile;   // empty: tracker ids are not kept
+  std::string statsName = Stova::Ipfix::CollectorStatistics::kShmName;
+  std::string controlSocket;  // empty: no control socket
+  std::optional<gid_t> controlGroup;
+};
+
+class FlowExportAgent : public Hollin::CAgent {
+ public:
+  explicit FlowExportAgent(AgentOptions options);
+  ~FlowExportAgent() override;
+
+  // Loads the configuration (raises ConfigError when the first load fails), restores
+  // tracker ids, applies the configuration, creates the reactors and starts.
+  void start();
+  // Re-reads the file and applies its differences; a file that fails to parse or
+  // validate is refused with a log message and the agent keeps its configuration.
+  bool reload();
+  // Disables flow tracking, logs it inactive, removes the agent and ends the loop.
+  void shutdown();
+  // Control requests: "ping", "clear-counters [tracker [exporter]]".
+  std::string handleControl(const std::vector<std::string>& words);
+
+  void flushEntityLog() override;
+
+  const Zub::Ptr<FlowTracking::Config>& config() const { return config_; }
+  const Zub::Ptr<HwFlowTracking::Config>& hwConfig() const { return hwConfig_; }
+  const Zub::Ptr<HwFlowTracking::Status>& hwStatus() const { return hwStatus_; }
+  const Zub::Ptr<FlowTracking::FlowTrackingInfo>& flowTrackingInfo() const { return info_; }
+  Stova::Ipfix::CollectorStatistics& stats() const { return *stats_; }
+  const AgentOptions& options() const { return options_; }
+
+ protected:
+  void handleTerminate(int signal) override;
+  void handleHangup() override;
+
+ private:
+  void restoreFtIds_();
+  void saveFtIds_();
+  void watchConfigFile_();
+  void handleInotify_();
+
+  AgentOptions options_;
+  Zub::Ptr<FlowTracking::Config> config_{new FlowTracking::Config("/flowtracking/config")};
+  Zub::Ptr<FlowTracking::ConfigReq> configReq_{new FlowTracking::ConfigReq("/flowtracking/configReq")};
+  Zub::Ptr<Zub::Dir> agentDir_{new Zub::Dir("/agent/activeAgentDir")};
+  Zub::Ptr<HwFlowTracking::Config> hwConfig_{new HwFlowTracking::Config("/hardware/flowtracking/config")};
+  Zub::Ptr<HwFlowTracking::Status> hwStatus_{new HwFlowTracking::Status("/hardware/flowtracking/status")};
+  Zub::Ptr<FlowTracking::FlowTrackingInfo> info_{new FlowTracking::FlowTrackingInfo("/flowtracking/info")};
+  StatusEntities status_;
+  std::unique_ptr<Stova::Ipfix::CollectorStatistics> stats_;
+  std::unique_ptr<FtIdStateFile> stateFile_;
+  std::unique_ptr<ControlServer> control_;
+
+  Zub::Ptr<Ipfix::IpfixInitSm> ipfixInitSm_;
+  Zub::Ptr<FlowTracking::ConfigSmBase> configSm_;
+  Zub::Ptr<FlowTracking::FlowTrackingInfoSm> flowTrackingInfoSm_;
+  Zub::Ptr<FlowTracking::TemplateSm> templateSm_;
+  Zub::Ptr<SwStatusPublisherSm> statusPublisherSm_;
+
+  Zub::Subscriptions stateSubs_;
+  Zub::Ptr<Orrin::Task> saveTask_;
+  Zub::Ptr<Orrin::TimerTask> reloadTask_;
+  int inotifyFd_ = -1;
+  bool shuttingDown_ = false;
+};
+
+}  // namespace Agent

@@ -1,0 +1,65 @@
+#include "agent/FtIdStateFile.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+namespace Agent {
+
+std::map<std::string, uint32_t> FtIdStateFile::load(std::string* warning) const {
+  std::map<std::string, uint32_t> ids;
+  std::ifstream in(path_);
+  std::string line;
+  int lineNo = 0;
+  while (std::getline(in, line)) {
+    ++lineNo;
+    if (line.empty() || line[0] == '#') continue;
+    size_t space = line.find(' ');
+    unsigned long id = 0;
+    bool ok = space != std::string::npos && space > 0 && space + 1 < line.size();
+    if (ok) {
+      char* end = nullptr;
+      id = std::strtoul(line.substr(0, space).c_str(), &end, 10);
+      ok = end && *end == '\0' && id >= 1 && id <= 65535;
+    }
+    if (!ok) {
+      if (warning) *warning += path_ + ":" + std::to_string(lineNo) + ": ignored malformed line\n";
+      continue;
+    }
+    ids[line.substr(space + 1)] = static_cast<uint32_t>(id);
+  }
+  return ids;
+}
+
+bool FtIdStateFile::save(const std::map<std::string, uint32_t>& ids, std::string* error) const {
+  std::error_code ec;
+  const auto dir = std::filesystem::path(path_).parent_path();
+  if (!dir.empty()) std::filesystem::create_directories(dir, ec);
+  const std::string tmp = path_ + ".tmp";
+  {
+    std::ofstream out(tmp, std::ios::trunc);
+    if (!out) {
+      if (error) *error = "cannot write " + tmp + ": " + std::strerror(errno);
+      return false;
+    }
+    out << "# flowexportd: tracker observation domain ids (FtId tracker)\n";
+    for (const auto& [name, id] : ids) out << id << ' ' << name << '\n';
+    out.flush();
+    if (!out) {
+      if (error) *error = "cannot write " + tmp;
+      return false;
+    }
+  }
+  if (std::rename(tmp.c_str(), path_.c_str()) != 0) {
+    if (error) *error = "cannot rename " + tmp + ": " + std::strerror(errno);
+    ::unlink(tmp.c_str());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace Agent

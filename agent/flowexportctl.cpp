@@ -1,0 +1,189 @@
+// flowexportctl: shows what flowexportd exported and asks it to clear its counters.
+//
+//   flowexportctl show collectors [--json]
+//   flowexportctl clear counters [TRACKER [EXPORTER]]
+//
+// Statistics are read from the daemon's shared memory in this process; requests go to
+// the daemon's control socket.
+
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "agent/ControlServer.h"
+#include "agent/Paths.h"
+#include "export/CollectorStats.h"
+
+namespace {
+
+int usage(FILE* out, int rc) {
+  std::fprintf(out,
+               "usage: flowexportctl [--stats-name NAME] [--control-socket PATH] COMMAND\n"
+               "  show collectors [--json]            export statistics per collector\n"
+               "  clear counters [TRACKER [EXPORTER]] reset them (all, one tracker, or one\n"
+               "                                      exporter of a tracker)\n");
+  return rc;
+}
+
+std::string timeText(double t) {
+  if (t <= 0) return "never";
+  const auto s = static_cast<time_t>(t);
+  struct tm tm;
+  localtime_r(&s, &tm);
+  char buf[32];
+  std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
+  return buf;
+}
+
+std::string json(const std::string& s) {
+  std::string out = "\"";
+  for (char c : s) {
+    switch (c) {
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      default:
+        if (static_cast<unsigned char>(c) < 0x20) {
+          char buf[8];
+          std::snprintf(buf, sizeof buf, "\\u%04x", c);
+          out += buf;
+        } else {
+          out += c;
+        }
+    }
+  }
+  return out + "\"";
+}
+
+std::string num(double v) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.3f", v);
+  return buf;
+}
+
+int showCollectors(const std::string& statsName, bool asJson) {
+  std::vector<Stova::Ipfix::CollectorStatisticsEntry> entries;
+  try {
+    Stova::Ipfix::CollectorStatisticsReader reader(Stova::Segment::open(statsName));
+    entries = reader.all();
+  } catch (const std::exception& e) {
+    std::fprintf(stderr,
+                 "flowexportctl: no statistics in shared memory %s (%s): is flowexportd "
+                 "running?\n",
+                 statsName.c_str(), e.what());
+    return 1;
+  }
+  std::sort(entries.begin(), entries.end(),
+            [](const auto& a, const auto& b) { return a.key < b.key; });
+  std::vector<const Stova::Ipfix::CollectorStatisticsEntry*> rows, cleared;
+  for (const auto& e : entries) (!e.key.collector ? cleared : rows).push_back(&e);
+
+  if (asJson) {
+    std::string out = "{\"collectors\": [";
+    for (size_t i = 0; i < rows.size(); ++i) {
+      const auto& e = *rows[i];
+      out += std::string(i ? ", " : "") + "{\"tracker\": " + json(e.key.tracker()) +
+             ", \"exporter\": " + json(e.key.exporter()) +
+             ", \"collector\": " + json(e.key.collector.stringValue()) +
+             ", \"address\": " + json(e.key.collector.addr.stringValue()) +
+             ", \"port\": " + std::to_string(e.key.collector.port) +
+             ", \"messages\": " + std::to_string(e.exportedMessageTotalCount) +
+             ", \"records\": " + std::to_string(e.exportedFlowRecordTotalCount) +
+             ", \"octets\": " + std::to_string(e.exportedOctetTotalCount) +
+             ", \"lastSent\": " + num(e.lastSentTime) +
+             ", \"lastTemplateSent\": " + num(e.lastTemplateSentTime) +
+             ", \"lastDataRecordSent\": " + num(e.lastDataRecordSentTime) +
+             ", \"lastOptionsDataSent\": " + num(e.lastOptionsDataSentTime) + ", \"sets\": [";
+      bool first = true;
+      for (uint8_t s = 0; s < e.setEntryCount; ++s) {
+        const auto& set = e.setEntryStorage[s];
+        if (set.setId.isFree()) continue;
+        out += std::string(first ? "" : ", ") + "{\"setId\": " + std::to_string(set.setId.value) +
+               ", \"records\": " + std::to_string(set.exportedFlowRecordCount) +
+               ", \"templates\": " + std::to_string(set.exportedTemplateCount) + "}";
+        first = false;
+      }
+      out += "]}";
+    }
+    out += "], \"cleared\": [";
+    for (size_t i = 0; i < cleared.size(); ++i) {
+      out += std::string(i ? ", " : "") + "{\"tracker\": " + json(cleared[i]->key.tracker()) +
+             ", \"time\": " + num(cleared[i]->lastClearedTime) + "}";
+    }
+    out += "]}\n";
+    std::fputs(out.c_str(), stdout);
+    return 0;
+  }
+
+  std::printf("%-16s %-16s %-28s %9s %9s %11s %9s %9s  %s\n", "Tracker", "Exporter", "Collector",
+              "Messages", "Records", "Octets", "Templates", "OptTmpl", "Last sent");
+  for (const auto* e : rows) {
+    const auto templates = e->setEntry(Stova::Ipfix::SetId(2)).exportedTemplateCount;
+    const auto options = e->setEntry(Stova::Ipfix::SetId(3)).exportedTemplateCount;
+    std::printf("%-16s %-16s %-28s %9llu %9llu %11llu %9llu %9llu  %s\n",
+                e->key.tracker().c_str(), e->key.exporter().c_str(),
+                e->key.collector.stringValue().c_str(),
+                static_cast<unsigned long long>(e->exportedMessageTotalCount),
+                static_cast<unsigned long long>(e->exportedFlowRecordTotalCount),
+                static_cast<unsigned long long>(e->exportedOctetTotalCount),
+                static_cast<unsigned long long>(templates),
+                static_cast<unsigned long long>(options), timeText(e->lastSentTime).c_str());
+  }
+  if (rows.empty()) std::printf("(nothing exported yet)\n");
+  for (const auto* e : cleared) {
+    std::printf("Counters of tracker %s last cleared %s\n", e->key.tracker().c_str(),
+                timeText(e->lastClearedTime).c_str());
+  }
+  return 0;
+}
+
+int clearCounters(const std::string& socket, const std::vector<std::string>& names) {
+  std::vector<std::string> words = {"clear-counters"};
+  words.insert(words.end(), names.begin(), names.end());
+  std::string error;
+  auto reply = Agent::controlRequest(socket, words, &error);
+  if (!reply) {
+    std::fprintf(stderr, "flowexportctl: cannot reach flowexportd at %s: %s (is it running?)\n",
+                 socket.c_str(), error.c_str());
+    return 1;
+  }
+  if (*reply != "ok") {
+    std::fprintf(stderr, "flowexportctl: %s\n", reply->c_str());
+    return 1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string statsName = Agent::defaultStatsName();
+  std::string socket = Agent::defaultControlSocket();
+  std::vector<std::string> args;
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    if ((a == "--stats-name" || a == "--control-socket") && i + 1 < argc) {
+      (a == "--stats-name" ? statsName : socket) = argv[++i];
+    } else if (a == "--help" || a == "-h") {
+      return usage(stdout, 0);
+    } else {
+      args.push_back(a);
+    }
+  }
+  if (args.size() >= 2 && args[0] == "show" && args[1] == "collectors") {
+    if (args.size() == 2) return showCollectors(statsName, false);
+    if (args.size() == 3 && args[2] == "--json") return showCollectors(statsName, true);
+  }
+  if (args.size() >= 2 && args.size() <= 4 && args[0] == "clear" && args[1] == "counters") {
+    return clearCounters(socket, std::vector<std::string>(args.begin() + 2, args.end()));
+  }
+  return usage(stderr, 2);
+}

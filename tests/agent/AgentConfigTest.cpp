@@ -1,0 +1,124 @@
+// The configuration file: what is accepted, and what is refused with file, line and
+// field.
+
+#include <gtest/gtest.h>
+
+#include "agent/AgentConfig.h"
+
+namespace {
+
+using Agent::ConfigError;
+using Agent::parseConfig;
+
+TEST(AgentConfig, FullFileWithUnitsOperatorsRead) {
+  const auto c = parseConfig(R"(
+flow-tracking:
+  enabled: true
+  sample-rate: 2048
+  trackers:
+    - name: edge
+      active-interval: 60
+      inactive-timeout: 5
+      exporters:
+        - name: lab
+          collectors: ["collector.lab:2055", "10.0.0.9:4739", "[2001:db8::9]:4739"]
+          local-interface: Loopback0
+          dscp: 46
+          mtu: 1500
+          template-interval: 30
+  interfaces:
+    Ethernet1: edge
+    Port-Channel5: edge
+platform:
+  interfaces:
+    Loopback0: {mtu: 65535, ipv4: 10.0.0.1/32, ipv6: ["2001:db8::1/128"]}
+    Ethernet1: {link: down, forwarding-model: bridged, index: 7}
+    Port-Channel5: {members: [Ethernet2, Ethernet3]}
+  vrfs:
+    default: active
+    red: {state: inactive, id: 3}
+)",
+                           "t.yaml");
+  EXPECT_TRUE(c.enabled);
+  EXPECT_EQ(c.sampleRate.value(), 2048u);
+  ASSERT_EQ(c.trackers.size(), 1u);
+  const auto& t = c.trackers[0];
+  EXPECT_EQ(t.activeInterval.value(), 60000u);
+  EXPECT_EQ(t.inactiveTimeout.value(), 5000u);
+  const auto& e = t.exporters[0];
+  EXPECT_EQ(e.collectors.size(), 3u);
+  EXPECT_EQ(e.collectors[2].host, "2001:db8::9");
+  EXPECT_EQ(e.vrf.name(), "default");  // no VRF configured: the default VRF
+  EXPECT_EQ(e.dscp.value(), 46);
+  EXPECT_EQ(e.templateInterval.value(), 30000u);
+  EXPECT_EQ(c.interfaceTracker.at("Port-Channel5"), "edge");
+  ASSERT_EQ(c.interfaces.size(), 3u);
+  EXPECT_FALSE(c.interfaces[1].linkUp);
+  EXPECT_EQ(c.interfaces[1].index, 7u);
+  EXPECT_EQ(c.interfaces[2].members.size(), 2u);
+  EXPECT_EQ(c.vrfs[1].state, Ip::VrfState::vrfInitializing);
+  EXPECT_EQ(c.vrfs[1].id, 3u);
+  // Defaults of an almost empty file.
+  const auto d = parseConfig("flow-tracking: {trackers: [{name: t, exporters: [{name: e}]}]}", "d");
+  EXPECT_FALSE(d.enabled);
+  EXPECT_EQ(d.trackers[0].activeInterval.value(), 300000u);
+  EXPECT_EQ(d.trackers[0].exporters[0].mtu.value(), 9152u);
+  EXPECT_EQ(parseConfig("", "empty").trackers.size(), 0u);
+  EXPECT_NO_THROW(parseConfig(Agent::embeddedDefaultConfig(), "default"));
+}
+
+TEST(AgentConfig, RefusalsNameFileLineFieldAndTheModelsMessage) {
+  struct Case {
+    std::string yaml;
+    const char* what;
+  };
+  const Case cases[] = {
+      {"flow-tracking:\n  trackers:\n    - name: t\n      active-interval: 4\n",
+       "f.yaml:4: flow-tracking.trackers[0].active-interval: ActiveInterval::value < "
+       "ActiveInterval::minInterval or > ActiveInterval::maxInterval not allowed"},
+      {"flow-tracking:\n  trackers:\n    - name: t\n      exporters:\n        - name: e\n"
+       "          mtu: 511\n",
+       "f.yaml:6: flow-tracking.trackers[0].exporters[0].mtu: IpfixMtu::value < "
+       "IpfixMtu::minMtu or > IpfixMtu::maxMtu not allowed"},
+      {"flow-tracking:\n  trackers:\n    - name: t\n      exporters:\n        - name: e\n"
+       "          dscp: 64\n",
+       "f.yaml:6: flow-tracking.trackers[0].exporters[0].dscp: ExporterConfig::dscpValue < "
+       "DscpValue::min or > DscpValue::max not allowed"},
+      {"flow-tracking:\n  sample-rate: 1023\n",
+       "f.yaml:2: flow-tracking.sample-rate: SampleRate::value < SampleRate::minRate or > "
+       "SampleRate::maxRate not allowed"},
+      {"flow-tracking:\n  trackers:\n    - name: t\n      exporters:\n        - name: e\n"
+       "          template-interval: 3601\n",
+       "f.yaml:6: flow-tracking.trackers[0].exporters[0].template-interval: "
+       "TemplateInterval::value < TemplateInterval::minInterval or > "
+       "TemplateInterval::maxInterval not allowed"},
+      {"flow-tracking:\n  trackers:\n    - name: t\n      exporters:\n        - name: e\n"
+       "          vrf: " +
+           std::string(101, 'v') + "\n",
+       "VrfName::bytes > VrfName::maxLength not allowed"},
+      {"flow-tracking:\n  enabeld: true\n",
+       "f.yaml:2: flow-tracking.enabeld: unknown field (known: enabled, hardware-acceleration, "
+       "sample-rate, trackers, interfaces)"},
+      {"flow-tracking:\n  trackers:\n    - name: t\n      exporters:\n        - name: e\n"
+       "          collectors: [\"10.0.0.1\"]\n",
+       "f.yaml:6: flow-tracking.trackers[0].exporters[0].collectors[0]: expected host:port"},
+      {"flow-tracking:\n  enabled: yes please\n",
+       "f.yaml:2: flow-tracking.enabled: expected true or false"},
+      {"flow-tracking:\n  trackers:\n    - name: t\n    - name: t\n",
+       "f.yaml:4: flow-tracking.trackers[1]: tracker t given twice"},
+      {"flow-tracking: [\n", "f.yaml:2: "},
+      {"platform:\n  interfaces:\n    Ethernet1: {members: [Ethernet2]}\n",
+       "f.yaml:3: platform.interfaces.Ethernet1.members: only a Port-Channel has members"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.yaml);
+    try {
+      parseConfig(c.yaml, "f.yaml");
+      ADD_FAILURE() << "accepted";
+    } catch (const ConfigError& e) {
+      EXPECT_NE(std::string(e.what()).find(c.what), std::string::npos) << e.what();
+    }
+  }
+}
+
+}  // namespace

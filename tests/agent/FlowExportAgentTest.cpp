@@ -1,0 +1,134 @@
+// The agent in this process: reloads apply only differences, a broken file changes
+// nothing, tracker ids survive a restart, the software status mirrors the flow groups.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "agent/FlowExportAgent.h"
+#include "tests/support/Decoders.h"
+#include "tests/support/Network.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+class AgentTest : public ::testing::Test {
+ protected:
+  TestSupport::TempDir dir;
+  TestSupport::UdpReceiver rx1{false}, rx2{true};
+  Zub::LogCapture logs;
+  std::string file = dir.file("flowexport.yaml");
+
+  void write(const std::string& trackers, const std::string& collectors) {
+    std::ofstream(file) << "flow-tracking:\n  enabled: true\n  trackers:\n"
+                        << trackers << "      exporters:\n        - name: e\n"
+                        << "          local-interface: Loopback0\n          collectors: ["
+                        << collectors << "]\n"
+                        << "platform:\n  interfaces:\n"
+                        << "    Loopback0: {ipv4: 127.0.0.1/8, ipv6: [\"::1/128\"]}\n";
+  }
+  std::string c1() const { return "\"127.0.0.1:" + std::to_string(rx1.port()) + "\""; }
+  std::string c2() const { return "\"[::1]:" + std::to_string(rx2.port()) + "\""; }
+
+  Zub::Ptr<Agent::FlowExportAgent> makeAgent() {
+    Agent::AgentOptions o;
+    o.configFile = file;
+    o.stateFile = dir.file("state/ftids");
+    o.statsName = "/flowexport-agent-test-" + std::to_string(::getpid());
+    Zub::Ptr<Agent::FlowExportAgent> a(new Agent::FlowExportAgent(o));
+    a->start();
+    a->scheduler().runReady();
+    return a;
+  }
+  static Zub::Ptr<FlowTracking::CollectorInfo> collInfo(Agent::FlowExportAgent& a,
+                                                        const std::string& tracker,
+                                                        const std::string& collector) {
+    auto ft = a.flowTrackingInfo()->ftInfo(tracker);
+    auto ex = ft ? ft->expInfo("e") : nullptr;
+    return ex ? ex->collInfo(collector) : nullptr;
+  }
+};
+
+TEST_F(AgentTest, ReloadAppliesOnlyTheDifferences) {
+  write("    - name: t\n", c1());
+  auto agent = makeAgent();
+  ASSERT_EQ(rx1.drain(300ms).size(), 1u);  // data templates of both default groups
+  const auto ftId = agent->hwConfig()->hwFtConfig("t")->ftId();
+  auto info1 = collInfo(*agent, "t", "127.0.0.1");
+  ASSERT_TRUE(info1);
+  info1->ipfixMsgSeqNoInc(17);
+  auto pam4 = agent->flowTrackingInfo()->ftInfo("t")->expInfo("e")->udpPam4();
+
+  write("    - name: t\n", c1() + ", " + c2());
+  ASSERT_TRUE(agent->reload());
+  agent->scheduler().runReady();
+  EXPECT_EQ(rx2.drain(300ms).size(), 1u);
+  EXPECT_TRUE(rx1.drain(100ms).empty());  // the first collector already has the templates
+  EXPECT_EQ(agent->hwConfig()->hwFtConfig("t")->ftId(), ftId);
+  EXPECT_EQ(collInfo(*agent, "t", "127.0.0.1"), info1);
+  EXPECT_EQ(info1->ipfixMsgSeqNo().value, 17u);
+  EXPECT_EQ(agent->flowTrackingInfo()->ftInfo("t")->expInfo("e")->udpPam4(), pam4);
+
+  // A broken file is refused and changes nothing.
+  std::ofstream(file) << "flow-tracking:\n  enabled: true\n  trackers:\n    - name: t\n"
+                      << "      active-interval: 1\n";
+  logs.clear();
+  EXPECT_FALSE(agent->reload());
+  ASSERT_EQ(logs.lines().size(), 1u);
+  EXPECT_EQ(logs.lines()[0], "FLOWEXPORT_CONFIG_REFUSED: Configuration refused: " + file +
+                                 ":5: flow-tracking.trackers[0].active-interval: "
+                                 "ActiveInterval::value < ActiveInterval::minInterval or > "
+                                 "ActiveInterval::maxInterval not allowed");
+  EXPECT_EQ(agent->hwConfig()->hwFtConfig("t")->expConfig("e")->collectorIp6AndPortSize(), 1u);
+  EXPECT_TRUE(agent->hwConfig()->hwFtConfig("t")->expConfig("e")->exporterReady());
+}
+
+TEST_F(AgentTest, TrackerIdsSurviveARestart) {
+  write("    - name: b\n", c1());
+  {
+    auto agent = makeAgent();
+    write("    - name: b\n    - name: a\n", c1());
+    agent->reload();
+    write("    - name: a\n", c1());
+    agent->reload();
+    agent->scheduler().runReady();
+    EXPECT_EQ(agent->hwConfig()->hwFtConfig("a")->ftId().value(), 2u);
+    agent->shutdown();
+  }
+  auto agent = makeAgent();
+  // Without the kept ids, the only tracker would get id 1.
+  EXPECT_EQ(agent->hwConfig()->hwFtConfig("a")->ftId().value(), 2u);
+  EXPECT_FALSE(agent->hwConfig()->hwFtConfig("b"));
+}
+
+TEST_F(AgentTest, SoftwareStatusMirrorsTheDefaultFlowGroups) {
+  write("    - name: t\n", c1());
+  auto agent = makeAgent();
+  auto status = agent->hwStatus()->hwFtStatus("t");
+  ASSERT_TRUE(status);
+  ASSERT_EQ(status->hwFgStatusSize(), 2u);
+  auto v4 = status->hwFgStatus(FlowTracking::TemplateId(261));
+  auto v6 = status->hwFgStatus(FlowTracking::TemplateId(262));
+  ASSERT_TRUE(v4 && v6);
+  EXPECT_EQ(v4->templateEntrySize(), Agent::FlowExportConfigSm::ipv4Fields().size());
+  EXPECT_EQ(v4->templateEntry(0)->fieldId(), Ipfix::RecordType::srcIp);
+  EXPECT_EQ(v4->templateEntry(0)->fieldLen(), 4u);
+  EXPECT_TRUE(v4->templateEntry(0)->flowKey());
+  EXPECT_EQ(v6->templateEntry(0)->fieldLen(), 16u);
+  EXPECT_EQ(v4->genId(), 1u);
+  // A new generation of a group is published as a new status.
+  auto fg = agent->hwConfig()->hwFtConfig("t")->hwFgConfig(1);
+  fg->flowParamIs(FlowTracking::FlowParam{99, Ipfix::RecordType::bgpSrcAs, false});
+  fg->genIdInc();
+  v4 = status->hwFgStatus(FlowTracking::TemplateId(261));
+  EXPECT_EQ(v4->genId(), 2u);
+  EXPECT_EQ(v4->templateEntrySize(), Agent::FlowExportConfigSm::ipv4Fields().size() + 1);
+  // Removing the tracker removes its status.
+  std::ofstream(file) << "flow-tracking:\n  enabled: true\n";
+  agent->reload();
+  EXPECT_FALSE(agent->hwStatus()->hwFtStatus("t"));
+}
+
+}  // namespace

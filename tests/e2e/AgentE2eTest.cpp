@@ -1,0 +1,154 @@
+// flowexportd as operators run it: a configuration file in a directory, collectors on
+// loopback ports, flowexportctl beside it. Templates are decoded by tshark and
+// ipfixDump; configuration changes are picked up without a restart; a broken file is
+// refused and export goes on; tracker ids survive a restart; SIGTERM ends cleanly.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+
+#include "tests/support/Daemon.h"
+#include "tests/support/Decoders.h"
+#include "tests/support/Network.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using TestSupport::Datagram;
+
+class AgentE2e : public ::testing::Test {
+ protected:
+  TestSupport::TempDir dir;
+  TestSupport::UdpReceiver rx1{false}, rx2{true};
+  const std::string file = dir.file("flowexport.yaml");
+  const std::string stats = "/flowexport-e2e-agent-" + std::to_string(::getpid());
+  const std::string socket = dir.file("control.sock");
+
+  // Replaces the file the way editors do: a new file renamed over the old one.
+  void writeConfig(const std::string& trackers) {
+    std::ofstream(file + ".new")
+        << "# test configuration\n"
+        << "flow-tracking:\n  enabled: true\n  trackers:\n"
+        << trackers << "platform:\n  interfaces:\n"
+        << "    Loopback0: {mtu: 65535, ipv4: 127.0.0.1/8, ipv6: [\"::1/128\"]}\n";
+    std::rename((file + ".new").c_str(), file.c_str());
+  }
+  std::string tracker(const std::string& name, const std::string& collectors) const {
+    return "    - name: " + name + "\n      exporters:\n        - name: e\n" +
+           "          local-interface: Loopback0\n          template-interval: 5\n" +
+           "          collectors: [" + collectors + "]\n";
+  }
+  std::string c1() const { return "\"127.0.0.1:" + std::to_string(rx1.port()) + "\""; }
+  std::string c2() const { return "\"[::1]:" + std::to_string(rx2.port()) + "\""; }
+
+  std::unique_ptr<TestSupport::Daemon> startDaemon() {
+    return std::make_unique<TestSupport::Daemon>(
+        FLOWEXPORTD, std::vector<std::string>{"--config", file, "--state-file",
+                                              dir.file("state/ftids"), "--stats-name", stats,
+                                              "--control-socket", socket, "--log", "stderr"},
+        dir.file("daemon.log"));
+  }
+  TestSupport::CommandResult ctl(const std::string& args) const {
+    return TestSupport::runCommand(std::string(FLOWEXPORTCTL) + " --stats-name " + stats +
+                                   " --control-socket " + socket + " " + args);
+  }
+  // The observation domain ids of the datagrams, as tshark reads them.
+  static std::string domains(const std::vector<Datagram>& d) {
+    auto r = TestSupport::tsharkFields(d, {"cflow.od_id"});
+    return r.status == 0 ? r.out : r.err;
+  }
+};
+
+TEST_F(AgentE2e, OperatorSession) {
+  writeConfig(tracker("edge", c1()));
+  auto daemon = startDaemon();
+
+  // Data templates arrive and decode.
+  auto first = rx1.receive(5000ms);
+  ASSERT_TRUE(first) << daemon->log();
+  std::vector<Datagram> got = {*first};
+  auto fields = TestSupport::tsharkFields(
+      got, {"cflow.od_id", "cflow.sequence", "cflow.flowset_id", "cflow.template_id",
+            "cflow.template_field_count"});
+  ASSERT_EQ(fields.status, 0) << fields.err;
+  EXPECT_EQ(fields.out, "1,0,2,261;262,15;15\n");
+  auto dump = TestSupport::ipfixDumpDecode(got);
+  ASSERT_EQ(dump.status, 0) << dump.err;
+  EXPECT_EQ(dump.err, "");
+  EXPECT_NE(dump.out.find("sourceIPv4Address"), std::string::npos) << dump.out;
+  EXPECT_NE(dump.out.find("destinationIPv6Address"), std::string::npos) << dump.out;
+  EXPECT_TRUE(daemon->waitForLog("FLOWTRACKING_ACTIVE: Sampled flow tracking is active."));
+
+  // A collector and a tracker added to the file: no restart; the first collector gets
+  // nothing again, the new ones get the templates.
+  writeConfig(tracker("edge", c1() + ", " + c2()) + tracker("second", c1()));
+  auto v6 = rx2.receive(5000ms);
+  ASSERT_TRUE(v6) << daemon->log();
+  EXPECT_EQ(domains({*v6}), "1\n");
+  auto fromSecond = rx1.drain(500ms);
+  ASSERT_EQ(fromSecond.size(), 1u);
+  EXPECT_EQ(domains(fromSecond), "2\n");
+
+  // Statistics as flowexportctl reads them.
+  auto json = ctl("show collectors --json");
+  ASSERT_EQ(json.status, 0) << json.err;
+  const std::string row1 = "\"tracker\": \"edge\", \"exporter\": \"e\", \"collector\": "
+                           "\"127.0.0.1:" + std::to_string(rx1.port()) + "\"";
+  EXPECT_NE(json.out.find(row1 + ", \"address\": \"127.0.0.1\", \"port\": " +
+                          std::to_string(rx1.port()) +
+                          ", \"messages\": 1, \"records\": 0, \"octets\": " +
+                          std::to_string(first->payload.size())),
+            std::string::npos)
+      << json.out;
+  EXPECT_NE(json.out.find("\"collector\": \"[::1]:" + std::to_string(rx2.port())),
+            std::string::npos);
+  auto table = ctl("show collectors");
+  EXPECT_NE(table.out.find("second"), std::string::npos) << table.out;
+
+  // A broken file is refused with file, line and field; export goes on.
+  std::ofstream(file) << "flow-tracking:\n  enabled: true\n  trackers:\n    - name: edge\n"
+                      << "      inactive-timeout: 1000\n";
+  ASSERT_TRUE(daemon->waitForLog(
+      "FLOWEXPORT_CONFIG_REFUSED: Configuration refused: " + file +
+      ":5: flow-tracking.trackers[0].inactive-timeout: InactiveTimeout::value < "
+      "InactiveTimeout::minTimeout or > InactiveTimeout::maxTimeout not allowed"))
+      << daemon->log();
+  auto periodic = rx2.receive(7000ms);  // every 5 s
+  ASSERT_TRUE(periodic) << "export stopped after the refused file";
+  EXPECT_EQ(domains({*periodic}), "1\n");
+
+  // Clearing the counters.
+  auto clear = ctl("clear counters");
+  EXPECT_EQ(clear.status, 0) << clear.err;
+  json = ctl("show collectors --json");
+  EXPECT_NE(json.out.find("\"collectors\": []"), std::string::npos) << json.out;
+  EXPECT_NE(json.out.find("{\"tracker\": \"edge\", \"time\": "), std::string::npos) << json.out;
+
+  // The first tracker goes; the second keeps its id, also across a restart.
+  writeConfig(tracker("second", c1()));
+  ASSERT_TRUE(daemon->waitForLog("Configuration " + file + " applied.", 5s));
+  rx1.drain(200ms);
+  daemon->signal(SIGTERM);
+  EXPECT_EQ(daemon->wait(), 0);
+  EXPECT_NE(daemon->log().find("FLOWTRACKING_INACTIVE: Sampled flow tracking is inactive."),
+            std::string::npos);
+  struct stat st;
+  EXPECT_NE(::stat(("/dev/shm" + stats).c_str(), &st), 0) << "shared memory left behind";
+  EXPECT_NE(::stat(socket.c_str(), &st), 0) << "control socket left behind";
+  auto gone = ctl("clear counters");
+  EXPECT_EQ(gone.status, 1);
+  EXPECT_NE(gone.err.find("cannot reach flowexportd"), std::string::npos) << gone.err;
+
+  daemon = startDaemon();
+  auto again = rx1.receive(5000ms);
+  ASSERT_TRUE(again) << daemon->log();
+  EXPECT_EQ(domains({*again}), "2\n");  // a fresh allocation would have given 1
+  daemon->signal(SIGINT);
+  EXPECT_EQ(daemon->wait(), 0);
+}
+
+}  // namespace
