@@ -56,7 +56,8 @@ class Parser {
 
   bool boolean(const YAML::Node& n, const std::string& path) const {
     bool b;
-    if (!n.IsScalar() || !YAML::convert<bool>::decode(n, b)) fail(n, path, "expected true or false");
+    if (!n.IsScalar() || !YAML::convert<bool>::decode(n, b))
+      fail(n, path, "expected true or false");
     return b;
   }
 
@@ -87,23 +88,27 @@ class Parser {
   }
 
   ExporterSpec exporter(const YAML::Node& n, const std::string& path) const {
-    expectMap(n, path, {"name", "collectors", "local-interface", "vrf", "dscp", "mtu",
-                        "template-interval"});
+    expectMap(n, path,
+              {"name", "collectors", "local-interface", "vrf", "dscp", "mtu", "template-interval"});
     ExporterSpec e;
     if (!n["name"]) fail(n, path, "an exporter needs a name");
     e.name = name(n["name"], join(path, "name"));
     if (n["collectors"]) {
       std::set<std::string> hosts;
-      list(n["collectors"], join(path, "collectors"), [&](const YAML::Node& c, const std::string& p) {
-        auto hp = Nelo::HostAndPort::parse(str(c, p));
-        if (!hp || hp->port == 0) {
-          fail(c, p, "expected host:port, a.b.c.d:port or [IPv6]:port with a port of 1..65535");
-        }
-        if (!hosts.insert(hp->host).second) fail(c, p, "collector host " + hp->host + " given twice");
-        e.collectors.push_back(*hp);
-      });
+      list(n["collectors"], join(path, "collectors"),
+           [&](const YAML::Node& c, const std::string& p) {
+             auto hp = Nelo::HostAndPort::parse(str(c, p));
+             if (!hp || hp->port == 0) {
+               fail(c, p,
+                    "expected host:port, a.b.c.d:port or [IPv6]:port with a port of 1..65535");
+             }
+             if (!hosts.insert(hp->host).second)
+               fail(c, p, "collector host " + hp->host + " given twice");
+             e.collectors.push_back(*hp);
+           });
     }
-    if (n["local-interface"]) e.localInterface = str(n["local-interface"], join(path, "local-interface"));
+    if (n["local-interface"])
+      e.localInterface = str(n["local-interface"], join(path, "local-interface"));
     if (n["vrf"]) e.vrf = vrf(n["vrf"], join(path, "vrf"));
     if (n["dscp"]) e.dscp = bounded<Nelo::DscpValue>(n["dscp"], join(path, "dscp"));
     if (n["mtu"]) e.mtu = bounded<FlowTracking::IpfixMtu>(n["mtu"], join(path, "mtu"));
@@ -120,8 +125,8 @@ class Parser {
     if (!n["name"]) fail(n, path, "a tracker needs a name");
     t.name = name(n["name"], join(path, "name"));
     if (n["active-interval"]) {
-      t.activeInterval = bounded<FlowTracking::ActiveInterval>(
-          n["active-interval"], join(path, "active-interval"), 1000);
+      t.activeInterval = bounded<FlowTracking::ActiveInterval>(n["active-interval"],
+                                                               join(path, "active-interval"), 1000);
     }
     if (n["inactive-timeout"]) {
       t.inactiveTimeout = bounded<FlowTracking::InactiveTimeout>(
@@ -143,8 +148,9 @@ class Parser {
     std::string s = str(n, path);
     if (s.empty()) fail(n, path, "a name must not be empty");
     if (s.size() > FlowTracking::Constants::confNameMaxLen()) {
-      fail(n, path, "a name is at most " +
-                        std::to_string(FlowTracking::Constants::confNameMaxLen()) + " bytes");
+      fail(n, path,
+           "a name is at most " + std::to_string(FlowTracking::Constants::confNameMaxLen()) +
+               " bytes");
     }
     return s;
   }
@@ -162,11 +168,12 @@ class Parser {
     InterfaceSpec i;
     i.name = intfName;
     if (n.IsNull()) return i;
-    expectMap(n, path, {"link", "forwarding-model", "mtu", "ipv4", "ipv6", "vrf", "members",
-                        "index"});
+    expectMap(n, path,
+              {"link", "forwarding-model", "mtu", "ipv4", "ipv6", "vrf", "members", "index"});
     if (n["link"]) {
       const std::string link = str(n["link"], join(path, "link"));
-      if (link != "up" && link != "down") fail(n["link"], join(path, "link"), "expected up or down");
+      if (link != "up" && link != "down")
+        fail(n["link"], join(path, "link"), "expected up or down");
       i.linkUp = link == "up";
     }
     if (n["forwarding-model"]) {
@@ -192,7 +199,8 @@ class Parser {
     }
     if (n["ipv4"]) {
       auto a = Nelo::IpAddrWithMask::parse(str(n["ipv4"], join(path, "ipv4")));
-      if (!a) fail(n["ipv4"], join(path, "ipv4"), "expected an IPv4 address with its length, a.b.c.d/n");
+      if (!a)
+        fail(n["ipv4"], join(path, "ipv4"), "expected an IPv4 address with its length, a.b.c.d/n");
       i.ipv4 = *a;
     }
     if (n["ipv6"]) {
@@ -212,7 +220,8 @@ class Parser {
     }
     if (n["index"]) {
       const long long idx = integer(n["index"], join(path, "index"));
-      if (idx < 1 || idx > 0x3FFFFFFE) fail(n["index"], join(path, "index"), "expected 1..1073741822");
+      if (idx < 1 || idx > 0x3FFFFFFE)
+        fail(n["index"], join(path, "index"), "expected 1..1073741822");
       i.index = static_cast<uint32_t>(idx);
     }
     return i;
@@ -248,10 +257,12 @@ class Parser {
     expectMap(root, "", {"flow-tracking", "platform"});
     if (const YAML::Node ft = root["flow-tracking"]) {
       const std::string p = "flow-tracking";
-      expectMap(ft, p, {"enabled", "hardware-acceleration", "sample-rate", "trackers", "interfaces"});
+      expectMap(ft, p,
+                {"enabled", "hardware-acceleration", "sample-rate", "trackers", "interfaces"});
       if (ft["enabled"]) c.enabled = boolean(ft["enabled"], join(p, "enabled"));
       if (ft["hardware-acceleration"]) {
-        c.hardwareAcceleration = boolean(ft["hardware-acceleration"], join(p, "hardware-acceleration"));
+        c.hardwareAcceleration =
+            boolean(ft["hardware-acceleration"], join(p, "hardware-acceleration"));
       }
       if (ft["sample-rate"]) {
         c.sampleRate = bounded<FlowTracking::SampleRate>(ft["sample-rate"], join(p, "sample-rate"));

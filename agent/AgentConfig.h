@@ -38,7 +38,8 @@ struct TrackerSpec {
 struct InterfaceSpec {
   std::string name;
   bool linkUp = true;
-  Interface::ForwardingModel forwardingModel = Interface::ForwardingModel::intfForwardingModelRouted;
+  Interface::ForwardingModel forwardingModel =
+      Interface::ForwardingModel::intfForwardingModelRouted;
   uint32_t mtu = 1500;
   std::optional<Nelo::IpAddrWithMask> ipv4;
   std::vector<Nelo::Ip6AddrWithMask> ipv6;

@@ -86,10 +86,12 @@ void applyPlatform(StatusEntities& s, const AgentConfig& cfg) {
       s.vrfIdMap->vrfIdToNameIs(*v.id, v.name);
     }
   }
-  deleteOthers(s.vrfs->vrfColl(), [&](const L3::VrfName& n) { return vrfs.count(n) != 0; },
-               [&](const auto& n) { s.vrfs->vrfDel(n); });
-  deleteOthers(s.vrfIdMap->vrfIdToNameColl(), [&](uint32_t id) { return ids.count(id) != 0; },
-               [&](const auto& id) { s.vrfIdMap->vrfIdToNameDel(id); });
+  deleteOthers(
+      s.vrfs->vrfColl(), [&](const L3::VrfName& n) { return vrfs.count(n) != 0; },
+      [&](const auto& n) { s.vrfs->vrfDel(n); });
+  deleteOthers(
+      s.vrfIdMap->vrfIdToNameColl(), [&](uint32_t id) { return ids.count(id) != 0; },
+      [&](const auto& id) { s.vrfIdMap->vrfIdToNameDel(id); });
 }
 
 void applyFlowTracking(const Zub::Ptr<FlowTracking::Config>& config, const AgentConfig& cfg) {
@@ -115,17 +117,18 @@ void applyFlowTracking(const Zub::Ptr<FlowTracking::Config>& config, const Agent
       ex->templateIntervalIs(e.templateInterval);
       std::set<std::string> hosts;
       for (const auto& c : e.collectors) hosts.insert(c.host);
-      deleteOthers(ex->collectorHostAndPortColl(),
-                   [&](const std::string& h) { return hosts.count(h) != 0; },
-                   [&](const auto& h) { ex->collectorHostAndPortDel(h); });
+      deleteOthers(
+          ex->collectorHostAndPortColl(), [&](const std::string& h) { return hosts.count(h) != 0; },
+          [&](const auto& h) { ex->collectorHostAndPortDel(h); });
       for (const auto& c : e.collectors) ex->collectorHostAndPortIs(c.host, c);
     }
-    deleteOthers(ft->expConfigColl(), [&](const std::string& n) { return exporters.count(n) != 0; },
-                 [&](const auto& n) { ft->expConfigDel(n); });
+    deleteOthers(
+        ft->expConfigColl(), [&](const std::string& n) { return exporters.count(n) != 0; },
+        [&](const auto& n) { ft->expConfigDel(n); });
   }
-  deleteOthers(config->flowTrackerConfigColl(),
-               [&](const std::string& n) { return trackers.count(n) != 0; },
-               [&](const auto& n) { config->flowTrackerConfigDel(n); });
+  deleteOthers(
+      config->flowTrackerConfigColl(), [&](const std::string& n) { return trackers.count(n) != 0; },
+      [&](const auto& n) { config->flowTrackerConfigDel(n); });
 
   // A rebinding is a delete and a create.
   for (const auto& intf : config->flowTrackerIntfConfigColl().keys()) {

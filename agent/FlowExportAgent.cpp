@@ -23,8 +23,8 @@ constexpr const char* kFacility = "FLOWEXPORT";
 
 const Zub::LogHandle FLOWEXPORT_CONFIG_LOADED(
     "FLOWEXPORT_CONFIG_LOADED", 6, "Configuration %s applied.",
-    "The agent read its configuration file and applied the differences.",
-    Zub::NoActionRequired, 0.0, 1.0, kFacility);
+    "The agent read its configuration file and applied the differences.", Zub::NoActionRequired,
+    0.0, 1.0, kFacility);
 const Zub::LogHandle FLOWEXPORT_CONFIG_REFUSED(
     "FLOWEXPORT_CONFIG_REFUSED", 3, "Configuration refused: %s",
     "The configuration file could not be read or holds a value out of range; the agent "
@@ -68,8 +68,8 @@ void FlowExportAgent::start() {
   applyFlowTracking(config_, cfg);
 
   ipfixInitSm_ = Ipfix::ipfixInitSmFactory();
-  statusPublisherSm_ = Zub::makeReactor<SwStatusPublisherSm>(
-      hwConfig_, hwStatus_, ipfixInitSm_->elementIdCollection());
+  statusPublisherSm_ = Zub::makeReactor<SwStatusPublisherSm>(hwConfig_, hwStatus_,
+                                                             ipfixInitSm_->elementIdCollection());
   flowTrackingInfoSm_ = FlowTracking::flowTrackingInfoSmFactory(hwConfig_, info_, scheduler());
   templateSm_ = FlowTracking::templateSmFactory(config_, configReq_, hwConfig_, hwStatus_, info_,
                                                 stats_.get(), scheduler());

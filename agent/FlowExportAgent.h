@@ -71,11 +71,15 @@ class FlowExportAgent : public Hollin::CAgent {
 
   AgentOptions options_;
   Zub::Ptr<FlowTracking::Config> config_{new FlowTracking::Config("/flowtracking/config")};
-  Zub::Ptr<FlowTracking::ConfigReq> configReq_{new FlowTracking::ConfigReq("/flowtracking/configReq")};
+  Zub::Ptr<FlowTracking::ConfigReq> configReq_{
+      new FlowTracking::ConfigReq("/flowtracking/configReq")};
   Zub::Ptr<Zub::Dir> agentDir_{new Zub::Dir("/agent/activeAgentDir")};
-  Zub::Ptr<HwFlowTracking::Config> hwConfig_{new HwFlowTracking::Config("/hardware/flowtracking/config")};
-  Zub::Ptr<HwFlowTracking::Status> hwStatus_{new HwFlowTracking::Status("/hardware/flowtracking/status")};
-  Zub::Ptr<FlowTracking::FlowTrackingInfo> info_{new FlowTracking::FlowTrackingInfo("/flowtracking/info")};
+  Zub::Ptr<HwFlowTracking::Config> hwConfig_{
+      new HwFlowTracking::Config("/hardware/flowtracking/config")};
+  Zub::Ptr<HwFlowTracking::Status> hwStatus_{
+      new HwFlowTracking::Status("/hardware/flowtracking/status")};
+  Zub::Ptr<FlowTracking::FlowTrackingInfo> info_{
+      new FlowTracking::FlowTrackingInfo("/flowtracking/info")};
   StatusEntities status_;
   std::unique_ptr<Stova::Ipfix::CollectorStatistics> stats_;
   std::unique_ptr<FtIdStateFile> stateFile_;

@@ -14,22 +14,42 @@ std::vector<FlowTracking::FlowParam> params(std::initializer_list<std::pair<RT, 
 
 const std::vector<FlowTracking::FlowParam>& FlowExportConfigSm::ipv4Fields() {
   static const auto fields = params({
-      {RT::srcIp, true}, {RT::dstIp, true}, {RT::ipProtocol, true}, {RT::srcL4Port, true},
-      {RT::dstL4Port, true}, {RT::ingressInterface, true}, {RT::vrfId, true},
-      {RT::ipClassOfService, false}, {RT::tcpControlBits, false}, {RT::egressInterface, false},
-      {RT::byteCount, false}, {RT::packetCount, false}, {RT::timeStampFlowStart, false},
-      {RT::timeStampFlowEnd, false}, {RT::flowEndReason, false},
+      {RT::srcIp, true},
+      {RT::dstIp, true},
+      {RT::ipProtocol, true},
+      {RT::srcL4Port, true},
+      {RT::dstL4Port, true},
+      {RT::ingressInterface, true},
+      {RT::vrfId, true},
+      {RT::ipClassOfService, false},
+      {RT::tcpControlBits, false},
+      {RT::egressInterface, false},
+      {RT::byteCount, false},
+      {RT::packetCount, false},
+      {RT::timeStampFlowStart, false},
+      {RT::timeStampFlowEnd, false},
+      {RT::flowEndReason, false},
   });
   return fields;
 }
 
 const std::vector<FlowTracking::FlowParam>& FlowExportConfigSm::ipv6Fields() {
   static const auto fields = params({
-      {RT::srcIp6, true}, {RT::dstIp6, true}, {RT::ipProtocol, true}, {RT::srcL4Port, true},
-      {RT::dstL4Port, true}, {RT::ingressInterface, true}, {RT::vrfId, true},
-      {RT::ipClassOfService, false}, {RT::tcpControlBits, false}, {RT::egressInterface, false},
-      {RT::byteCount, false}, {RT::packetCount, false}, {RT::timeStampFlowStart, false},
-      {RT::timeStampFlowEnd, false}, {RT::flowEndReason, false},
+      {RT::srcIp6, true},
+      {RT::dstIp6, true},
+      {RT::ipProtocol, true},
+      {RT::srcL4Port, true},
+      {RT::dstL4Port, true},
+      {RT::ingressInterface, true},
+      {RT::vrfId, true},
+      {RT::ipClassOfService, false},
+      {RT::tcpControlBits, false},
+      {RT::egressInterface, false},
+      {RT::byteCount, false},
+      {RT::packetCount, false},
+      {RT::timeStampFlowStart, false},
+      {RT::timeStampFlowEnd, false},
+      {RT::flowEndReason, false},
   });
   return fields;
 }

@@ -4,8 +4,8 @@
 
 #include <cstdlib>
 
-#include "platform/stova/Table.h"
 #include "export/CollectorStats.h"
+#include "platform/stova/Table.h"
 
 namespace Agent {
 

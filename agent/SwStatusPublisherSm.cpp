@@ -70,8 +70,8 @@ class SwStatusPublisherSm::TrackerSm : public Zub::Reactor {
     if (existing) status_->hwFgStatusDel(id);
     status_->hwFgStatusColl().insert(id, st);
     published_[seq] = id;
-    GLINT(trace(), 1) << "Published template " << id << " of " << ft_->name() << "/"
-                      << fg->fgName() << " generation " << fg->genId();
+    GLINT(trace(), 1) << "Published template " << id << " of " << ft_->name() << "/" << fg->fgName()
+                      << " generation " << fg->genId();
   }
 
   void unpublish(uint32_t seq) {

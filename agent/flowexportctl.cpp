@@ -128,9 +128,8 @@ int showCollectors(const std::string& statsName, bool asJson) {
   for (const auto* e : rows) {
     const auto templates = e->setEntry(Stova::Ipfix::SetId(2)).exportedTemplateCount;
     const auto options = e->setEntry(Stova::Ipfix::SetId(3)).exportedTemplateCount;
-    std::printf("%-16s %-16s %-28s %9llu %9llu %11llu %9llu %9llu  %s\n",
-                e->key.tracker().c_str(), e->key.exporter().c_str(),
-                e->key.collector.stringValue().c_str(),
+    std::printf("%-16s %-16s %-28s %9llu %9llu %11llu %9llu %9llu  %s\n", e->key.tracker().c_str(),
+                e->key.exporter().c_str(), e->key.collector.stringValue().c_str(),
                 static_cast<unsigned long long>(e->exportedMessageTotalCount),
                 static_cast<unsigned long long>(e->exportedFlowRecordTotalCount),
                 static_cast<unsigned long long>(e->exportedOctetTotalCount),

@@ -50,10 +50,9 @@ struct Rig {
     }
     auto fg = status->hwFtStatusIs("T")->hwFgStatusIs(FlowTracking::TemplateId(261), "v4");
     uint32_t seq = 0;
-    for (auto t : {Ipfix::RecordType::srcIp, Ipfix::RecordType::dstIp,
-                   Ipfix::RecordType::srcL4Port, Ipfix::RecordType::dstL4Port,
-                   Ipfix::RecordType::ipProtocol, Ipfix::RecordType::byteCount,
-                   Ipfix::RecordType::packetCount}) {
+    for (auto t : {Ipfix::RecordType::srcIp, Ipfix::RecordType::dstIp, Ipfix::RecordType::srcL4Port,
+                   Ipfix::RecordType::dstL4Port, Ipfix::RecordType::ipProtocol,
+                   Ipfix::RecordType::byteCount, Ipfix::RecordType::packetCount}) {
       fg->templateEntryIs(seq++, t)->fieldLenIs(4);
     }
     infoSm = FlowTracking::flowTrackingInfoSmFactory(hw, info, sched);
@@ -89,8 +88,7 @@ int main() {
     }
   });
   const double rate = kCollectors / (passNs / 1e9), plainRate = kCollectors / (plainNs / 1e9);
-  std::printf("template message: %zu bytes to %d collectors per pass\n", pkt->bytes(),
-              kCollectors);
+  std::printf("template message: %zu bytes to %d collectors per pass\n", pkt->bytes(), kCollectors);
   std::printf("exporter: %9.0f sends/s (%.0f ns per send)\n", rate, passNs / kCollectors);
   std::printf("sendto  : %9.0f sends/s (%.0f ns per send)\n", plainRate, plainNs / kCollectors);
   std::printf("ratio exporter/sendto: %.2f (target >= 0.80)\n", rate / plainRate);

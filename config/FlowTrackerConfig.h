@@ -64,8 +64,7 @@ class Config : public Zub::Entity {
   ZUB_ATTR(bool, hwAccelEnabled, false)
   ZUB_ATTR(SampleRate, sampleRate)
   ZUB_COLL(flowTrackerConfig, Zub::Collection<Zub::Name, Zub::Ptr<FlowTrackerConfig>>)
-  ZUB_COLL(flowTrackerIntfConfig,
-           Zub::Collection<Nelo::IntfId, Zub::Ptr<FlowTrackerIntfConfig>>)
+  ZUB_COLL(flowTrackerIntfConfig, Zub::Collection<Nelo::IntfId, Zub::Ptr<FlowTrackerIntfConfig>>)
 };
 
 // One match rule of a flow group; each matched field has a flag that switches it on.

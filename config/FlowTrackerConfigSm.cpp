@@ -36,17 +36,17 @@ const Zub::LogHandle FLOWTRACKING_ACTIVE("FLOWTRACKING_ACTIVE", 6, "%s flow trac
                                          1.0, kFacility);
 const Zub::LogHandle FLOWTRACKING_INACTIVE("FLOWTRACKING_INACTIVE", 6,
                                            "%s flow tracking is inactive.",
-                                           "Flow tracking is inactive.", Zub::NoActionRequired,
-                                           0.0, 1.0, kFacility);
-const Zub::LogHandle FLOWTRACKING_TRACKER_ACTIVE(
-    "FLOWTRACKING_TRACKER_ACTIVE", 6, "%s flow tracker %s is active on interface %s.",
-    "Flow tracker is active on an interface.", Zub::NoActionRequired, 0.0, 1.0, kFacility);
+                                           "Flow tracking is inactive.", Zub::NoActionRequired, 0.0,
+                                           1.0, kFacility);
+const Zub::LogHandle FLOWTRACKING_TRACKER_ACTIVE("FLOWTRACKING_TRACKER_ACTIVE", 6,
+                                                 "%s flow tracker %s is active on interface %s.",
+                                                 "Flow tracker is active on an interface.",
+                                                 Zub::NoActionRequired, 0.0, 1.0, kFacility);
 const Zub::LogHandle FLOWTRACKING_TRACKER_INACTIVE(
     "FLOWTRACKING_TRACKER_INACTIVE", 6, "%s flow tracker %s is inactive on interface %s.",
     "Flow tracker is inactive on an interface.", Zub::NoActionRequired, 0.0, 1.0, kFacility);
 const Zub::LogHandle FLOWTRACKING_EXPORTER_ACTIVE(
-    "FLOWTRACKING_EXPORTER_ACTIVE", 6,
-    "%s exporter %s in VRF %s, in %s flow tracker %s is active.",
+    "FLOWTRACKING_EXPORTER_ACTIVE", 6, "%s exporter %s in VRF %s, in %s flow tracker %s is active.",
     "This exporter is ready to export packets.", Zub::NoActionRequired, 0.0, 1.0, kFacility);
 const Zub::LogHandle FLOWTRACKING_EXPORTER_INACTIVE(
     "FLOWTRACKING_EXPORTER_INACTIVE", 6,
@@ -58,8 +58,8 @@ const Zub::LogHandle FLOWTRACKING_EXPORTER_INACTIVE(
 const Zub::LogHandle FLOWTRACKING_COLLECTOR_ACTIVE(
     "FLOWTRACKING_COLLECTOR_ACTIVE", 6,
     "%s collector %s for exporter %s in %s flow tracker %s is active.",
-    "Packets will be exported to this collector if the exporter is active.",
-    Zub::NoActionRequired, 0.0, 1.0, kFacility);
+    "Packets will be exported to this collector if the exporter is active.", Zub::NoActionRequired,
+    0.0, 1.0, kFacility);
 const Zub::LogHandle FLOWTRACKING_COLLECTOR_INACTIVE(
     "FLOWTRACKING_COLLECTOR_INACTIVE", 6,
     "%s collector %s for exporter %s in %s flow tracker %s is inactive.",
@@ -144,8 +144,9 @@ ConfigSmBase::~ConfigSmBase() {
 }
 
 void ConfigSmBase::initializeDefaultGroups(const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig) {
-  GLINT(trace(), kEntry) << "ConfigSmBase::" << "initializeDefaultGroups" << " ftName: "
-                         << hwFtConfig->name();
+  GLINT(trace(), kEntry) << "ConfigSmBase::"
+                         << "initializeDefaultGroups"
+                         << " ftName: " << hwFtConfig->name();
 }
 
 bool ConfigSmBase::configEnabled() const { return config_->enabled(); }
@@ -182,7 +183,8 @@ void ConfigSmBase::handleShutdown(Hollin::CAgent* agent) {
 
 void ConfigSmBase::handleConfigEnabled() {
   const bool enabled = configEnabled();
-  GLINT(trace(), kEntry) << "ConfigSmBase::handleConfigEnabled" << " enabled: " << enabled;
+  GLINT(trace(), kEntry) << "ConfigSmBase::handleConfigEnabled"
+                         << " enabled: " << enabled;
   handleFtrConfig();
 }
 
@@ -216,7 +218,8 @@ void ConfigSmBase::handleFlowTrackerConfig() {
 }
 
 void ConfigSmBase::handleFlowTrackerConfig(const Zub::Name& name) {
-  GLINT(trace(), kEntry) << "ConfigSmBase::handleFlowTrackerConfig" << " for " << name;
+  GLINT(trace(), kEntry) << "ConfigSmBase::handleFlowTrackerConfig"
+                         << " for " << name;
   Zub::Ptr<HwFlowTracking::FtConfig> hwFt = hwConfig_->hwFtConfig(name);
   Zub::Ptr<FlowTrackerConfig> ftConfig = config_->flowTrackerConfig(name);
   if (configEnabled() && ftConfig) {
@@ -268,7 +271,8 @@ void ConfigSmBase::handleFlowTrackerIntfConfig() {
 }
 
 void ConfigSmBase::handleFlowTrackerIntfConfig(const Nelo::IntfId& intfId) {
-  GLINT(trace(), kEntry) << "ConfigSmBase::handleFlowTrackerIntfConfig" << " for " << intfId;
+  GLINT(trace(), kEntry) << "ConfigSmBase::handleFlowTrackerIntfConfig"
+                         << " for " << intfId;
   auto old = intfIdToFtNameMap_.find(intfId);
   if (old != intfIdToFtNameMap_.end()) {
     auto set = ftNameToIntfIdMap_.find(old->second);
@@ -294,7 +298,8 @@ void ConfigSmBase::handleFlowTrackerIntfConfig(const Nelo::IntfId& intfId) {
 }
 
 void ConfigSmBase::handleEthIntfStatus(const Nelo::IntfId& intfId) {
-  GLINT(trace(), kEntry) << "ConfigSmBase::handleEthIntfStatus" << " for " << intfId;
+  GLINT(trace(), kEntry) << "ConfigSmBase::handleEthIntfStatus"
+                         << " for " << intfId;
   auto status = ethPhyIntfStatusDir_->intfStatus(intfId);
   auto intfConfig = config_->flowTrackerIntfConfig(intfId);
   auto hwFt = intfConfig ? hwConfig_->hwFtConfig(intfConfig->trackerName()) : nullptr;
@@ -323,7 +328,8 @@ void ConfigSmBase::handleEthIntfStatus(const Nelo::IntfId& intfId) {
 }
 
 void ConfigSmBase::handleLagIntfStatus(const Nelo::IntfId& intfId) {
-  GLINT(trace(), kEntry) << "ConfigSmBase::handleLagIntfStatus" << " for " << intfId;
+  GLINT(trace(), kEntry) << "ConfigSmBase::handleLagIntfStatus"
+                         << " for " << intfId;
   auto status = ethLagIntfStatusDir_->intfStatus(intfId);
   auto intfConfig = config_->flowTrackerIntfConfig(intfId);
   auto hwFt = intfConfig ? hwConfig_->hwFtConfig(intfConfig->trackerName()) : nullptr;
@@ -335,9 +341,9 @@ void ConfigSmBase::handleLagIntfStatus(const Nelo::IntfId& intfId) {
         Zub::makeReactor<LagIntfStatusSm>(intfId, status, config_, hwConfig_, this);
     return;
   }
-  GLINT(trace(), kDiag) << "intf " << intfId << " configEnabled " << enabled
-                        << " ethLagIntfStatus " << bool(status) << " ftIntfConfig "
-                        << bool(intfConfig) << " hwFtConfig " << bool(hwFt);
+  GLINT(trace(), kDiag) << "intf " << intfId << " configEnabled " << enabled << " ethLagIntfStatus "
+                        << bool(status) << " ftIntfConfig " << bool(intfConfig) << " hwFtConfig "
+                        << bool(hwFt);
   auto it = lagIntfStatusSm_.find(intfId);
   if (it != lagIntfStatusSm_.end()) {
     GLINT(trace(), kLife) << "Deleting lagStatusSm for Lag intf " << intfId;
@@ -388,8 +394,8 @@ Zub::Ptr<ConfigSmBase> configSmBaseFactory(
     const Zub::Ptr<Ip::AllVrfStatusLocal>& allVrfStatusLocal,
     const Zub::Ptr<Interface::AllIntfStatusDir>& allIntfStatusDir) {
   return Zub::makeReactor<ConfigSmBase>(config, agentDir, hwConfig, ethPhyIntfStatusDir,
-                                        ethLagIntfStatusDir, ipStatus, ip6Status,
-                                        allVrfStatusLocal, allIntfStatusDir);
+                                        ethLagIntfStatusDir, ipStatus, ip6Status, allVrfStatusLocal,
+                                        allIntfStatusDir);
 }
 
 // ---- EthIntfStatusSm / LagIntfStatusSm ------------------------------------------------
@@ -399,7 +405,10 @@ EthIntfStatusSm::EthIntfStatusSm(const Nelo::IntfId& intf,
                                  const Zub::Ptr<Config>& config,
                                  const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
                                  ConfigSmBase* configSm)
-    : intf_(intf), intfStatus_(intfStatus), config_(config), hwConfig_(hwConfig),
+    : intf_(intf),
+      intfStatus_(intfStatus),
+      config_(config),
+      hwConfig_(hwConfig),
       configSm_(configSm) {
   watch(intfStatus_->linkStatusSignal(), [this] { handleIntfStatusChange(); });
   watch(intfStatus_->forwardingModelSignal(), [this] { handleIntfStatusChange(); });
@@ -411,7 +420,9 @@ void EthIntfStatusSm::handleInitialized() {
 }
 
 void EthIntfStatusSm::handleIntfStatusChange() {
-  GLINT(trace(), kEntry) << "EthIntfStatusSm::" << "handleIntfStatusChange" << " for " << intf_;
+  GLINT(trace(), kEntry) << "EthIntfStatusSm::"
+                         << "handleIntfStatusChange"
+                         << " for " << intf_;
   auto intfConfig = config_->flowTrackerIntfConfig(intf_);
   const bool ftIntfConfig = bool(intfConfig);
   const bool linkUp = intfStatus_->linkStatus() == Interface::LinkStatus::linkUp;
@@ -481,8 +492,7 @@ void LagIntfStatusSm::handleLagMemberIntfStatusChange() {
 // ---- FtConfigSm -----------------------------------------------------------------------
 
 FtConfigSm::FtConfigSm(const Zub::Name& ftName, const Zub::Ptr<FlowTrackerConfig>& ftConfig,
-                       const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
-                       ConfigSmBase* configSm)
+                       const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig, ConfigSmBase* configSm)
     : ftName_(ftName), ftConfig_(ftConfig), hwFtConfig_(hwFtConfig), configSm_(configSm) {
   watch(ftConfig_->activeIntervalSignal(), [this] { handleActiveInterval(); });
   watch(ftConfig_->inactiveTimeoutSignal(), [this] { handleInactiveTimeout(); });
@@ -490,7 +500,8 @@ FtConfigSm::FtConfigSm(const Zub::Name& ftName, const Zub::Ptr<FlowTrackerConfig
 }
 
 void FtConfigSm::handleInitialized() {
-  GLINT(trace(), kEntry) << "FtConfigSm::handleInitialized" << " for " << ftName_;
+  GLINT(trace(), kEntry) << "FtConfigSm::handleInitialized"
+                         << " for " << ftName_;
   configSm_->initializeDefaultGroups(hwFtConfig_);
   handleActiveInterval();
   handleInactiveTimeout();
@@ -499,12 +510,14 @@ void FtConfigSm::handleInitialized() {
 }
 
 void FtConfigSm::handleActiveInterval() {
-  GLINT(trace(), kEntry) << "FtConfigSm::handleActiveInterval" << " for " << ftName_;
+  GLINT(trace(), kEntry) << "FtConfigSm::handleActiveInterval"
+                         << " for " << ftName_;
   hwFtConfig_->activeIntervalIs(ftConfig_->activeInterval());
 }
 
 void FtConfigSm::handleInactiveTimeout() {
-  GLINT(trace(), kEntry) << "FtConfigSm::handleInactiveTimeout" << " for " << ftName_;
+  GLINT(trace(), kEntry) << "FtConfigSm::handleInactiveTimeout"
+                         << " for " << ftName_;
   hwFtConfig_->inactiveTimeoutIs(ftConfig_->inactiveTimeout());
 }
 
@@ -514,7 +527,8 @@ void FtConfigSm::handleExpConfig() {
 }
 
 void FtConfigSm::handleExpConfig(const Zub::Name& name) {
-  GLINT(trace(), kEntry) << "FtConfigSm::handleExpConfig" << " for " << name;
+  GLINT(trace(), kEntry) << "FtConfigSm::handleExpConfig"
+                         << " for " << name;
   if (auto expConfig = ftConfig_->expConfig(name)) {
     auto hwExpConfig = hwFtConfig_->expConfigIs(name);
     if (!expConfigSm_.count(name)) {
@@ -566,7 +580,8 @@ ExpConfigSm::ExpConfigSm(const Zub::Name& expName, const Zub::Name& ftName,
 }
 
 void ExpConfigSm::handleInitialized() {
-  GLINT(trace(), kEntry) << "ExpConfigSm::handleInitialized" << " for " << expName_;
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleInitialized"
+                         << " for " << expName_;
   hwExpConfig_->ipfixVersionIs(expConfig_->ipfixVersion());
   hwExpConfig_->templateIntervalIs(expConfig_->templateInterval());
   hwExpConfig_->dscpValueIs(expConfig_->dscpValue());
@@ -589,14 +604,15 @@ void ExpConfigSm::logCollector_(bool active, const Zub::String& key) const {
 }
 
 void ExpConfigSm::handleVrfName() {
-  GLINT(trace(), kEntry) << "ExpConfigSm::handleVrfName" << " for " << expName_ << ", vrf: "
-                         << expConfig_->vrfName();
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleVrfName"
+                         << " for " << expName_ << ", vrf: " << expConfig_->vrfName();
   hwExpConfig_->vrfNameIs(expConfig_->vrfName());
   handleSrcAddress();
 }
 
 void ExpConfigSm::handleLocalIntf() {
-  GLINT(trace(), kEntry) << "ExpConfigSm::handleLocalIntf" << " for " << expName_;
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleLocalIntf"
+                         << " for " << expName_;
   if (expConfig_->localIntfName() != localIntfName_) {
     // Never leave an exporter ready while its source interface changes.
     if (hwExpConfig_->exporterReady()) {
@@ -667,7 +683,8 @@ void ExpConfigSm::bindVrfStatusLocal_(const Zub::Ptr<Ip::VrfStatusLocal>& s) {
 
 void ExpConfigSm::handleIpIntfStatus(const Nelo::IntfId& intfId) {
   if (localIntfName_.empty() || intfId.name() != localIntfName_) return;
-  GLINT(trace(), kEntry) << "ExpConfigSm::handleIpIntfStatus" << " for " << expName_;
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleIpIntfStatus"
+                         << " for " << expName_;
   auto s = ipStatus_->ipIntfStatus(intfId);
   GLINT(trace(), kState) << "Intf " << intfId << (s ? " created" : " deleted");
   bindIpIntfStatus_(s);
@@ -676,7 +693,8 @@ void ExpConfigSm::handleIpIntfStatus(const Nelo::IntfId& intfId) {
 
 void ExpConfigSm::handleIp6IntfStatus(const Nelo::IntfId& intfId) {
   if (localIntfName_.empty() || intfId.name() != localIntfName_) return;
-  GLINT(trace(), kEntry) << "ExpConfigSm::handleIp6IntfStatus" << " for " << expName_;
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleIp6IntfStatus"
+                         << " for " << expName_;
   auto s = ip6Status_->intf(intfId);
   GLINT(trace(), kState) << "Intf " << intfId << (s ? " created" : " deleted");
   bindIp6IntfStatus_(s);
@@ -684,13 +702,14 @@ void ExpConfigSm::handleIp6IntfStatus(const Nelo::IntfId& intfId) {
 }
 
 void ExpConfigSm::handleVrfStatus(const L3::VrfName& vrfName) {
-  GLINT(trace(), kEntry) << "ExpConfigSm::handleVrfStatus" << " for " << expName_ << ", vrf: "
-                         << vrfName;
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleVrfStatus"
+                         << " for " << expName_ << ", vrf: " << vrfName;
   handleSrcAddress();
 }
 
 void ExpConfigSm::handleSrcAddress() {
-  GLINT(trace(), kEntry) << "ExpConfigSm::handleSrcAddress" << " for " << expName_;
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleSrcAddress"
+                         << " for " << expName_;
   bindVrfStatusLocal_(allVrfStatusLocal_->vrf(hwExpConfig_->vrfName()));
   updateIpAddr();
   updateIp6Addr();
@@ -732,7 +751,8 @@ void ExpConfigSm::updateIp6Addr() {
 }
 
 void ExpConfigSm::handleIpfixMtu() {
-  GLINT(trace(), kEntry) << "ExpConfigSm::handleIpfixMtu" << " for " << expName_;
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleIpfixMtu"
+                         << " for " << expName_;
   const uint32_t configured = expConfig_->ipfixMtu().value();
   uint32_t mtu = configured;
   if (localIntfStatus_) {
@@ -760,8 +780,7 @@ bool ExpConfigSm::isValidIpAddr() const {
   bool validVrf = vrf.name() == "default" ||
                   (vrfStatusLocal_ && vrfStatusLocal_->state() == Ip::VrfState::vrfActive);
   validVrf = validVrf && l3Status_ && l3Status_->vrf() == vrf;
-  GLINT(trace(), kDiag) << "src " << src << ", num_ipv4_dst " << dsts << ", validVrf "
-                        << validVrf;
+  GLINT(trace(), kDiag) << "src " << src << ", num_ipv4_dst " << dsts << ", validVrf " << validVrf;
   return verifyIpAddr(src) && dsts > 0 && validVrf;
 }
 
@@ -775,7 +794,8 @@ void ExpConfigSm::updateExporterReady() {
 }
 
 void ExpConfigSm::handleCollectorHostAndPort() {
-  GLINT(trace(), kEntry) << "ExpConfigSm::handleCollectorHostAndPort" << " for " << expName_;
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleCollectorHostAndPort"
+                         << " for " << expName_;
   for (const Zub::String& key : hwExpConfig_->collectorIpAndPortColl().keys()) {
     if (!expConfig_->collectorHostAndPortHas(key)) deleteCollector(key);
   }
@@ -789,8 +809,8 @@ void ExpConfigSm::handleCollectorHostAndPort() {
 }
 
 void ExpConfigSm::handleCollectorHostAndPort(const Zub::String& key) {
-  GLINT(trace(), kEntry) << "ExpConfigSm::handleCollectorHostAndPort" << " for " << expName_
-                         << ", collector " << key;
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleCollectorHostAndPort"
+                         << " for " << expName_ << ", collector " << key;
   const Nelo::HostAndPort hp = expConfig_->collectorHostAndPort(key);
   if (hp == Nelo::HostAndPort()) {
     deleteCollector(key);

@@ -231,7 +231,9 @@ class ConfigSmBase : public Zub::Reactor {
   const Zub::Ptr<Ip::Status>& ipStatus() const { return ipStatus_; }
   const Zub::Ptr<Ip6::Status>& ip6Status() const { return ip6Status_; }
   const Zub::Ptr<Ip::AllVrfStatusLocal>& allVrfStatusLocal() const { return allVrfStatusLocal_; }
-  const Zub::Ptr<Interface::AllIntfStatusDir>& allIntfStatusDir() const { return allIntfStatusDir_; }
+  const Zub::Ptr<Interface::AllIntfStatusDir>& allIntfStatusDir() const {
+    return allIntfStatusDir_;
+  }
 
   FtId nextFtId() const { return nextFtId_; }
   void nextFtIdIs(FtId id) { nextFtId_ = id; }

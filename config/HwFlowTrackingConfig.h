@@ -60,9 +60,7 @@ class FtConfig : public Zub::Entity {
  public:
   FtConfig(const Zub::Name& name, FtId ftId) : Entity(name), ftId_(ftId) {}
   FtId ftId() const { return ftId_; }
-  void checkReinstantiation(FtId ftId) const {
-    Zub::checkCtorParam(*this, "ftId", ftId_, ftId);
-  }
+  void checkReinstantiation(FtId ftId) const { Zub::checkCtorParam(*this, "ftId", ftId_, ftId); }
   ZUB_ATTR(FlowTracking::InactiveTimeout, inactiveTimeout)
   ZUB_ATTR(FlowTracking::ActiveInterval, activeInterval)
   ZUB_COLL(hwFgConfig, Zub::OrderedCollection<uint32_t, Zub::Ptr<FgConfig>>)

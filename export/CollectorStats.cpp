@@ -105,7 +105,8 @@ SetIndex CollectorStatisticsEntry::indexForSetId(SetId id) const {
 SetIndex CollectorStatisticsEntry::maybeNewIndexForSetId(SetId id) const {
   SetIndex found = indexForSetId(id);
   if (found.found()) return found;
-  if (nextIdx.found() && nextIdx.value < kSetSlots && setEntryStorage[nextIdx.value].setId.isFree()) {
+  if (nextIdx.found() && nextIdx.value < kSetSlots &&
+      setEntryStorage[nextIdx.value].setId.isFree()) {
     return nextIdx;
   }
   for (uint8_t i = 0; i < setEntryCount; ++i) {
@@ -141,12 +142,12 @@ std::string CollectorStatisticsEntry::stovaString() const {
     std::snprintf(buf, sizeof buf, "%.0f", t);
     return std::string(buf);
   };
-  std::string s = Zub::str("[", key.stovaString(), "] msgs: ", exportedMessageTotalCount,
-                           ", flows: ", exportedFlowRecordTotalCount, ", octets: ",
-                           exportedOctetTotalCount, ", last message: ", fixed(lastSentTime),
-                           ", template: ", fixed(lastTemplateSentTime), ", data: ",
-                           fixed(lastDataRecordSentTime), ", options data: ",
-                           fixed(lastOptionsDataSentTime), ", cleared: ", fixed(lastClearedTime));
+  std::string s = Zub::str(
+      "[", key.stovaString(), "] msgs: ", exportedMessageTotalCount,
+      ", flows: ", exportedFlowRecordTotalCount, ", octets: ", exportedOctetTotalCount,
+      ", last message: ", fixed(lastSentTime), ", template: ", fixed(lastTemplateSentTime),
+      ", data: ", fixed(lastDataRecordSentTime), ", options data: ", fixed(lastOptionsDataSentTime),
+      ", cleared: ", fixed(lastClearedTime));
   for (uint8_t i = 0; i < setEntryCount; ++i) {
     const auto& e = setEntryStorage[i];
     if (e.setId.isFree()) continue;
@@ -160,7 +161,8 @@ std::string CollectorStatisticsEntry::stovaString() const {
 
 std::unique_ptr<CollectorStatistics> CollectorStatistics::createShared(const std::string& shmName,
                                                                        uint32_t capacity) {
-  auto seg = Segment::create(shmName, RawTable::bytesFor(capacity, sizeof(CollectorStatisticsEntry)));
+  auto seg =
+      Segment::create(shmName, RawTable::bytesFor(capacity, sizeof(CollectorStatisticsEntry)));
   return std::unique_ptr<CollectorStatistics>(new CollectorStatistics(std::move(seg), capacity));
 }
 

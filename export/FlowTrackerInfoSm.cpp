@@ -139,8 +139,8 @@ void FlowTrackerInfoSm::handleInitialized() {
 }
 
 void FlowTrackerInfoSm::handleHwExpConfig(const Zub::Name& name) {
-  GLINT(exportTrace(), kEntry) << "FlowTrackerInfoSm::handleHwExpConfig for " << trackerName_
-                               << "-" << name;
+  GLINT(exportTrace(), kEntry) << "FlowTrackerInfoSm::handleHwExpConfig for " << trackerName_ << "-"
+                               << name;
   auto hwExp = hwFtConfig_->expConfig(name);
   auto it = expInfoSm_.find(name);
   if (hwExp) {

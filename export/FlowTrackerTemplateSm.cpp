@@ -47,8 +47,8 @@ void FtExporterSm::handleInitialized() {
 }
 
 void FtExporterSm::onHwFgStatus(TemplateId templateId) {
-  GLINT(exportTrace(), kEntry) << "FtExporterSm::onHwFgStatus for " << traceId()
-                               << ", templateId " << templateId;
+  GLINT(exportTrace(), kEntry) << "FtExporterSm::onHwFgStatus for " << traceId() << ", templateId "
+                               << templateId;
   auto fg = hwFtStatus_->hwFgStatus(templateId);
   auto it = hwFgStatus_.find(templateId);
   if (it != hwFgStatus_.end()) {
@@ -115,10 +115,10 @@ void FtExporterSm::handleTemplateCreationTask() {
       GLINT(exportTrace(), kDiag) << "Element: " << entry << ", elementId: " << elementId
                                   << ", len: " << entry->fieldLen();
       const bool enterprise = entry->enterpriseIe();
-      Nelo::NetU16::write(p + offset, enterprise
-                                          ? static_cast<uint16_t>(elementId |
-                                                                  Nelo::IpfixConst::enterpriseBit())
-                                          : elementId);
+      Nelo::NetU16::write(p + offset,
+                          enterprise
+                              ? static_cast<uint16_t>(elementId | Nelo::IpfixConst::enterpriseBit())
+                              : elementId);
       Nelo::NetU16::write(p + offset + 2, static_cast<uint16_t>(entry->fieldLen()));
       offset += sizeof(Nelo::Wire::FieldSpecifier);
       if (enterprise) {
@@ -219,12 +219,15 @@ void TemplateSm::handleHwFtStatus(const Zub::Name& name) {
 
 void TemplateSm::clearCounters() {
   const ClearCountersReq req = flowTrackingConfigReq_->clearCounters();
-#define TRACE_CLEAR GLINT(exportTrace(), kState) << "TemplateSm::" << "clearCounters"
+#define TRACE_CLEAR                              \
+  GLINT(exportTrace(), kState) << "TemplateSm::" \
+                               << "clearCounters"
   if (req.reqTime == 0) {
     TRACE_CLEAR << " requestTime is zero";
     return;
   }
-  TRACE_CLEAR << " tracker \"" << req.tracker << "\"" << " exporter \"" << req.exporter << "\"";
+  TRACE_CLEAR << " tracker \"" << req.tracker << "\""
+              << " exporter \"" << req.exporter << "\"";
   if (!collStats_) return;
   for (const auto& entry : collStats_->statsAll()) {
     const auto& key = entry.key;
@@ -254,8 +257,8 @@ Zub::Ptr<TemplateSm> templateSmFactory(const Zub::Ptr<Config>& flowTrackingConfi
                                        const Zub::Ptr<FlowTrackingInfo>& flowTrackingInfo,
                                        Stova::Ipfix::CollectorStatistics* collStats,
                                        Orrin::TaskScheduler& scheduler) {
-  return Zub::makeReactor<TemplateSm>(flowTrackingConfig, flowTrackingConfigReq, hwConfig,
-                                      hwStatus, flowTrackingInfo, collStats, scheduler);
+  return Zub::makeReactor<TemplateSm>(flowTrackingConfig, flowTrackingConfigReq, hwConfig, hwStatus,
+                                      flowTrackingInfo, collStats, scheduler);
 }
 
 }  // namespace FlowTracking

@@ -22,8 +22,8 @@ class FtExporterSm : public TemplateExporterSmBase {
  public:
   FtExporterSm(const Zub::Name& expName, const Zub::Name& ftName, FtId ftId,
                const Zub::Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig,
-               const Zub::Ptr<ExporterInfo>& expInfo,
-               Stova::Ipfix::CollectorStatistics* collStats, Orrin::TaskScheduler& scheduler,
+               const Zub::Ptr<ExporterInfo>& expInfo, Stova::Ipfix::CollectorStatistics* collStats,
+               Orrin::TaskScheduler& scheduler,
                const Zub::Ptr<HwFlowTracking::FtStatus>& hwFtStatus);
   ~FtExporterSm() override;
 

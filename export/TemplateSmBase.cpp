@@ -8,14 +8,11 @@
 namespace FlowTracking {
 
 namespace {
-uint32_t nowU32() {
-  return static_cast<uint32_t>(Zub::System::clock().wallNs() / 1'000'000'000LL);
-}
+uint32_t nowU32() { return static_cast<uint32_t>(Zub::System::clock().wallNs() / 1'000'000'000LL); }
 }  // namespace
 
-#define TRACE_BASE(level, handler)                                                 \
-  GLINT(exportTrace(), level) << "TemplateExporterSmBase::" << handler << " for " \
-                              << traceId_
+#define TRACE_BASE(level, handler) \
+  GLINT(exportTrace(), level) << "TemplateExporterSmBase::" << handler << " for " << traceId_
 TemplateExporterSmBase::TemplateExporterSmBase(
     const Zub::Name& name1, const Zub::Name& name2, FtId ftId,
     const Zub::Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig,
@@ -51,8 +48,8 @@ Zub::String TemplateExporterSmBase::taskPrefix() const { ZUB_FATAL("(!(\"taskPre
 uint16_t TemplateExporterSmBase::headerSetId() const { ZUB_FATAL("(!(\"headerSetId\"))"); }
 void TemplateExporterSmBase::updateCollectorOnTx(const Zub::String&) {}
 
-void TemplateExporterSmBase::periodicTemplateTxTaskIs(Orrin::TaskScheduler& scheduler,
-                                                      int priority, const Zub::String& name) {
+void TemplateExporterSmBase::periodicTemplateTxTaskIs(Orrin::TaskScheduler& scheduler, int priority,
+                                                      const Zub::String& name) {
   periodicTemplateTxTask_ =
       new Orrin::TimerTask(scheduler, name, priority, [this] { handlePeriodicTemplateTx(); });
 }
@@ -164,9 +161,9 @@ void TemplateExporterSmBase::maybeTxTemplate6_() {
 void TemplateExporterSmBase::doTxTemplate4_(const Nelo::IpAndPort& dst, const Zub::String& name) {
   const Zub::Nanoseconds nowNs = Zub::System::clock().wallNs();
   updateMsgHeader_(name, nowNs);
-  TRACE_BASE(kDiag, "doTxTemplate4_") << ",  dst ip: " << dst.addr << ", dst port: " << dst.port
-                                      << ", src: " << hwExpConfig_->srcIpAddr()
-                                      << ", tos :" << hwExpConfig_->dscpValue();
+  TRACE_BASE(kDiag, "doTxTemplate4_")
+      << ",  dst ip: " << dst.addr << ", dst port: " << dst.port
+      << ", src: " << hwExpConfig_->srcIpAddr() << ", tos :" << hwExpConfig_->dscpValue();
   sendPkt4(templatePkt_, expInfo_->udpPam4(), hwExpConfig_->srcIpAddr(), dst,
            hwExpConfig_->dscpValue());
   updateStats(Stova::Ipfix::CollectorInfo::fromIpAndPort(dst), nowNs);
@@ -175,13 +172,12 @@ void TemplateExporterSmBase::doTxTemplate4_(const Nelo::IpAndPort& dst, const Zu
   updateCollectorOnTx(name);
 }
 
-void TemplateExporterSmBase::doTxTemplate6_(const Nelo::Ip6AndPort& dst,
-                                            const Zub::String& name) {
+void TemplateExporterSmBase::doTxTemplate6_(const Nelo::Ip6AndPort& dst, const Zub::String& name) {
   const Zub::Nanoseconds nowNs = Zub::System::clock().wallNs();
   updateMsgHeader_(name, nowNs);
-  TRACE_BASE(kDiag, "doTxTemplate6_") << ",  dst ip: " << dst.addr << ", dst port: " << dst.port
-                                      << ", src: " << hwExpConfig_->srcIp6Addr()
-                                      << ", tos :" << hwExpConfig_->dscpValue();
+  TRACE_BASE(kDiag, "doTxTemplate6_")
+      << ",  dst ip: " << dst.addr << ", dst port: " << dst.port
+      << ", src: " << hwExpConfig_->srcIp6Addr() << ", tos :" << hwExpConfig_->dscpValue();
   sendPkt6(templatePkt_, expInfo_->udpPam6(), hwExpConfig_->srcIp6Addr(), dst,
            hwExpConfig_->dscpValue());
   updateStats(Stova::Ipfix::CollectorInfo::fromIp6AndPort(dst), nowNs);
@@ -247,8 +243,7 @@ void TemplateExporterSmBase::handleCollectorIp6AndPort(const Zub::String& name) 
     return;
   }
   auto last = delivered6_.find(name);
-  if (last != delivered6_.end() &&
-      last->second.first == hwExpConfig_->collectorIp6AndPort(name) &&
+  if (last != delivered6_.end() && last->second.first == hwExpConfig_->collectorIp6AndPort(name) &&
       last->second.second == templateGen_) {
     return;  // it has this template already
   }

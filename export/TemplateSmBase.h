@@ -69,7 +69,9 @@ class TemplateExporterSmBase : public Zub::Reactor {
   void templateLenDelAll() { templateLen_.clear(); }
   const std::unordered_map<Zub::String, uint32_t>& exportTimeU32() const { return exportTimeU32_; }
   uint32_t templateTxCount() const { return templateTxCount_; }
-  const Zub::Ptr<Orrin::TimerTask>& periodicTemplateTxTask() const { return periodicTemplateTxTask_; }
+  const Zub::Ptr<Orrin::TimerTask>& periodicTemplateTxTask() const {
+    return periodicTemplateTxTask_;
+  }
   bool sending4() const { return sending4_; }
   bool sending6() const { return sending6_; }
   const Zub::String& traceId() const { return traceId_; }

@@ -17,9 +17,7 @@ class DataRecord : public Zub::PtrInterface {
   const Zub::String& data() const { return data_; }
   void dataIs(Zub::String d) { data_ = std::move(d); }
   size_t dataLen() const { return data_.size(); }
-  void append(const void* bytes, size_t len) {
-    data_.append(static_cast<const char*>(bytes), len);
-  }
+  void append(const void* bytes, size_t len) { data_.append(static_cast<const char*>(bytes), len); }
   // Big-endian field encodings.
   void appendU8(uint8_t v) { data_.push_back(static_cast<char>(v)); }
   void appendU16(uint16_t v);

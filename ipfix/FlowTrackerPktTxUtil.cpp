@@ -2,8 +2,8 @@
 
 namespace FlowTracking {
 
-bool sendPkt4(const Zub::Ptr<Nelo::Pkt>& pkt, const Zub::Ptr<Nelo::UdpPam>& pam,
-              Nelo::IpAddr src, const Nelo::IpAndPort& dst, Nelo::DscpValue dscp) {
+bool sendPkt4(const Zub::Ptr<Nelo::Pkt>& pkt, const Zub::Ptr<Nelo::UdpPam>& pam, Nelo::IpAddr src,
+              const Nelo::IpAndPort& dst, Nelo::DscpValue dscp) {
   pam->txSrcIpAddrIs(src);
   pam->txDstIpAddrIs(dst.addr);
   pam->txPortIs(dst.port);

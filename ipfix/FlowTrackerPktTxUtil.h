@@ -10,8 +10,8 @@ namespace FlowTracking {
 
 // Sets source, destination address, destination port and DSCP (raw 0..63), in that
 // order, then transmits. Returns what the transmit returns.
-bool sendPkt4(const Zub::Ptr<Nelo::Pkt>& pkt, const Zub::Ptr<Nelo::UdpPam>& pam,
-              Nelo::IpAddr src, const Nelo::IpAndPort& dst, Nelo::DscpValue dscp);
+bool sendPkt4(const Zub::Ptr<Nelo::Pkt>& pkt, const Zub::Ptr<Nelo::UdpPam>& pam, Nelo::IpAddr src,
+              const Nelo::IpAndPort& dst, Nelo::DscpValue dscp);
 bool sendPkt6(const Zub::Ptr<Nelo::Pkt>& pkt, const Zub::Ptr<Nelo::UdpPam>& pam,
               const Nelo::Ip6Addr& src, const Nelo::Ip6AndPort& dst, Nelo::DscpValue dscp);
 

@@ -11,7 +11,8 @@ struct Named {
   RecordType type;
   std::string_view name;
 };
-#define IPFIX_RT(n) Named{RecordType::n, #n}
+#define IPFIX_RT(n) \
+  Named { RecordType::n, #n }
 const std::array kRecordTypes = {
     IPFIX_RT(byteCount),
     IPFIX_RT(packetCount),
@@ -107,8 +108,8 @@ std::string stringValue(SelectorAlgorithm a) {
 }
 
 std::string ElementId::stringValue() const {
-  return Zub::str("Value('Ipfix::ElementId', ** {'enterpriseIe': ", enterpriseIe,
-                  ", 'id': ", id, ", 'len': ", len, ", 'str': ", str, "})");
+  return Zub::str("Value('Ipfix::ElementId', ** {'enterpriseIe': ", enterpriseIe, ", 'id': ", id,
+                  ", 'len': ", len, ", 'str': ", str, "})");
 }
 
 void ElementIdColl::doInitialize() {

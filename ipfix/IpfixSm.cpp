@@ -6,7 +6,8 @@ namespace Ipfix {
 
 void IpfixInitSm::handleInitialized() {
   if (initialized_) return;
-  GLINT(ipfixTrace(), 8) << "IpfixInitSm::" << "handleInitialized";
+  GLINT(ipfixTrace(), 8) << "IpfixInitSm::"
+                         << "handleInitialized";
   Zub::Ptr<ElementIdColl> coll(new ElementIdColl());
   coll->doInitialize();
   elementIdCollection_ = coll;

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Configures and builds the tree. Usage: scripts/build.sh [--sanitize] [--release]
-# Build directories: build/ (default), build-asan/ (--sanitize).
+# Configures and builds the tree; prints the build directory on stdout (everything else
+# goes to stderr). Usage: scripts/build.sh [--sanitize]
+# Build directories: build/ (default), build-asan/ (--sanitize: ASan + UBSan).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 dir=build
@@ -11,7 +12,7 @@ for a in "$@"; do
     *) echo "unknown option $a" >&2; exit 2 ;;
   esac
 done
-scripts/install-deps.sh
-cmake -S . -B "$dir" -G Ninja "${args[@]}" >/dev/null
-cmake --build "$dir"
+scripts/install-deps.sh >&2
+cmake -S . -B "$dir" -G Ninja "${args[@]}" >&2
+cmake --build "$dir" >&2
 echo "$dir"

@@ -124,9 +124,7 @@ IpGenAddr::IpGenAddr(const IpAddr& a) : family(ipv4) {
   std::memcpy(addr, &nbo, 4);
 }
 
-IpGenAddr::IpGenAddr(const Ip6Addr& a) : family(ipv6) {
-  std::memcpy(addr, a.bytes().data(), 16);
-}
+IpGenAddr::IpGenAddr(const Ip6Addr& a) : family(ipv6) { std::memcpy(addr, a.bytes().data(), 16); }
 
 IpAddr IpGenAddr::ipAddr() const {
   uint32_t nbo;

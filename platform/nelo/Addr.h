@@ -104,8 +104,8 @@ struct IpGenAddr {
   uint8_t addr[16] = {};
 
   IpGenAddr() = default;
-  IpGenAddr(const IpAddr& a);    // NOLINT: implicit by design
-  IpGenAddr(const Ip6Addr& a);   // NOLINT
+  IpGenAddr(const IpAddr& a);   // NOLINT: implicit by design
+  IpGenAddr(const Ip6Addr& a);  // NOLINT
   bool isUnspecified() const { return family == unspecified; }
   IpAddr ipAddr() const;
   Ip6Addr ip6Addr() const;

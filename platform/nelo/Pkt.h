@@ -17,7 +17,9 @@ class Pkt : public Zub::PtrInterface {
   // A data region of `bytes` bytes behind `headroom` bytes of room. The contents are
   // not initialised: writers fill every byte that they send.
   Pkt(size_t bytes, size_t headroom = 0)
-      : buf_(new uint8_t[headroom + bytes]), size_(headroom + bytes), start_(headroom),
+      : buf_(new uint8_t[headroom + bytes]),
+        size_(headroom + bytes),
+        start_(headroom),
         bytes_(bytes) {}
 
   uint8_t* data() { return buf_.get() + start_; }
@@ -44,7 +46,9 @@ class Pkt : public Zub::PtrInterface {
     return data() + offset;
   }
 
-  std::string bytesString() const { return std::string(reinterpret_cast<const char*>(data()), bytes_); }
+  std::string bytesString() const {
+    return std::string(reinterpret_cast<const char*>(data()), bytes_);
+  }
   // "0000: 00 0a 00 20 ..." 16 bytes a line.
   std::string hexdump() const;
 

@@ -77,7 +77,7 @@ class UdpPam : public Zub::PtrInterface {
   uint8_t txDscp_ = 0;
   int appliedTos_ = -1;  // TOS byte set on the socket, -1 before the first send
   bool bindTried_ = false;
-  IpAddr bound4_;        // the source the socket is bound to (zero: not bound)
+  IpAddr bound4_;  // the source the socket is bound to (zero: not bound)
   Ip6Addr bound6_;
   uint64_t txPkts_ = 0;
   uint64_t txErrors_ = 0;

@@ -13,7 +13,7 @@ class VrfName {
  public:
   static constexpr size_t maxLength = 100;
   VrfName() = default;
-  VrfName(std::string_view name) : name_(check(name)) {}  // NOLINT: implicit by design
+  VrfName(std::string_view name) : name_(check(name)) {}          // NOLINT: implicit by design
   VrfName(const char* name) : VrfName(std::string_view(name)) {}  // NOLINT
   VrfName(const std::string& name) : VrfName(std::string_view(name)) {}  // NOLINT
 

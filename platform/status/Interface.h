@@ -21,9 +21,9 @@ std::string stringValue(LinkStatus s);
 // How an interface takes part in forwarding. Values above quiet forward traffic.
 enum class ForwardingModel : uint32_t {
   intfForwardingModelUnknown = 0,
-  intfForwardingModelInactive = 1,     // administratively or operationally unused
-  intfForwardingModelDataLink = 2,     // a port-channel member: forwards as part of its LAG
-  intfForwardingModelQuiet = 3,        // monitor or mirror destination: forwards nothing
+  intfForwardingModelInactive = 1,  // administratively or operationally unused
+  intfForwardingModelDataLink = 2,  // a port-channel member: forwards as part of its LAG
+  intfForwardingModelQuiet = 3,     // monitor or mirror destination: forwards nothing
   intfForwardingModelBridged = 4,
   intfForwardingModelRouted = 5,
 };

@@ -120,8 +120,8 @@ void storeWords(uint64_t* dst, const void* src, size_t words) {
 void loadWords(void* dst, const uint64_t* src, size_t words) {
   auto* d = static_cast<uint8_t*>(dst);
   for (size_t i = 0; i < words; ++i) {
-    uint64_t w = std::atomic_ref<uint64_t>(const_cast<uint64_t&>(src[i])).load(
-        std::memory_order_relaxed);
+    uint64_t w =
+        std::atomic_ref<uint64_t>(const_cast<uint64_t&>(src[i])).load(std::memory_order_relaxed);
     std::memcpy(d + i * 8, &w, 8);
   }
 }
@@ -152,8 +152,7 @@ RawTable::RawTable(Segment& seg, uint32_t recordBytes)
     : ctl_(reinterpret_cast<ControlBlock*>(seg.data())),
       base_(seg.data() + sizeof(ControlBlock)),
       recordBytes_(recordBytes) {
-  const uint64_t magic =
-      std::atomic_ref<uint64_t>(ctl_->magic).load(std::memory_order_acquire);
+  const uint64_t magic = std::atomic_ref<uint64_t>(ctl_->magic).load(std::memory_order_acquire);
   if (seg.bytes() < sizeof(ControlBlock) || magic != ControlBlock::kMagic ||
       ctl_->layoutVersion != ControlBlock::kLayoutVersion || ctl_->recordBytes != recordBytes ||
       ctl_->slotBytes != slotBytesFor(recordBytes) ||

@@ -227,7 +227,8 @@ class Table {
 template <class T>
 class TableReader {
  public:
-  explicit TableReader(std::unique_ptr<Segment> seg) : seg_(std::move(seg)), raw_(*seg_, sizeof(T)) {}
+  explicit TableReader(std::unique_ptr<Segment> seg)
+      : seg_(std::move(seg)), raw_(*seg_, sizeof(T)) {}
 
   uint64_t generation() const { return raw_.generation(); }
   uint64_t writerPid() const { return raw_.writerPid(); }

@@ -14,18 +14,18 @@ void fatalHookIs(FatalHook hook);
 
 }  // namespace Zub
 
-#define ZUB_ASSERT(expr)                                                \
-  do {                                                                  \
-    if (!(expr)) [[unlikely]]                                           \
-      ::Zub::fatalAssert(#expr, __FILE__, __LINE__);                    \
+#define ZUB_ASSERT(expr)                             \
+  do {                                               \
+    if (!(expr)) [[unlikely]]                        \
+      ::Zub::fatalAssert(#expr, __FILE__, __LINE__); \
   } while (0)
 
 // The same with an explicit text, where the reported condition is worded differently
 // from the code that checks it.
-#define ZUB_ASSERT_TEXT(expr, text)                                     \
-  do {                                                                  \
-    if (!(expr)) [[unlikely]]                                           \
-      ::Zub::fatalAssert(text, __FILE__, __LINE__);                     \
+#define ZUB_ASSERT_TEXT(expr, text)                 \
+  do {                                              \
+    if (!(expr)) [[unlikely]]                       \
+      ::Zub::fatalAssert(text, __FILE__, __LINE__); \
   } while (0)
 
 // An unconditional failure with a text, e.g. a base-class operation that every

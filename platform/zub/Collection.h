@@ -90,9 +90,7 @@ class CollectionBase {
 
   // Entities: puts an existing entity under k (it may also sit in other collections;
   // the parent link stays with the first owner).
-  const V& insert(const K& k, V e)
-    requires kEntities
-  {
+  const V& insert(const K& k, V e) requires kEntities {
     auto it = map_.find(k);
     if (it != map_.end()) {
       if (it->second == e) return it->second;
@@ -105,9 +103,7 @@ class CollectionBase {
   }
 
   // Values: returns true when something changed.
-  bool set(const K& k, const V& v)
-    requires(!kEntities)
-  {
+  bool set(const K& k, const V& v) requires(!kEntities) {
     auto [it, added] = map_.try_emplace(k, v);
     if (!added) {
       if (it->second == v) return false;

@@ -58,8 +58,8 @@ void checkCtorParam(const Entity& e, const char* attribute, const T& current, co
   if (current == given) return;
   throw NameInUseException(str("Reinstantiating the entity with fullName ", e.fullName(),
                                " where constructor parameter attribute '", attribute,
-                               "' has a different value of ", given,
-                               " than the current value of ", current, " not allowed"));
+                               "' has a different value of ", given, " than the current value of ",
+                               current, " not allowed"));
 }
 
 class Reactor : public PtrInterface {
@@ -99,23 +99,23 @@ Ptr<T> makeReactor(A&&... a) {
 
 // Declares attribute `name` of type `Type` (default: the remaining arguments, or value
 // initialisation). Leaves the access specifier public.
-#define ZUB_ATTR(Type, name, ...)                          \
- public:                                                   \
-  const Type& name() const { return name##_; }             \
-  void name##Is(const Type& v) {                           \
-    if (name##_ == v) return;                              \
-    name##_ = v;                                           \
-    name##Signal_.emit();                                  \
-  }                                                        \
+#define ZUB_ATTR(Type, name, ...)                           \
+ public:                                                    \
+  const Type& name() const { return name##_; }              \
+  void name##Is(const Type& v) {                            \
+    if (name##_ == v) return;                               \
+    name##_ = v;                                            \
+    name##Signal_.emit();                                   \
+  }                                                         \
   ::Zub::Signal<>& name##Signal() { return name##Signal_; } \
-                                                           \
- private:                                                  \
-  Type name##_{__VA_ARGS__};                               \
-  ::Zub::Signal<> name##Signal_;                           \
-                                                           \
+                                                            \
+ private:                                                   \
+  Type name##_{__VA_ARGS__};                                \
+  ::Zub::Signal<> name##Signal_;                            \
+                                                            \
  public:
 
 // An attribute with `nameInc(n)`, which adds n (wrapping as the type does).
-#define ZUB_COUNTER(Type, name, ...)                              \
-  ZUB_ATTR(Type, name, __VA_ARGS__)                               \
+#define ZUB_COUNTER(Type, name, ...) \
+  ZUB_ATTR(Type, name, __VA_ARGS__)  \
   void name##Inc(const Type& n = Type(1)) { name##Is(name##_ + n); }

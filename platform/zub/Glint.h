@@ -97,7 +97,7 @@ class Capture {
 
 }  // namespace Zub::Glint
 
-#define GLINT(fac, lvl)                                                          \
-  if (!((fac).enabled(lvl) || ::Zub::Twyx::captures(lvl))) {                     \
-  } else                                                                         \
+#define GLINT(fac, lvl)                                      \
+  if (!((fac).enabled(lvl) || ::Zub::Twyx::captures(lvl))) { \
+  } else                                                     \
     ::Zub::Glint::Line((fac), (lvl))

@@ -17,9 +17,7 @@ std::vector<const LogHandle*>& handles() {
 }
 }  // namespace
 
-std::string LogRecord::line() const {
-  return str(facility, "-", severity, "-", name, ": ", text);
-}
+std::string LogRecord::line() const { return str(facility, "-", severity, "-", name, ": ", text); }
 
 LogSink logSinkIs(LogSink s) {
   LogSink old = std::move(sink());
@@ -28,8 +26,8 @@ LogSink logSinkIs(LogSink s) {
 }
 
 LogHandle::LogHandle(std::string name, int severity, std::string format, std::string explanation,
-                     std::string recommendedAction, double rateLimitInterval,
-                     double rateLimitBurst, std::string facility)
+                     std::string recommendedAction, double rateLimitInterval, double rateLimitBurst,
+                     std::string facility)
     : name_(std::move(name)),
       severity_(severity),
       format_(std::move(format)),

@@ -45,11 +45,11 @@ class Ptr {
   Ptr(const Ptr& o) noexcept : Ptr(o.p_) {}
   Ptr(Ptr&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
   template <class U>
-    requires std::is_convertible_v<U*, T*>
-  Ptr(const Ptr<U>& o) noexcept : Ptr(o.get()) {}
+  requires std::is_convertible_v<U*, T*> Ptr(const Ptr<U>& o)
+  noexcept : Ptr(o.get()) {}
   template <class U>
-    requires std::is_convertible_v<U*, T*>
-  Ptr(Ptr<U>&& o) noexcept : p_(o.release()) {}
+  requires std::is_convertible_v<U*, T*> Ptr(Ptr<U>&& o)
+  noexcept : p_(o.release()) {}
   ~Ptr() {
     if (p_) p_->unref();
   }

@@ -24,8 +24,8 @@ size_t SignalCore::size() const {
 
 void SignalCore::compact() {
   dirty_ = false;
-  auto dead = std::stable_partition(slots_.begin(), slots_.end(),
-                                    [](const Slot* s) { return s->alive; });
+  auto dead =
+      std::stable_partition(slots_.begin(), slots_.end(), [](const Slot* s) { return s->alive; });
   for (auto it = dead; it != slots_.end(); ++it) delete *it;
   slots_.erase(dead, slots_.end());
 }

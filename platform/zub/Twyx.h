@@ -9,8 +9,8 @@
 
 namespace Zub::Twyx {
 
-constexpr int kLines = 512;        // lines kept
-constexpr int kLineBytes = 240;    // longer lines are cut
+constexpr int kLines = 512;      // lines kept
+constexpr int kLineBytes = 240;  // longer lines are cut
 
 // The highest level kept (default 3).
 inline int levelMaxValue = 3;

@@ -45,7 +45,9 @@ concept HasStringValueFree = requires(const T& t) {
   { stringValue(t) } -> std::convertible_to<std::string>;
 };
 template <class T>
-concept OstreamPrintable = requires(std::ostream& os, const T& t) { os << t; };
+concept OstreamPrintable = requires(std::ostream& os, const T& t) {
+  os << t;
+};
 
 inline void appendTo(std::string& out, std::string_view s) { out.append(s); }
 inline void appendTo(std::string& out, const char* s) { out.append(s ? s : "(null)"); }
@@ -54,8 +56,8 @@ inline void appendTo(std::string& out, char c) { out.push_back(c); }
 inline void appendTo(std::string& out, bool b) { out.append(b ? "true" : "false"); }
 
 template <class T>
-  requires(std::is_integral_v<T> && !std::is_same_v<T, bool> && !std::is_same_v<T, char>)
-void appendTo(std::string& out, T v) {
+requires(std::is_integral_v<T> && !std::is_same_v<T, bool> &&
+         !std::is_same_v<T, char>) void appendTo(std::string& out, T v) {
   char buf[24];
   auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
   (void)ec;
@@ -63,7 +65,7 @@ void appendTo(std::string& out, T v) {
 }
 
 template <class T>
-  requires std::is_floating_point_v<T>
+requires std::is_floating_point_v<T>
 void appendTo(std::string& out, T v) {
   char buf[64];
   auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
@@ -72,9 +74,9 @@ void appendTo(std::string& out, T v) {
 }
 
 template <class T>
-  requires(!std::is_arithmetic_v<T> && !std::is_convertible_v<const T&, std::string_view> &&
-           (HasStringValueMember<T> || HasStringValueFree<T> || OstreamPrintable<T>))
-void appendTo(std::string& out, const T& v) {
+requires(!std::is_arithmetic_v<T> && !std::is_convertible_v<const T&, std::string_view> &&
+         (HasStringValueMember<T> || HasStringValueFree<T> ||
+          OstreamPrintable<T>)) void appendTo(std::string& out, const T& v) {
   if constexpr (HasStringValueMember<T>) {
     out.append(v.stringValue());
   } else if constexpr (HasStringValueFree<T>) {

@@ -38,7 +38,7 @@ platform:
     default: active
     red: {state: inactive, id: 3}
 )",
-                           "t.yaml");
+                             "t.yaml");
   EXPECT_TRUE(c.enabled);
   EXPECT_EQ(c.sampleRate.value(), 2048u);
   ASSERT_EQ(c.trackers.size(), 1u);
@@ -65,6 +65,14 @@ platform:
   EXPECT_EQ(d.trackers[0].exporters[0].mtu.value(), 9152u);
   EXPECT_EQ(parseConfig("", "empty").trackers.size(), 0u);
   EXPECT_NO_THROW(parseConfig(Agent::embeddedDefaultConfig(), "default"));
+}
+
+TEST(AgentConfig, TheShippedExampleIsValid) {
+  const auto c = Agent::loadConfigFile(EXAMPLE_CONFIG);
+  EXPECT_TRUE(c.enabled);
+  ASSERT_EQ(c.trackers.size(), 1u);
+  EXPECT_EQ(c.trackers[0].exporters[0].collectors.size(), 3u);
+  EXPECT_EQ(c.interfaces.size(), 3u);
 }
 
 TEST(AgentConfig, RefusalsNameFileLineFieldAndTheModelsMessage) {

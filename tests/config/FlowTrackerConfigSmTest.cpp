@@ -311,7 +311,7 @@ TEST_F(ExporterTest, Ipv6PathIgnoresTheVrfAndKeepsItsSourceWhileAssigned) {
   auto hw = w.hwExporter("T", "E");
   EXPECT_EQ(hw->srcIpAddr().stringValue(), "10.5.0.1");
   EXPECT_EQ(hw->srcIp6Addr().stringValue(), "::");  // link-local only
-  EXPECT_FALSE(hw->exporterReady());                 // VRF red is not active
+  EXPECT_FALSE(hw->exporterReady());                // VRF red is not active
   w.vrfState("red", Ip::VrfState::vrfActive);
   EXPECT_TRUE(hw->exporterReady());
   w.vrfState("red", Ip::VrfState::vrfDeleting);
@@ -323,7 +323,7 @@ TEST_F(ExporterTest, Ipv6PathIgnoresTheVrfAndKeepsItsSourceWhileAssigned) {
   w.collector("T", "E", "2001:db8::99");
   EXPECT_TRUE(hw->exporterReady());  // IPv6 source and collector: the VRF does not matter
   ip6->addrIs(*Nelo::Ip6AddrWithMask::parse("2001:db8::1/64"));  // sorts first
-  EXPECT_EQ(hw->srcIp6Addr().stringValue(), "2001:db8::5");       // sticky
+  EXPECT_EQ(hw->srcIp6Addr().stringValue(), "2001:db8::5");      // sticky
   ip6->addrDel(*Nelo::Ip6AddrWithMask::parse("2001:db8::5/64"));
   EXPECT_EQ(hw->srcIp6Addr().stringValue(), "2001:db8::1");
 }
@@ -334,8 +334,8 @@ TEST_F(ExporterTest, SameConfigurationTwiceWritesNothingAndAChangePlusItsReverse
   exp->dscpValueIs(Nelo::DscpValue(46));
   auto hw = w.hwExporter("T", "E");
   auto snapshot = [&] {
-    return Zub::str(hw->vrfName(), "|", hw->ipfixMtu(), "|", hw->dscpValue(), "|",
-                    hw->srcIpAddr(), "|", hw->srcIp6Addr(), "|", hw->exporterReady(), "|",
+    return Zub::str(hw->vrfName(), "|", hw->ipfixMtu(), "|", hw->dscpValue(), "|", hw->srcIpAddr(),
+                    "|", hw->srcIp6Addr(), "|", hw->exporterReady(), "|",
                     hw->collectorIpAndPortSize(), "|", hw->templateInterval());
   };
   const std::string before = snapshot();

@@ -47,9 +47,10 @@ class AgentE2e : public ::testing::Test {
 
   std::unique_ptr<TestSupport::Daemon> startDaemon() {
     return std::make_unique<TestSupport::Daemon>(
-        FLOWEXPORTD, std::vector<std::string>{"--config", file, "--state-file",
-                                              dir.file("state/ftids"), "--stats-name", stats,
-                                              "--control-socket", socket, "--log", "stderr"},
+        FLOWEXPORTD,
+        std::vector<std::string>{"--config", file, "--state-file", dir.file("state/ftids"),
+                                 "--stats-name", stats, "--control-socket", socket, "--log",
+                                 "stderr"},
         dir.file("daemon.log"));
   }
   TestSupport::CommandResult ctl(const std::string& args) const {
@@ -71,9 +72,8 @@ TEST_F(AgentE2e, OperatorSession) {
   auto first = rx1.receive(5000ms);
   ASSERT_TRUE(first) << daemon->log();
   std::vector<Datagram> got = {*first};
-  auto fields = TestSupport::tsharkFields(
-      got, {"cflow.od_id", "cflow.sequence", "cflow.flowset_id", "cflow.template_id",
-            "cflow.template_field_count"});
+  auto fields = TestSupport::tsharkFields(got, {"cflow.od_id", "cflow.sequence", "cflow.flowset_id",
+                                                "cflow.template_id", "cflow.template_field_count"});
   ASSERT_EQ(fields.status, 0) << fields.err;
   EXPECT_EQ(fields.out, "1,0,2,261;262,15;15\n");
   auto dump = TestSupport::ipfixDumpDecode(got);
@@ -96,13 +96,15 @@ TEST_F(AgentE2e, OperatorSession) {
   // Statistics as flowexportctl reads them.
   auto json = ctl("show collectors --json");
   ASSERT_EQ(json.status, 0) << json.err;
-  const std::string row1 = "\"tracker\": \"edge\", \"exporter\": \"e\", \"collector\": "
-                           "\"127.0.0.1:" + std::to_string(rx1.port()) + "\"";
-  EXPECT_NE(json.out.find(row1 + ", \"address\": \"127.0.0.1\", \"port\": " +
-                          std::to_string(rx1.port()) +
-                          ", \"messages\": 1, \"records\": 0, \"octets\": " +
-                          std::to_string(first->payload.size())),
-            std::string::npos)
+  const std::string row1 =
+      "\"tracker\": \"edge\", \"exporter\": \"e\", \"collector\": "
+      "\"127.0.0.1:" +
+      std::to_string(rx1.port()) + "\"";
+  EXPECT_NE(
+      json.out.find(row1 + ", \"address\": \"127.0.0.1\", \"port\": " + std::to_string(rx1.port()) +
+                    ", \"messages\": 1, \"records\": 0, \"octets\": " +
+                    std::to_string(first->payload.size())),
+      std::string::npos)
       << json.out;
   EXPECT_NE(json.out.find("\"collector\": \"[::1]:" + std::to_string(rx2.port())),
             std::string::npos);

@@ -32,8 +32,8 @@ std::vector<std::string> readStatsInAnotherProcess(const std::string& shmName) {
       Stova::Ipfix::CollectorStatisticsReader reader(Stova::Segment::open(shmName));
       for (const auto& e : reader.all()) {
         out += Zub::str(e.key.stovaString(), " msgs=", e.exportedMessageTotalCount,
-                        " octets=", e.exportedOctetTotalCount, " templates=",
-                        e.setEntry(Stova::Ipfix::SetId(2)).exportedTemplateCount,
+                        " octets=", e.exportedOctetTotalCount,
+                        " templates=", e.setEntry(Stova::Ipfix::SetId(2)).exportedTemplateCount,
                         " cleared=", e.lastClearedTime > 0 ? 1 : 0, "\n");
       }
     } catch (const std::exception& ex) {

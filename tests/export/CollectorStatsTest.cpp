@@ -10,8 +10,8 @@ using namespace Stova::Ipfix;
 
 CollectorStatisticsKey key4(const std::string& tracker, const std::string& exporter,
                             const char* addr = "10.0.0.1", uint16_t port = 4739) {
-  return CollectorStatisticsKey(CollectorInfo::fromIpAndPort({Nelo::IpAddr(addr), port}),
-                                tracker, exporter);
+  return CollectorStatisticsKey(CollectorInfo::fromIpAndPort({Nelo::IpAddr(addr), port}), tracker,
+                                exporter);
 }
 
 CollectorSetStatisticsEntry set(uint16_t id, uint64_t templates) {
@@ -74,8 +74,9 @@ TEST(CollectorStats, TextForms) {
     StringIndex(128);
     FAIL();
   } catch (const Zub::RangeException& ex) {
-    EXPECT_STREQ(ex.what(), "StringIndex::value < StringIndex::min or > StringIndex::max not "
-                            "allowed");
+    EXPECT_STREQ(ex.what(),
+                 "StringIndex::value < StringIndex::min or > StringIndex::max not "
+                 "allowed");
   }
   CollectorStatisticsKey k;
   k.trackerIs(std::string(128, 't'));  // exactly the storage: no terminator needed

@@ -21,8 +21,9 @@ const std::vector<FieldSpec> kIpv4Fields = {
 };
 const std::vector<FieldSpec> kIpv6Fields = {{RecordType::srcIp6, 16, false, true}};
 
-uint32_t seqOf(const std::string& bytes) { return Nelo::NetU32::read(
-    reinterpret_cast<const uint8_t*>(bytes.data()) + 8); }
+uint32_t seqOf(const std::string& bytes) {
+  return Nelo::NetU32::read(reinterpret_cast<const uint8_t*>(bytes.data()) + 8);
+}
 
 class TemplateTest : public ::testing::Test {
  protected:
@@ -47,8 +48,8 @@ TEST_F(TemplateTest, TemplateMessageMatchesTheHandWrittenBytes) {
       "000a 0038 | 6b49d200 | 00000000 | 00000007"  // version, length 56, time, seq, domain 7
       "0002 0028"                                   // template set, length 40
       "0105 0005 | 0008 0004 | 000c 0004 | 0007 0002 | 0001 0008"  // 261: five fields
-      "8400 0004 00007ed9"                          // innerSrcIp: enterprise bit and PEN 32473
-      "0106 0001 | 001b 0010");                     // 262: sourceIPv6Address
+      "8400 0004 00007ed9"       // innerSrcIp: enterprise bit and PEN 32473
+      "0106 0001 | 001b 0010");  // 262: sourceIPv6Address
   EXPECT_EQ(toHex(sent[0].bytes), toHex(expected));
   auto sm = w.ftExporterSm("T", "E");
   EXPECT_EQ(sm->templatePktTemplateCount(), 2);
@@ -201,9 +202,9 @@ TEST(TemplateExporter, CollectorWithoutCollectorInfoWaitsForIt) {
   auto hw = w.exporter("T", 7, "E", "10.0.0.1");
   w.flowGroup("T", 261, kIpv4Fields);
   Zub::Ptr<FlowTracking::ExporterInfo> info(new FlowTracking::ExporterInfo("E"));
-  auto sm = Zub::makeReactor<FlowTracking::FtExporterSm>(
-      "E", "T", FlowTracking::FtId(7), hw, info, w.stats.get(), w.sched,
-      w.hwStatus->hwFtStatus("T"));
+  auto sm = Zub::makeReactor<FlowTracking::FtExporterSm>("E", "T", FlowTracking::FtId(7), hw, info,
+                                                         w.stats.get(), w.sched,
+                                                         w.hwStatus->hwFtStatus("T"));
   w.run();
   EXPECT_TRUE(sm->templateReady());
   hw->collectorIpAndPortIs("late", Nelo::IpAndPort{Nelo::IpAddr("192.0.2.3"), 4739});
@@ -223,9 +224,8 @@ TEST(TemplateSmBaseDeathTest, DerivedClassesMustOverride) {
   ExportWorld w;
   auto hw = w.exporter("T", 1, "E", "10.0.0.1");
   Zub::Ptr<FlowTracking::ExporterInfo> info(new FlowTracking::ExporterInfo("E"));
-  Zub::Ptr<FlowTracking::TemplateExporterSmBase> base(
-      new FlowTracking::TemplateExporterSmBase("E", "T", FlowTracking::FtId(1), hw, info, nullptr,
-                                               w.sched));
+  Zub::Ptr<FlowTracking::TemplateExporterSmBase> base(new FlowTracking::TemplateExporterSmBase(
+      "E", "T", FlowTracking::FtId(1), hw, info, nullptr, w.sched));
   EXPECT_DEATH(base->taskPrefix(), "ASSERTION FAILED: \\(!\\(\"taskPrefix\"\\)\\)");
   EXPECT_DEATH(base->headerSetId(), "ASSERTION FAILED: \\(!\\(\"headerSetId\"\\)\\)");
 }

@@ -87,8 +87,8 @@ TEST(Catalogue, StandardEntriesMatchTheIanaRegistry) {
 TEST(Catalogue, EnterpriseValuesWithoutEntryLookUpEmpty) {
   Zub::Ptr<Ipfix::ElementIdColl> eic(new Ipfix::ElementIdColl());
   eic->doInitialize();
-  for (RecordType t : {RecordType::innerDstIp, RecordType::broadscanGroupId,
-                       RecordType::zeroInfoElement}) {
+  for (RecordType t :
+       {RecordType::innerDstIp, RecordType::broadscanGroupId, RecordType::zeroInfoElement}) {
     ElementId e = eic->elementIdColl(t);
     EXPECT_TRUE(!e);
     EXPECT_EQ(e.len, 0);

@@ -75,7 +75,7 @@ TEST(MessageBuilder, RecordThatDoesNotFitLeavesTheMessageUnchanged) {
 
   // A new set that does not fit leaves the open set open and its length unwritten.
   b->startMsg();
-  b->addSetRecordStr(256, std::string(70, 'x'));  // offset 90
+  b->addSetRecordStr(256, std::string(70, 'x'));                // offset 90
   EXPECT_EQ(b->addSetRecordStr(257, std::string(7, 'z')), 0u);  // 90 + 11 > 100
   EXPECT_TRUE(b->setHdr());
   EXPECT_EQ(b->addSetRecordStr(256, std::string(10, 'w')), 10u);

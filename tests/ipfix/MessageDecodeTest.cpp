@@ -45,10 +45,10 @@ TEST_P(MessageDecodeTest, DecodersReadTemplateAndRecords) {
   auto got = rx.drain(200ms);
   ASSERT_EQ(got.size(), 2u);
 
-  auto fields = TestSupport::tsharkFields(
-      got, {"cflow.version", "cflow.od_id", "cflow.sequence", "cflow.flowset_id",
-            "cflow.template_id", "cflow.srcaddr", "cflow.dstaddr", "cflow.octets",
-            "cflow.srcport"});
+  auto fields =
+      TestSupport::tsharkFields(got, {"cflow.version", "cflow.od_id", "cflow.sequence",
+                                      "cflow.flowset_id", "cflow.template_id", "cflow.srcaddr",
+                                      "cflow.dstaddr", "cflow.octets", "cflow.srcport"});
   ASSERT_EQ(fields.status, 0) << fields.err;
   EXPECT_EQ(fields.out,
             "10,42,0,2;256,256,192.0.2.1;192.0.2.2,198.51.100.2;198.51.100.3,4096;8192,"

@@ -59,8 +59,8 @@ struct ConfigWorld {
                                                   const std::string& name,
                                                   const std::string& localIntf = "",
                                                   const std::string& vrf = "default");
-  void collector(const std::string& tracker, const std::string& exporter,
-                 const std::string& host, uint16_t port = 4739);
+  void collector(const std::string& tracker, const std::string& exporter, const std::string& host,
+                 uint16_t port = 4739);
   void bind(const std::string& intf, const std::string& tracker);
 
   Zub::Ptr<HwFlowTracking::ExporterConfig> hwExporter(const std::string& tracker,

@@ -67,8 +67,7 @@ ExportWorld::~ExportWorld() {
 
 void ExportWorld::start() {
   infoSm = FlowTracking::flowTrackingInfoSmFactory(
-      hwConfig, info, sched,
-      realEndpoints ? FlowTracking::realPamFactory() : recorder.factory());
+      hwConfig, info, sched, realEndpoints ? FlowTracking::realPamFactory() : recorder.factory());
   templateSm = FlowTracking::templateSmFactory(config, configReq, hwConfig, hwStatus, info,
                                                stats.get(), sched);
   run();
@@ -105,7 +104,8 @@ Zub::Ptr<HwFlowTracking::FgStatus> ExportWorld::flowGroup(const std::string& tra
   auto ft = hwStatus->hwFtStatusIs(tracker);
   const FlowTracking::TemplateId id(templateId);
   // Entries first, then the group: readers see a complete template when it appears.
-  Zub::Ptr<HwFlowTracking::FgStatus> fg(new HwFlowTracking::FgStatus(id, "fg" + std::to_string(templateId)));
+  Zub::Ptr<HwFlowTracking::FgStatus> fg(
+      new HwFlowTracking::FgStatus(id, "fg" + std::to_string(templateId)));
   uint32_t seq = 0;
   for (const FieldSpec& f : fields) {
     auto e = fg->templateEntryIs(seq++, f.type);

@@ -76,10 +76,10 @@ struct ExportWorld {
                                                     const std::string& exporter,
                                                     const std::string& src4,
                                                     const std::string& src6 = "::");
-  void collector4(const std::string& tracker, const std::string& exporter,
-                  const std::string& name, const std::string& addr, uint16_t port);
-  void collector6(const std::string& tracker, const std::string& exporter,
-                  const std::string& name, const std::string& addr, uint16_t port);
+  void collector4(const std::string& tracker, const std::string& exporter, const std::string& name,
+                  const std::string& addr, uint16_t port);
+  void collector6(const std::string& tracker, const std::string& exporter, const std::string& name,
+                  const std::string& addr, uint16_t port);
   // A flow group's template in the hardware status; genId starts at 1.
   Zub::Ptr<HwFlowTracking::FgStatus> flowGroup(const std::string& tracker, uint16_t templateId,
                                                const std::vector<FieldSpec>& fields);

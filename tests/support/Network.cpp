@@ -24,7 +24,8 @@ UdpReceiver::UdpReceiver(bool ipv6, uint16_t port) : ipv6_(ipv6) {
     a.sin6_family = AF_INET6;
     a.sin6_addr = in6addr_loopback;
     a.sin6_port = htons(port);
-    if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0) throw std::runtime_error("bind6");
+    if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0)
+      throw std::runtime_error("bind6");
     socklen_t len = sizeof a;
     ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
     port_ = ntohs(a.sin6_port);
@@ -35,7 +36,8 @@ UdpReceiver::UdpReceiver(bool ipv6, uint16_t port) : ipv6_(ipv6) {
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     a.sin_port = htons(port);
-    if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0) throw std::runtime_error("bind4");
+    if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0)
+      throw std::runtime_error("bind4");
     socklen_t len = sizeof a;
     ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
     port_ = ntohs(a.sin_port);

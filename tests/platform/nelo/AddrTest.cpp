@@ -78,8 +78,8 @@ TEST(IntfId, Kinds) {
     EXPECT_TRUE(EthIntfId::isEthIntfId(IntfId(eth))) << eth;
     EXPECT_FALSE(PortChannelIntfId::isPortChannelIntfId(IntfId(eth))) << eth;
   }
-  for (const char* other : {"Ethernet", "Ethernet1/", "Ethernet1/2/3/4", "Ethernet1a",
-                            "ethernet1", "Vlan100", "Loopback0", "Management1"}) {
+  for (const char* other : {"Ethernet", "Ethernet1/", "Ethernet1/2/3/4", "Ethernet1a", "ethernet1",
+                            "Vlan100", "Loopback0", "Management1"}) {
     EXPECT_FALSE(EthIntfId::isEthIntfId(IntfId(other))) << other;
   }
   EXPECT_TRUE(PortChannelIntfId::isPortChannelIntfId(IntfId("Port-Channel10")));

@@ -46,8 +46,8 @@ TEST_P(UdpPamFamilyTest, SourceDestinationPayloadAndDscpOnTheWire) {
     std::string payload;
     bool second;
   };
-  for (const Case& c : {Case{46, "first", false}, Case{0, "second", true},
-                        Case{63, "third", false}}) {
+  for (const Case& c :
+       {Case{46, "first", false}, Case{0, "second", true}, Case{63, "third", false}}) {
     SCOPED_TRACE(int(c.dscp));
     const char* src = c.second ? f.src2 : f.src;
     if (f.v6) {

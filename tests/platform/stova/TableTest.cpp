@@ -99,8 +99,8 @@ TEST(StovaTable, SharedSegmentAndWriterRestart) {
 
 TEST(StovaTable, ReaderInAnotherProcessNeverSeesATornRecord) {
   const std::string name = uniqueName("stress");
-  Stova::Table<Rec> writer(
-      Stova::Segment::create(name, Stova::RawTable::bytesFor(4, sizeof(Rec))), "stress", 4);
+  Stova::Table<Rec> writer(Stova::Segment::create(name, Stova::RawTable::bytesFor(4, sizeof(Rec))),
+                           "stress", 4);
   writer.set(Rec::make(7, 0));
   int pipeFd[2];
   ASSERT_EQ(::pipe(pipeFd), 0);

@@ -49,9 +49,8 @@ TEST(Glint, LevelsAreSwitchedOnPerFacility) {
 
   std::vector<std::string> lines;
   {
-    Zub::Glint::Capture c(f, 1u << 4, [&](const Zub::Glint::Record& r) {
-      lines.push_back(std::string(r.text));
-    });
+    Zub::Glint::Capture c(
+        f, 1u << 4, [&](const Zub::Glint::Record& r) { lines.push_back(std::string(r.text)); });
     GLINT(f, 4) << "shown " << 1 << ' ' << true << ' ' << 2.5;
     GLINT(f, 5) << "hidden";
   }

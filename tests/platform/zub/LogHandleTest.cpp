@@ -7,9 +7,10 @@
 
 namespace {
 
-const Zub::LogHandle TEST_COLLECTOR_ACTIVE(
-    "TEST_COLLECTOR_ACTIVE", 6, "%s collector %s for exporter %s is active.",
-    "Packets will be exported to this collector.", Zub::NoActionRequired, 0.0, 1.0, "TEST");
+const Zub::LogHandle TEST_COLLECTOR_ACTIVE("TEST_COLLECTOR_ACTIVE", 6,
+                                           "%s collector %s for exporter %s is active.",
+                                           "Packets will be exported to this collector.",
+                                           Zub::NoActionRequired, 0.0, 1.0, "TEST");
 const Zub::LogHandle TEST_LIMITED("TEST_LIMITED", 4, "link %s flapped (100%%)", "A link flapped.",
                                   "Check the cable.", 10.0, 2.0, "TEST");
 
@@ -18,7 +19,8 @@ TEST(LogHandle, FillsTheFormatAndNamesTheHandle) {
   TEST_COLLECTOR_ACTIVE.log("dummy", "10.0.0.1", std::string("exp1"));
   TEST_COLLECTOR_ACTIVE.logFacility("IPFIX", "dummy", 4739);  // one argument short
   ASSERT_EQ(cap.records().size(), 2u);
-  EXPECT_EQ(cap.lines()[0], "TEST_COLLECTOR_ACTIVE: dummy collector 10.0.0.1 for exporter exp1 is active.");
+  EXPECT_EQ(cap.lines()[0],
+            "TEST_COLLECTOR_ACTIVE: dummy collector 10.0.0.1 for exporter exp1 is active.");
   EXPECT_EQ(cap.records()[0].line(),
             "TEST-6-TEST_COLLECTOR_ACTIVE: dummy collector 10.0.0.1 for exporter exp1 is active.");
   EXPECT_EQ(cap.records()[1].facility, "IPFIX");
