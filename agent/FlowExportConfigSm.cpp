@@ -4,7 +4,26 @@ namespace Agent {
 
 namespace {
 using RT = Ipfix::RecordType;
-std::vector<FlowTracking::FlowParam> params(std::initializer_list<std::pair<RT, bool>> fields) {
+
+// A sampled-flow record: the addresses of its family, then the same fields for both.
+std::vector<FlowTracking::FlowParam> recordFields(RT src, RT dst) {
+  const std::pair<RT, bool> fields[] = {
+      {src, true},
+      {dst, true},
+      {RT::ipProtocol, true},
+      {RT::srcL4Port, true},
+      {RT::dstL4Port, true},
+      {RT::ingressInterface, true},
+      {RT::vrfId, true},
+      {RT::ipClassOfService, false},
+      {RT::tcpControlBits, false},
+      {RT::egressInterface, false},
+      {RT::byteCount, false},
+      {RT::packetCount, false},
+      {RT::timeStampFlowStart, false},
+      {RT::timeStampFlowEnd, false},
+      {RT::flowEndReason, false},
+  };
   std::vector<FlowTracking::FlowParam> out;
   uint32_t seq = 1;
   for (const auto& [type, key] : fields) out.push_back({seq++, type, key});
@@ -13,44 +32,12 @@ std::vector<FlowTracking::FlowParam> params(std::initializer_list<std::pair<RT, 
 }  // namespace
 
 const std::vector<FlowTracking::FlowParam>& FlowExportConfigSm::ipv4Fields() {
-  static const auto fields = params({
-      {RT::srcIp, true},
-      {RT::dstIp, true},
-      {RT::ipProtocol, true},
-      {RT::srcL4Port, true},
-      {RT::dstL4Port, true},
-      {RT::ingressInterface, true},
-      {RT::vrfId, true},
-      {RT::ipClassOfService, false},
-      {RT::tcpControlBits, false},
-      {RT::egressInterface, false},
-      {RT::byteCount, false},
-      {RT::packetCount, false},
-      {RT::timeStampFlowStart, false},
-      {RT::timeStampFlowEnd, false},
-      {RT::flowEndReason, false},
-  });
+  static const auto fields = recordFields(RT::srcIp, RT::dstIp);
   return fields;
 }
 
 const std::vector<FlowTracking::FlowParam>& FlowExportConfigSm::ipv6Fields() {
-  static const auto fields = params({
-      {RT::srcIp6, true},
-      {RT::dstIp6, true},
-      {RT::ipProtocol, true},
-      {RT::srcL4Port, true},
-      {RT::dstL4Port, true},
-      {RT::ingressInterface, true},
-      {RT::vrfId, true},
-      {RT::ipClassOfService, false},
-      {RT::tcpControlBits, false},
-      {RT::egressInterface, false},
-      {RT::byteCount, false},
-      {RT::packetCount, false},
-      {RT::timeStampFlowStart, false},
-      {RT::timeStampFlowEnd, false},
-      {RT::flowEndReason, false},
-  });
+  static const auto fields = recordFields(RT::srcIp6, RT::dstIp6);
   return fields;
 }
 

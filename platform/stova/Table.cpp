@@ -31,12 +31,17 @@ std::unique_ptr<Segment> Segment::create(const std::string& name, size_t bytes) 
     ::shm_unlink(name.c_str());
     throw Zub::ErrnoException("mmap " + name, e);
   }
+  return mapped(name, p, bytes, st.st_ino);
+}
+
+std::unique_ptr<Segment> Segment::mapped(const std::string& name, void* p, size_t bytes,
+                                         ino_t inode) {
   std::unique_ptr<Segment> s(new Segment());
   s->name_ = name;
   s->data_ = static_cast<uint8_t*>(p);
   s->bytes_ = bytes;
   s->mapped_ = true;
-  s->inode_ = st.st_ino;
+  s->inode_ = inode;
   return s;
 }
 
@@ -53,13 +58,7 @@ std::unique_ptr<Segment> Segment::open(const std::string& name) {
   void* p = ::mmap(nullptr, bytes, PROT_READ, MAP_SHARED, fd, 0);
   ::close(fd);
   if (p == MAP_FAILED) throw Zub::ErrnoException("mmap " + name, errno);
-  std::unique_ptr<Segment> s(new Segment());
-  s->name_ = name;
-  s->data_ = static_cast<uint8_t*>(p);
-  s->bytes_ = bytes;
-  s->mapped_ = true;
-  s->inode_ = st.st_ino;
-  return s;
+  return mapped(name, p, bytes, st.st_ino);
 }
 
 std::unique_ptr<Segment> Segment::heap(size_t bytes) {

@@ -61,6 +61,8 @@ class Segment {
 
  private:
   Segment() = default;
+  static std::unique_ptr<Segment> mapped(const std::string& name, void* p, size_t bytes,
+                                         ino_t inode);
   std::string name_;
   uint8_t* data_ = nullptr;
   size_t bytes_ = 0;
@@ -156,18 +158,7 @@ class Table {
   // Inserts or replaces the record under its key. Raises Zub::RangeException when the
   // table is full.
   void set(const T& record) {
-    const Key key = record.keyOf();
-    auto it = index_.find(key);
-    uint32_t slot;
-    if (it != index_.end()) {
-      slot = it->second;
-    } else {
-      if (free_.empty()) throw Zub::RangeException("Stova table " + raw_->tableName() + " is full");
-      slot = free_.back();
-      free_.pop_back();
-      index_.emplace(key, slot);
-    }
-    if (records_.size() <= slot) records_.resize(slot + 1);
+    const uint32_t slot = slotFor(record.keyOf());
     records_[slot] = record;
     raw_->write(slot, &record);
   }
@@ -175,18 +166,9 @@ class Table {
   // writes it once: one lookup, one copy into the shared slot.
   template <class F>
   void update(const Key& key, F&& fn) {
-    auto it = index_.find(key);
-    uint32_t slot;
-    if (it != index_.end()) {
-      slot = it->second;
-    } else {
-      if (free_.empty()) throw Zub::RangeException("Stova table " + raw_->tableName() + " is full");
-      slot = free_.back();
-      free_.pop_back();
-      index_.emplace(key, slot);
-      if (records_.size() <= slot) records_.resize(slot + 1);
-      records_[slot] = T(key);
-    }
+    bool added = false;
+    const uint32_t slot = slotFor(key, &added);
+    if (added) records_[slot] = T(key);
     fn(records_[slot]);
     raw_->write(slot, &records_[slot]);
   }
@@ -216,6 +198,20 @@ class Table {
   void notify() { raw_->bumpGeneration(); }
 
  private:
+  // The slot of `key`, taking a free one for a new key. Raises Zub::RangeException when
+  // the table is full.
+  uint32_t slotFor(const Key& key, bool* added = nullptr) {
+    auto it = index_.find(key);
+    if (it != index_.end()) return it->second;
+    if (free_.empty()) throw Zub::RangeException("Stova table " + raw_->tableName() + " is full");
+    const uint32_t slot = free_.back();
+    free_.pop_back();
+    index_.emplace(key, slot);
+    if (records_.size() <= slot) records_.resize(slot + 1);
+    if (added) *added = true;
+    return slot;
+  }
+
   std::unique_ptr<Segment> seg_;
   std::optional<RawTable> raw_;
   std::unordered_map<Key, uint32_t, Zub::Hash<Key>> index_;
