@@ -22,8 +22,9 @@ std::map<std::string, uint32_t> FtIdStateFile::load(std::string* warning) const 
     unsigned long id = 0;
     bool ok = space != std::string::npos && space > 0 && space + 1 < line.size();
     if (ok) {
+      const std::string number = line.substr(0, space);
       char* end = nullptr;
-      id = std::strtoul(line.substr(0, space).c_str(), &end, 10);
+      id = std::strtoul(number.c_str(), &end, 10);
       ok = end && *end == '\0' && id >= 1 && id <= 65535;
     }
     if (!ok) {
