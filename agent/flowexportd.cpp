@@ -32,8 +32,8 @@ void usage(FILE* out) {
                "  --stats-name NAME      shared-memory name of the statistics (default %s)\n"
                "  --control-socket PATH  control socket for flowexportctl (default %s)\n"
                "  --control-group GROUP  group allowed to use the control socket (else 0600)\n"
-               "  --log stderr|syslog|both  where operator log messages go (default: stderr on\n"
-               "                         a terminal, syslog otherwise)\n"
+               "  --log stderr|syslog|both  where operator log messages go (default stderr; a\n"
+               "                         service runs with --log syslog)\n"
                "  --trace FACILITY/LEVELS  switch traces on, e.g. FtExport/0-5 or '*/1'\n"
                "  --help\n",
                Agent::defaultStateFile().c_str(), Agent::defaultStatsName().c_str(),
@@ -67,7 +67,7 @@ int main(int argc, char** argv) {
   opt.stateFile = Agent::defaultStateFile();
   opt.statsName = Agent::defaultStatsName();
   opt.controlSocket = Agent::defaultControlSocket();
-  std::string logMode = ::isatty(STDERR_FILENO) ? "stderr" : "syslog";
+  std::string logMode = "stderr";
   Zub::Glint::configureFromEnvironment();
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
