@@ -20,4 +20,13 @@ class FlowExportConfigSm : public FlowTracking::ConfigSmBase {
   static const std::vector<FlowTracking::FlowParam>& ipv6Fields();
 };
 
+Zub::Ptr<FlowExportConfigSm> flowExportConfigSmFactory(
+    const Zub::Ptr<FlowTracking::Config>& config, const Zub::Ptr<Zub::Dir>& agentDir,
+    const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
+    const Zub::Ptr<Interface::AllEthPhyIntfStatusDir>& ethPhyIntfStatusDir,
+    const Zub::Ptr<Interface::EthLagIntfStatusDir>& ethLagIntfStatusDir,
+    const Zub::Ptr<Ip::Status>& ipStatus, const Zub::Ptr<Ip6::Status>& ip6Status,
+    const Zub::Ptr<Ip::AllVrfStatusLocal>& allVrfStatusLocal,
+    const Zub::Ptr<Interface::AllIntfStatusDir>& allIntfStatusDir);
+
 }  // namespace Agent

@@ -11,7 +11,7 @@ namespace Zub::Glint {
 namespace {
 struct Registry {
   std::map<std::string, std::unique_ptr<Facility>, std::less<>> facilities;
-  // Specifications applied so far, replayed on facilities created later.
+  // Settings applied so far, replayed on facilities created later.
   std::vector<std::pair<std::string, uint32_t>> specs;
   Sink sink;
 };
@@ -86,7 +86,7 @@ bool configure(std::string_view spec, std::string* error) {
     if (slash == std::string_view::npos || slash == 0 ||
         !parseLevels(entry.substr(slash + 1), &mask)) {
       if (error) {
-        *error = "malformed trace specification '" + std::string(entry) +
+        *error = "malformed trace setting '" + std::string(entry) +
                  "': expected FACILITY/LEVELS with levels such as 0-5, 3;7 or *";
       }
       return false;

@@ -45,12 +45,12 @@ class Facility {
 // The facility of that name, created on first use. The reference stays valid.
 Facility& facility(std::string_view name);
 
-// Applies a specification such as "FlowTracking/0-5,Orrin/*,Ipfix/1,3". Facilities
-// named later also get their levels. Returns false with a reason on a malformed spec.
+// Applies a setting such as "FtConfig/0-5,Orrin/*,Ipfix/1;3". Facilities
+// named later also get their levels. Returns false with a reason when malformed.
 bool configure(std::string_view spec, std::string* error = nullptr);
 // Applies $GLINT if set.
 void configureFromEnvironment();
-// Switches every facility off and forgets pending specifications.
+// Switches every facility off and forgets the settings applied so far.
 void reset();
 
 struct Record {

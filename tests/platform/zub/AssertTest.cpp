@@ -37,7 +37,7 @@ TEST(Glint, LevelsAreSwitchedOnPerFacility) {
   auto& f = Zub::Glint::facility("GlintTestA");
   std::string error;
   ASSERT_TRUE(Zub::Glint::configure("GlintTestA/0-2,GlintTestB/5;7", &error)) << error;
-  auto& g = Zub::Glint::facility("GlintTestB");  // created after the spec: still applied
+  auto& g = Zub::Glint::facility("GlintTestB");  // created after the setting: still applied
   EXPECT_TRUE(f.enabled(2));
   EXPECT_FALSE(f.enabled(3));
   EXPECT_TRUE(g.enabled(5));
