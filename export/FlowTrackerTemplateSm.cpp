@@ -27,6 +27,11 @@ FtExporterSm::FtExporterSm(const Zub::Name& expName, const Zub::Name& ftName, Ft
     : TemplateExporterSmBase(expName, ftName, ftId, hwExpConfig, expInfo, collStats, scheduler),
       hwFtStatus_(hwFtStatus) {
   watch(hwFtStatus_->hwFgStatusSignal(), [this](const TemplateId& id) { onHwFgStatus(id); });
+  // The templates must fit one message of the exporter's size: build them again when it
+  // changes.
+  watch(hwExpConfig->ipfixMtuSignal(), [this] {
+    if (templateCreationTask_) templateCreationTask_->schedule();
+  });
 }
 
 FtExporterSm::~FtExporterSm() {

@@ -195,6 +195,24 @@ TEST_F(TemplateTest, NewGenerationRebuildsAndTheLastGroupGoneStopsSending) {
   EXPECT_TRUE(w.recorder.sent.empty());
 }
 
+TEST_F(TemplateTest, TemplatesThatDoNotFitTheMessageSizeAreNotSent) {
+  std::vector<FieldSpec> many;
+  for (int i = 0; i < 120; ++i) many.push_back({RecordType::packetCount, 8});
+  w.flowGroup("T", 300, many);  // 484 bytes of template records
+  w.collector4("T", "E", "a", "192.0.2.1", 4739);
+  auto hw = w.hwConfig->hwFtConfig("T")->expConfig("E");
+  hw->ipfixMtuIs(FlowTracking::IpfixMtu(512));  // messages of at most 464 bytes
+  w.run();
+  w.recorder.take();
+  auto sm = w.ftExporterSm("T", "E");
+  EXPECT_FALSE(sm->templateReady());
+  hw->ipfixMtuIs(FlowTracking::IpfixMtu(1500));
+  w.run();
+  auto sent = w.recorder.take();
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].bytes.size(), 56u + 484);
+}
+
 TEST(TemplateExporter, CollectorWithoutCollectorInfoWaitsForIt) {
   // An exporter driven by hand, without the endpoint reactor, to control when the
   // collector information arrives.
