@@ -140,7 +140,7 @@ static_assert(sizeof(CollectorStatisticsEntry) % 8 == 0);
 // The statistics table: the agent writes, other processes read.
 class CollectorStatistics {
  public:
-  static constexpr uint32_t kDefaultCapacity = 4096;
+  static constexpr uint32_t kDefaultCapacity = 16384;
   static constexpr const char* kShmName = "/flowexport-collector-stats";
 
   // Over a POSIX shared-memory object (the daemon) or heap memory (tests).

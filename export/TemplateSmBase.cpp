@@ -204,17 +204,24 @@ void TemplateExporterSmBase::updateStats(const Stova::Ipfix::CollectorInfo& coll
   const Stova::Ipfix::CollectorStatisticsKey key(collector, name2_, name1_);
   const Zub::Seconds now = Zub::secondsFromNs(nowNs);
   const Stova::Ipfix::SetId setId(headerSetId());
-  collStats_->statsUpdate(key, [&](Stova::Ipfix::CollectorStatisticsEntry& entry) {
-    entry.exportedMessageTotalCount += 1;
-    entry.exportedOctetTotalCount += templatePktMsgLen_;
-    entry.lastSentTime = now;
-    entry.lastTemplateSentTime = now;
-    Stova::Ipfix::CollectorSetStatisticsEntry set = entry.setEntry(setId);
-    if (!(set.setId == setId)) set = Stova::Ipfix::CollectorSetStatisticsEntry{setId};
-    set.exportedTemplateCount += templatePktTemplateCount_;
-    entry.setEntryIs(set);
-    GLINT(exportTrace(), kDiag) << ", stats: " << entry.stovaString();
-  });
+  try {
+    collStats_->statsUpdate(key, [&](Stova::Ipfix::CollectorStatisticsEntry& entry) {
+      // The set slot first: a tenth distinct set id is refused before anything changed.
+      Stova::Ipfix::CollectorSetStatisticsEntry set = entry.setEntry(setId);
+      if (!(set.setId == setId)) set = Stova::Ipfix::CollectorSetStatisticsEntry{setId};
+      set.exportedTemplateCount += templatePktTemplateCount_;
+      entry.setEntryIs(set);
+      entry.exportedMessageTotalCount += 1;
+      entry.exportedOctetTotalCount += templatePktMsgLen_;
+      entry.lastSentTime = now;
+      entry.lastTemplateSentTime = now;
+      GLINT(exportTrace(), kDiag) << ", stats: " << entry.stovaString();
+    });
+  } catch (const Zub::RangeException& e) {
+    // A full table loses this collector's statistics, not its export.
+    GLINT(exportTrace(), Zub::Glint::kError)
+        << "statistics of " << key.stovaString() << " not kept: " << e.what();
+  }
 }
 
 void TemplateExporterSmBase::handleCollectorIpAndPort(const Zub::String& name) {

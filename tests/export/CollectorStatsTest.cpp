@@ -83,6 +83,20 @@ TEST(CollectorStats, TextForms) {
   EXPECT_EQ(k.tracker(), std::string(128, 't'));
 }
 
+TEST(CollectorStats, AFullTableLosesStatisticsNotExport) {
+  TestSupport::ExportWorld w;
+  w.stats = CollectorStatistics::createLocal(2);
+  w.exporter("T", 1, "E", "10.0.0.1");
+  w.flowGroup("T", 261, {{Ipfix::RecordType::srcIp, 4}});
+  w.start();
+  for (int i = 1; i <= 3; ++i) {
+    w.collector4("T", "E", "c" + std::to_string(i), "192.0.2." + std::to_string(i), 4739);
+  }
+  w.run();
+  EXPECT_EQ(w.recorder.take().size(), 3u);  // all three get the template
+  EXPECT_EQ(w.stats->statsSize(), 2u);
+}
+
 TEST(CollectorStatsDeathTest, NamesAndSetIdsOutOfRange) {
   CollectorStatisticsKey k;
   EXPECT_DEATH(k.exporterIs(std::string(129, 'e')),
