@@ -576,6 +576,8 @@ ExpConfigSm::ExpConfigSm(const Zub::Name& expName, const Zub::Name& ftName,
         [this](const Zub::String& k) { handleCollectorHostAndPort(k); });
   watch(ipStatus_->ipIntfStatusSignal(), [this](const Nelo::IntfId& i) { handleIpIntfStatus(i); });
   watch(ip6Status_->intfSignal(), [this](const Nelo::IntfId& i) { handleIp6IntfStatus(i); });
+  watch(allIntfStatusDir_->intfStatusSignal(),
+        [this](const Nelo::IntfId& i) { handleLocalIntfStatus(i); });
   watch(allVrfStatusLocal_->vrfSignal(), [this](const L3::VrfName& v) { handleVrfStatus(v); });
 }
 
@@ -635,14 +637,16 @@ void ExpConfigSm::handleLocalIntf() {
 }
 
 void ExpConfigSm::bindLocalIntf_(const Nelo::IntfId& id) {
-  auto status = allIntfStatusDir_->intfStatus(id);
-  if (status != localIntfStatus_) {
-    localIntfSubs_.clear();
-    localIntfStatus_ = status;
-    if (status) watch(localIntfSubs_, status->mtuSignal(), [this] { handleIpfixMtu(); });
-  }
+  bindLocalIntfStatus_(allIntfStatusDir_->intfStatus(id));
   bindIpIntfStatus_(ipStatus_->ipIntfStatus(id));
   bindIp6IntfStatus_(ip6Status_->intf(id));
+}
+
+void ExpConfigSm::bindLocalIntfStatus_(const Zub::Ptr<Interface::IntfStatus>& s) {
+  if (s == localIntfStatus_) return;
+  localIntfSubs_.clear();
+  localIntfStatus_ = s;
+  if (s) watch(localIntfSubs_, s->mtuSignal(), [this] { handleIpfixMtu(); });
 }
 
 void ExpConfigSm::bindIpIntfStatus_(const Zub::Ptr<Ip::IpIntfStatus>& s) {
@@ -699,6 +703,15 @@ void ExpConfigSm::handleIp6IntfStatus(const Nelo::IntfId& intfId) {
   GLINT(trace(), kState) << "Intf " << intfId << (s ? " created" : " deleted");
   bindIp6IntfStatus_(s);
   handleSrcAddress();
+}
+
+void ExpConfigSm::handleLocalIntfStatus(const Nelo::IntfId& intfId) {
+  // The local interface's status may come and go after the exporter was configured.
+  if (localIntfName_.empty() || intfId.name() != localIntfName_) return;
+  GLINT(trace(), kEntry) << "ExpConfigSm::handleLocalIntfStatus"
+                         << " for " << expName_;
+  bindLocalIntfStatus_(allIntfStatusDir_->intfStatus(intfId));
+  handleIpfixMtu();
 }
 
 void ExpConfigSm::handleVrfStatus(const L3::VrfName& vrfName) {

@@ -120,6 +120,7 @@ class ExpConfigSm : public Zub::Reactor {
   void handleLocalIntf();
   void handleIpIntfStatus(const Nelo::IntfId& intfId);
   void handleIp6IntfStatus(const Nelo::IntfId& intfId);
+  void handleLocalIntfStatus(const Nelo::IntfId& intfId);
   void handleVrfStatus(const L3::VrfName& vrfName);
   void handleSrcAddress();
   void handleIpfixMtu();
@@ -140,6 +141,7 @@ class ExpConfigSm : public Zub::Reactor {
 
  private:
   void bindLocalIntf_(const Nelo::IntfId& id);
+  void bindLocalIntfStatus_(const Zub::Ptr<Interface::IntfStatus>& s);
   void bindIpIntfStatus_(const Zub::Ptr<Ip::IpIntfStatus>& s);
   void bindIp6IntfStatus_(const Zub::Ptr<Ip6::IntfStatus>& s);
   void bindL3Status_(const Zub::Ptr<L3::IntfStatus>& s);

@@ -301,6 +301,15 @@ TEST_F(ExporterTest, MtuIsFittedToTheLocalInterface) {
   w.config->flowTrackerConfig("T")->expConfig("E")->ipfixMtuIs(FlowTracking::IpfixMtu(1000));
   EXPECT_EQ(hw->ipfixMtu().value(), 1000u);
   EXPECT_THROW(FlowTracking::IpfixMtu(511), Zub::RangeException);
+
+  // A local interface whose status appears after the exporter was configured.
+  w.exporter("T", "F", "Ethernet10");
+  auto hwF = w.hwExporter("T", "F");
+  EXPECT_EQ(hwF->ipfixMtu().value(), 9152u);
+  w.localIntf("Ethernet10", 1500, "10.10.0.1/24");
+  EXPECT_EQ(hwF->ipfixMtu().value(), 1500u);
+  w.allIntf->intfStatusDel(Nelo::IntfId("Ethernet10"));
+  EXPECT_EQ(hwF->ipfixMtu().value(), 9152u);
 }
 
 TEST_F(ExporterTest, Ipv6PathIgnoresTheVrfAndKeepsItsSourceWhileAssigned) {
