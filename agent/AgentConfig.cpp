@@ -2,6 +2,8 @@
 
 #include <yaml-cpp/yaml.h>
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -12,7 +14,7 @@ namespace Agent {
 
 ConfigError::ConfigError(const std::string& file, int line, const std::string& field,
                          const std::string& message)
-    : std::runtime_error(file + ":" + std::to_string(line) + ": " +
+    : std::runtime_error(file + (line > 0 ? ":" + std::to_string(line) : std::string()) + ": " +
                          (field.empty() ? "" : field + ": ") + message),
       file_(file),
       line_(line),
@@ -323,7 +325,8 @@ AgentConfig parseConfig(const std::string& yamlText, const std::string& fileName
 
 AgentConfig loadConfigFile(const std::string& path) {
   std::ifstream in(path);
-  if (!in) throw ConfigError(path, 0, "", "cannot read the file");
+  if (!in)
+    throw ConfigError(path, 0, "", std::string("cannot read the file: ") + std::strerror(errno));
   std::stringstream ss;
   ss << in.rdbuf();
   return parseConfig(ss.str(), path);
