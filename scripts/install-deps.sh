@@ -5,8 +5,8 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config clang-format
-  libgtest-dev libgmock-dev libbenchmark-dev libyaml-cpp-dev
-  tshark libfixbuf-tools iproute2
+  libgtest-dev libgmock-dev libyaml-cpp-dev
+  tshark libfixbuf-tools
 )
 
 missing=()
