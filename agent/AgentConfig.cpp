@@ -38,13 +38,18 @@ class Parser {
     if (!n.IsMap()) fail(n, path, "expected a mapping");
     std::set<std::string> ok(known.begin(), known.end());
     for (const auto& kv : n) {
-      const std::string key = kv.first.as<std::string>();
+      const std::string key = keyOf(kv.first, path);
       if (!ok.count(key)) {
         std::string list;
         for (const char* k : known) list += std::string(list.empty() ? "" : ", ") + k;
         fail(kv.first, join(path, key), "unknown field (known: " + list + ")");
       }
     }
+  }
+
+  std::string keyOf(const YAML::Node& k, const std::string& path) const {
+    if (!k.IsScalar()) fail(k, path, "expected a name as key");
+    return k.as<std::string>();
   }
 
   static std::string join(const std::string& path, const std::string& key) {
@@ -282,7 +287,7 @@ class Parser {
         const std::string ip = join(p, "interfaces");
         if (!intfs.IsMap()) fail(intfs, ip, "expected a mapping of interface: tracker");
         for (const auto& kv : intfs) {
-          const std::string intf = kv.first.as<std::string>();
+          const std::string intf = keyOf(kv.first, ip);
           c.interfaceTracker[intf] = name(kv.second, join(ip, intf));
         }
       }
@@ -292,14 +297,14 @@ class Parser {
       if (const YAML::Node intfs = pl["interfaces"]) {
         if (!intfs.IsMap()) fail(intfs, "platform.interfaces", "expected a mapping of interfaces");
         for (const auto& kv : intfs) {
-          const std::string intf = kv.first.as<std::string>();
+          const std::string intf = keyOf(kv.first, "platform.interfaces");
           c.interfaces.push_back(interface(intf, kv.second, "platform.interfaces." + intf));
         }
       }
       if (const YAML::Node vrfs = pl["vrfs"]) {
         if (!vrfs.IsMap()) fail(vrfs, "platform.vrfs", "expected a mapping of VRFs");
         for (const auto& kv : vrfs) {
-          const std::string v = kv.first.as<std::string>();
+          const std::string v = keyOf(kv.first, "platform.vrfs");
           c.vrfs.push_back(vrfSpec(v, kv.second, "platform.vrfs." + v));
         }
       }
@@ -320,7 +325,13 @@ AgentConfig parseConfig(const std::string& yamlText, const std::string& fileName
   } catch (const YAML::Exception& e) {
     throw ConfigError(fileName, e.mark.line >= 0 ? e.mark.line + 1 : 0, "", e.msg);
   }
-  return Parser(fileName).document(root);
+  try {
+    return Parser(fileName).document(root);
+  } catch (const YAML::Exception& e) {
+    // A node of an unexpected kind that a check above did not catch: still the file's
+    // fault, reported with its position.
+    throw ConfigError(fileName, e.mark.line >= 0 ? e.mark.line + 1 : 0, "", e.msg);
+  }
 }
 
 AgentConfig loadConfigFile(const std::string& path) {

@@ -115,6 +115,8 @@ TEST(AgentConfig, RefusalsNameFileLineFieldAndTheModelsMessage) {
       {"flow-tracking:\n  trackers:\n    - name: t\n    - name: t\n",
        "f.yaml:4: flow-tracking.trackers[1]: tracker t given twice"},
       {"flow-tracking: [\n", "f.yaml:2: "},
+      {"flow-tracking:\n  interfaces:\n    [Ethernet1]: t\n",  // found by the fuzzer
+       "f.yaml:3: flow-tracking.interfaces: expected a name as key"},
       {"platform:\n  interfaces:\n    Ethernet1: {members: [Ethernet2]}\n",
        "f.yaml:3: platform.interfaces.Ethernet1.members: only a Port-Channel has members"},
   };
