@@ -2,7 +2,8 @@
 // or a ConfigError, never another exception or a crash.
 //   cmake -S . -B build-fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DFLOWEXPORT_FUZZ=ON
 //   cmake --build build-fuzz --target config_fuzz
-//   build-fuzz/tests/config_fuzz -max_total_time=60 agent/
+//   mkdir -p build-fuzz/corpus && cp agent/flowexport.example.yaml build-fuzz/corpus/
+//   build-fuzz/tests/config_fuzz -max_total_time=60 build-fuzz/corpus
 
 #include <cstddef>
 #include <cstdint>
