@@ -5,7 +5,6 @@
 #include <cstdlib>
 
 #include "export/CollectorStats.h"
-#include "platform/stova/Table.h"
 
 namespace Agent {
 

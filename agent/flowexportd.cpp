@@ -8,7 +8,6 @@
 
 #include <grp.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
