@@ -49,13 +49,17 @@ Seconds now();
 Nanoseconds monotonicNs();
 }  // namespace System
 
-// Installs a clock for the lifetime of the object (tests).
+// Installs a clock for the lifetime of the object (tests) and then puts back the one it
+// replaced, so scopes nest.
 class ScopedClock {
  public:
-  explicit ScopedClock(Clock& c) { System::clockIs(&c); }
-  ~ScopedClock() { System::clockIs(nullptr); }
+  explicit ScopedClock(Clock& c) : previous_(&System::clock()) { System::clockIs(&c); }
+  ~ScopedClock() { System::clockIs(previous_); }
   ScopedClock(const ScopedClock&) = delete;
   ScopedClock& operator=(const ScopedClock&) = delete;
+
+ private:
+  Clock* previous_;
 };
 
 }  // namespace Zub

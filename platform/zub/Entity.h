@@ -13,12 +13,16 @@
 //     ZUB_COLL(collectorHostAndPort, Zub::Collection<Zub::String, Nelo::HostAndPort>)
 //   };
 //
-// A reactor (suffix Sm) watches signals through subscriptions it owns; destroying the
-// reactor unsubscribes it. Reactors are made by factories that construct the object
-// and then run its handleInitialized(), so no virtual call happens in a constructor.
+// A reactor (suffix Sm) watches signals through subscriptions it owns. Reactors are
+// made by factories that construct the object and then run its handleInitialized(), so
+// no virtual call happens in a constructor. When the last reference to a reactor goes,
+// the framework tears it down before any member is destroyed: it detaches every
+// subscription, runs handleDestroyed() (virtual calls and notifications are safe
+// there), and then destroys the reactor's children (ChildMap.h) before deleting it.
 
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "platform/zub/Exception.h"
 #include "platform/zub/Signal.h"
@@ -33,22 +37,33 @@ class Entity : public PtrInterface {
   Entity& operator=(const Entity&) = delete;
 
   const Name& name() const { return name_; }
-  Entity* parent() const { return parent_; }
+  // The collection owner that names this entity: the first collection that took it and
+  // still holds it (an entity may sit in several collections at once).
+  Entity* parent() const { return holders_.empty() ? nullptr : holders_.front().owner; }
   // The path from the root: parent's full name, the collection's name, this name.
   std::string fullName() const;
   // Entities print as their full name (traces, error texts).
   std::string stringValue() const { return fullName(); }
 
-  // Set by the collection that holds the entity; cleared when it lets go.
-  void parentIs(Entity* parent, const char* collection) {
-    parent_ = parent;
-    collection_ = collection;
+  // Kept by the collections that hold the entity: each adds itself when it takes the
+  // entity and removes itself when it lets go (delete, replace, or its own end).
+  void holderIs(Entity* owner, const char* collection) { holders_.push_back({owner, collection}); }
+  void holderDel(const Entity* owner, const char* collection) {
+    for (auto it = holders_.begin(); it != holders_.end(); ++it) {
+      if (it->owner == owner && it->collection == collection) {
+        holders_.erase(it);
+        return;
+      }
+    }
   }
 
  private:
+  struct Holder {
+    Entity* owner;
+    const char* collection;
+  };
   Name name_;
-  Entity* parent_ = nullptr;
-  const char* collection_ = nullptr;
+  std::vector<Holder> holders_;
 };
 
 // Raises the error for a collection member created again with another value of one of
@@ -62,6 +77,21 @@ void checkCtorParam(const Entity& e, const char* attribute, const T& current, co
                                current, " not allowed"));
 }
 
+// The same error for a member held through a pointer interface (an entity that is
+// shared by several collections and therefore has no single full name). `attribute`
+// is the parameter's member name, e.g. "_setId".
+template <class T>
+void checkPtrCtorParam(const char* attribute, const T& current, const T& given) {
+  if (current == given) return;
+  throw NameInUseException(
+      str("Reinstantiating the pointer interface where constructor parameter "
+          "attribute ",
+          attribute, " has a different value of ", given, " than the current value of ", current,
+          " not allowed"));
+}
+
+class ChildMapBase;
+
 class Reactor : public PtrInterface {
  public:
   Reactor() = default;
@@ -69,21 +99,43 @@ class Reactor : public PtrInterface {
   Reactor& operator=(const Reactor&) = delete;
   // Runs once, right after construction (see makeReactor).
   virtual void handleInitialized() {}
+  // Runs once when the last reference goes, after every subscription was detached and
+  // before the children and members are destroyed: the place to delete what the reactor
+  // wrote. The default does nothing.
+  virtual void handleDestroyed() {}
+  // True from the start of the teardown on.
+  bool destroying() const { return destroying_; }
 
  protected:
   template <class... A, class F>
   void watch(Signal<A...>& s, F&& f) {
     subs_.add(s.connect(this, std::forward<F>(f)));
   }
-  // Watches into a group that the reactor drops on its own (re-bound inputs).
+  // Watches into a group that the reactor drops on its own (re-bound inputs). The group
+  // is a member of the reactor; it is detached with the rest at teardown.
   template <class... A, class F>
   void watch(Subscriptions& group, Signal<A...>& s, F&& f) {
+    registerGroup_(&group);
     group.add(s.connect(this, std::forward<F>(f)));
   }
-  void unwatchAll() { subs_.clear(); }
+  // Watches into the group of one key (per-member observers added and removed at run
+  // time).
+  template <class K, class... A, class F>
+  void watch(KeyedSubscriptions<K>& groups, const K& key, Signal<A...>& s, F&& f) {
+    registerGroup_(&groups);
+    groups.add(key, s.connect(this, std::forward<F>(f)));
+  }
+  void unwatchAll();
 
  private:
+  friend class ChildMapBase;
+  void lastReferenceGone() noexcept final;
+  void registerGroup_(Detachable* g);
+
   Subscriptions subs_;
+  std::vector<Detachable*> groups_;       // member groups, detached at teardown
+  std::vector<ChildMapBase*> childMaps_;  // in declaration order
+  bool destroying_ = false;
 };
 
 // Constructs a reactor and runs its handleInitialized(); what every exported factory

@@ -1,7 +1,8 @@
 #pragma once
 // The framework's exceptions. A bad value raises RangeException with a fixed text and
 // leaves the target unchanged; a failed system call raises ErrnoException; creating a
-// collection member again with different constructor values raises NameInUseException.
+// collection member again with different constructor values raises NameInUseException;
+// storing a null pointer where a member must exist raises NullPointerException.
 
 #include <exception>
 #include <string>
@@ -24,6 +25,11 @@ class RangeException : public Exception {
 };
 
 class NameInUseException : public Exception {
+ public:
+  using Exception::Exception;
+};
+
+class NullPointerException : public Exception {
  public:
   using Exception::Exception;
 };

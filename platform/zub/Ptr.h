@@ -3,8 +3,9 @@
 //
 // Everything in the agent runs on one thread, so the count is a plain integer.
 // An object starts with a count of zero; the first Ptr that takes it owns it and the
-// last one to let go deletes it. Objects derived from PtrInterface must therefore
-// live on the heap.
+// last one to let go hands it to lastReferenceGone(), which deletes it. Objects derived
+// from PtrInterface must therefore live on the heap. Reactors override the hook to tear
+// down (detach, run their teardown handler) while the whole object is still intact.
 
 #include <cstddef>
 #include <cstdint>
@@ -24,9 +25,13 @@ class PtrInterface {
 
   void ref() const noexcept { ++refs_; }
   void unref() const noexcept {
-    if (--refs_ == 0) delete this;
+    if (--refs_ == 0) const_cast<PtrInterface*>(this)->lastReferenceGone();
   }
   uint32_t references() const noexcept { return refs_; }
+
+ protected:
+  // Runs when the last reference goes; the default deletes the object.
+  virtual void lastReferenceGone() noexcept { delete this; }
 
  private:
   mutable uint32_t refs_ = 0;

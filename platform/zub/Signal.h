@@ -10,9 +10,21 @@
 //   - destroys the reactor that is being notified: the reactor is kept alive until
 //     its handler returns;
 //   - destroys the entity that owns the signal: delivery stops after that handler.
+//
+// Handlers see the value as it is when they run, not as it was when the change began:
+// a handler that changes the same attribute again makes the remaining subscribers of
+// the outer delivery see the newer value (and the nested delivery runs first). Handlers
+// must therefore be idempotent: "evaluate the current state", never "apply this delta".
+//
+// A handler that throws ends the delivery: the change is already stored, the
+// subscribers after the thrower are not called for it, and the exception reaches the
+// code that made the change. The signal itself stays consistent (its delivery depth is
+// restored and slots retired during the delivery are freed), so later changes are
+// delivered normally.
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <utility>
 #include <vector>
 
@@ -42,7 +54,7 @@ class SignalCore final : public PtrInterface {
   template <class F>
   void deliver(F&& call) {
     Ptr<SignalCore> self(this);
-    ++depth_;
+    DepthGuard guard(*this);
     const size_t n = slots_.size();
     for (size_t i = 0; i < n && !detached_; ++i) {
       Slot* s = slots_[i];
@@ -54,10 +66,20 @@ class SignalCore final : public PtrInterface {
         call(s);
       }
     }
-    if (--depth_ == 0 && dirty_) compact();
   }
 
+  uint32_t depth() const { return depth_; }
+  size_t slotCount() const { return slots_.size(); }
+
  private:
+  // Restores the depth on every way out of deliver(), a throwing handler included.
+  struct DepthGuard {
+    explicit DepthGuard(SignalCore& c) : core(c) { ++core.depth_; }
+    ~DepthGuard() {
+      if (--core.depth_ == 0 && core.dirty_) core.compact();
+    }
+    SignalCore& core;
+  };
   void compact();
 
   std::vector<Slot*> slots_;
@@ -98,20 +120,58 @@ class Subscription {
   SignalCore::Slot* slot_ = nullptr;
 };
 
+// Something a reactor detaches at its teardown.
+class Detachable {
+ public:
+  virtual void detachAll() = 0;
+
+ protected:
+  ~Detachable() = default;
+};
+
 // A group of subscriptions dropped together, e.g. those on one input entity that a
 // reactor re-binds when the input changes.
-class Subscriptions {
+class Subscriptions final : public Detachable {
  public:
+  Subscriptions() = default;
+  Subscriptions(Subscriptions&&) = default;
+  Subscriptions& operator=(Subscriptions&&) = default;
+  ~Subscriptions() = default;
   void add(Subscription s) { subs_.push_back(std::move(s)); }
   void clear() {
     // Move out first: destroying a subscription may run code that touches this group.
     std::vector<Subscription> old;
     old.swap(subs_);
   }
+  void detachAll() override { clear(); }
   size_t size() const { return subs_.size(); }
 
  private:
   std::vector<Subscription> subs_;
+};
+
+// One group of subscriptions per key: observers of collection members that come and go
+// (a member's attributes are watched while the member exists).
+template <class K>
+class KeyedSubscriptions final : public Detachable {
+ public:
+  void add(const K& key, Subscription s) { groups_[key].add(std::move(s)); }
+  // Drops the key's subscriptions.
+  void erase(const K& key) {
+    auto it = groups_.find(key);
+    if (it == groups_.end()) return;
+    Subscriptions old = std::move(it->second);
+    groups_.erase(it);
+  }
+  bool has(const K& key) const { return groups_.count(key) != 0; }
+  size_t size() const { return groups_.size(); }
+  void detachAll() override {
+    std::map<K, Subscriptions> old;
+    old.swap(groups_);
+  }
+
+ private:
+  std::map<K, Subscriptions> groups_;
 };
 
 template <class... Args>
@@ -141,6 +201,8 @@ class Signal {
   }
 
   size_t subscribers() const { return core_ ? core_->size() : 0; }
+  // Slots held, retired ones included.
+  size_t slotsForTest() const { return core_ ? core_->slotCount() : 0; }
 
  private:
   struct TypedSlot final : SignalCore::Slot {

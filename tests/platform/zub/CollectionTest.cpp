@@ -6,8 +6,37 @@
 
 #include "platform/zub/Collection.h"
 #include "platform/zub/Dir.h"
+#include "platform/zub/LinkQueue.h"
+
+// Named, so that error texts carry a readable owner type.
+namespace ZubTest {
+
+// A shared read-only value that is not an entity (like a published record).
+struct Blob : Zub::PtrInterface {
+  explicit Blob(std::string b) : bytes(std::move(b)) {}
+  std::string bytes;
+};
+
+class Source : public Zub::Entity {
+ public:
+  explicit Source(const Zub::Name& name) : Entity(name) {}
+  ZUB_SET(record, Zub::Ptr<const Blob>)
+};
+
+class Container : public Zub::Entity {
+ public:
+  explicit Container(const Zub::Name& name) : Entity(name) {}
+  ZUB_COLL(data, Zub::Collection<Zub::Name, Zub::Ptr<Source>>)
+  ZUB_COLL(latest, Zub::OrderedCollection<uint32_t, Zub::Ptr<const Blob>>)
+};
+
+}  // namespace ZubTest
 
 namespace {
+
+using ZubTest::Blob;
+using ZubTest::Container;
+using ZubTest::Source;
 
 class Binding : public Zub::Entity {
  public:
@@ -87,6 +116,118 @@ TEST(Collection, DirHoldsNamedEntries) {
   EXPECT_EQ(agents->entityPtr<Zub::Dir>("other"), nullptr);
   agents->entryDel("flowexport");
   EXPECT_EQ(agents->entries(), 0u);
+}
+
+TEST(Collection, PointersToConstValuesAreValuesComparedByIdentity) {
+  Zub::Ptr<Container> c(new Container("c"));
+  std::vector<uint32_t> seen;
+  auto sub = c->latestSignal().connect(nullptr, [&](const uint32_t& k) { seen.push_back(k); });
+  Zub::Ptr<const Blob> a(new Blob("x")), b(new Blob("x"));
+  c->latestIs(1, a);
+  c->latestIs(1, a);  // the same record: no change
+  c->latestIs(1, b);  // equal bytes, another record: a change
+  EXPECT_EQ(c->latest(1), b);
+  EXPECT_EQ(c->latest(2), nullptr);
+  EXPECT_EQ(seen, (std::vector<uint32_t>{1, 1}));
+}
+
+TEST(Collection, NullMembersAreRefusedWithTheOwnersName) {
+  Zub::Ptr<Container> c(new Container("c"));
+  try {
+    c->dataColl().insert("global", nullptr);
+    FAIL() << "null entity stored";
+  } catch (const Zub::NullPointerException& e) {
+    EXPECT_STREQ(e.what(),
+                 "null _data parameter to mutator for ZubTest::Container::data not allowed");
+  }
+  EXPECT_THROW(c->latestIs(1, Zub::Ptr<const Blob>()), Zub::NullPointerException);
+  Zub::Ptr<Source> s(new Source("s"));
+  try {
+    s->recordIs(nullptr);
+    FAIL() << "null record stored";
+  } catch (const Zub::NullPointerException& e) {
+    EXPECT_STREQ(e.what(),
+                 "null _record parameter to mutator for ZubTest::Source::record not allowed");
+  }
+  EXPECT_EQ(c->dataSize() + c->latestSize() + s->recordSize(), 0u);
+}
+
+TEST(Collection, ASharedMemberKeepsAValidParentWhileAnyHolderHoldsIt) {
+  Zub::Ptr<Container> all(new Container("all"));
+  Zub::Ptr<Source> global(new Source("global"));
+  all->dataColl().insert("global", global);
+  {
+    Zub::Ptr<Container> perTracker(new Container("t1"));
+    perTracker->dataColl().insert("global", global);
+    EXPECT_EQ(global->fullName(), "all/data/global");  // the first holder names it
+    all = nullptr;  // the first holder goes while the second still holds it
+    EXPECT_EQ(global->fullName(), "t1/data/global");
+  }
+  EXPECT_EQ(global->fullName(), "global");
+  EXPECT_EQ(global->parent(), nullptr);
+}
+
+TEST(Collection, AReplacedMemberLetsGoOfItsFormerParent) {
+  Zub::Ptr<Source> old(new Source("s"));
+  {
+    Zub::Ptr<Container> c(new Container("c"));
+    c->dataColl().insert("s", old);
+    c->dataColl().insert("s", Zub::Ptr<Source>(new Source("s")));
+    EXPECT_NE(c->data("s"), old);
+  }
+  // The container is gone; the replaced member must not reach it.
+  EXPECT_EQ(old->fullName(), "s");
+}
+
+TEST(Collection, PointerInterfaceClashText) {
+  try {
+    Zub::checkPtrCtorParam("_setId", 257, 258);
+    FAIL() << "expected a clash";
+  } catch (const Zub::NameInUseException& e) {
+    EXPECT_STREQ(e.what(),
+                 "Reinstantiating the pointer interface where constructor parameter attribute "
+                 "_setId has a different value of 258 than the current value of 257 not allowed");
+  }
+  EXPECT_NO_THROW(Zub::checkPtrCtorParam("_setId", 257, 257));
+}
+
+TEST(Set, ElementsByIdentityNotifyingInsertAndRemoveOnce) {
+  Zub::Ptr<Source> s(new Source("s"));
+  std::vector<std::string> seen;
+  auto sub = s->recordSignal().connect(
+      nullptr, [&](const Zub::Ptr<const Blob>& r) { seen.push_back(r->bytes); });
+  Zub::Ptr<const Blob> a(new Blob("a")), a2(new Blob("a"));
+  EXPECT_TRUE(s->recordIs(a));
+  EXPECT_FALSE(s->recordIs(a));
+  EXPECT_TRUE(s->recordIs(a2));  // equal content, another record
+  EXPECT_EQ(s->recordSize(), 2u);
+  EXPECT_TRUE(s->recordDel(a));
+  EXPECT_FALSE(s->recordDel(a));
+  s->recordDelAll();
+  EXPECT_EQ(s->recordSize(), 0u);
+  EXPECT_EQ(seen, (std::vector<std::string>{"a", "a", "a", "a"}));
+}
+
+TEST(LinkQueue, IndexesIncreaseWrapAndAddressElements) {
+  Zub::LinkQueue<std::string, uint8_t> q;
+  for (int i = 0; i < 250; ++i) {
+    q.enq("x");
+    q.deq();
+  }
+  EXPECT_EQ(q.enq("a"), 250);
+  for (int i = 0; i < 10; ++i) q.enq("b" + std::to_string(i));
+  EXPECT_EQ(q.tailIndex(), 5);  // wrapped
+  ASSERT_NE(q.at(4), nullptr);
+  EXPECT_EQ(*q.at(4), "b9");
+  EXPECT_EQ(q.at(5), nullptr);
+  EXPECT_EQ(q.deq(), "a");
+  EXPECT_EQ(q.headIndex(), 251);
+}
+
+TEST(LinkQueueDeathTest, ExhaustedIndexSpaceIsFatal) {
+  Zub::LinkQueue<int, uint8_t> q;
+  for (int i = 0; i < 256; ++i) q.enq(i);
+  EXPECT_DEATH(q.enq(256), "linkqueue index space full");
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -150,6 +151,28 @@ TEST(Signal, HandlerAddsMembersWhileAMemberIsAnnounced) {
   EXPECT_TRUE(a);
   EXPECT_EQ(seen, (std::vector<std::string>{"a", "b"}));
   EXPECT_EQ(owner->thingColl().keys(), (std::vector<std::string>{"a", "b"}));
+}
+
+TEST(Signal, AThrowingHandlerLeavesTheSignalConsistentAndReachesTheCaller) {
+  Zub::Ptr<Thing> t(new Thing("t"));
+  std::vector<std::string> log;
+  bool throwing = true;
+  auto first = t->levelSignal().connect(nullptr, [&] {
+    log.push_back("first " + std::to_string(t->level()));
+    if (throwing) throw std::runtime_error("refused");
+  });
+  auto second = t->levelSignal().connect(
+      nullptr, [&] { log.push_back("second " + std::to_string(t->level())); });
+  EXPECT_THROW(t->levelIs(1), std::runtime_error);
+  EXPECT_EQ(t->level(), 1);  // the change is stored
+  throwing = false;
+  t->levelIs(2);
+  EXPECT_EQ(log, (std::vector<std::string>{"first 1", "first 2", "second 2"}));
+  // Not stuck "delivering": removed slots are freed at once, not retired for ever.
+  for (int i = 0; i < 1000; ++i) {
+    auto s = t->levelSignal().connect(nullptr, [] {});
+  }
+  EXPECT_EQ(t->levelSignal().slotsForTest(), 2u);
 }
 
 }  // namespace
