@@ -43,15 +43,10 @@ FlowExportAgent::FlowExportAgent(AgentOptions options) : options_(std::move(opti
   if (!options_.stateFile.empty()) stateFile_ = std::make_unique<FtIdStateFile>(options_.stateFile);
 }
 
+// The members go in reverse order of declaration: tasks and the state-file subscription,
+// then the reactors (each deletes what it wrote, in whatever order they go), then the
+// control socket, the statistics table and the entities.
 FlowExportAgent::~FlowExportAgent() {
-  stateSubs_.clear();
-  if (saveTask_) saveTask_->unschedule();
-  if (reloadTask_) reloadTask_->unschedule();
-  statusPublisherSm_ = nullptr;
-  templateSm_ = nullptr;
-  flowTrackingInfoSm_ = nullptr;
-  configSm_ = nullptr;
-  control_.reset();
   if (inotifyFd_ >= 0) {
     scheduler().fdDel(inotifyFd_);
     ::close(inotifyFd_);
@@ -67,6 +62,11 @@ void FlowExportAgent::start() {
   applyPlatform(status_, cfg);
   applyFlowTracking(config_, cfg);
 
+  // The top-level reactors may be created in any order. The one ordering that matters
+  // between them, a collector's information (FlowTrackingInfoSm) created inside the
+  // notification of the collector itself, which the template exporters also watch, is
+  // handled by the template exporters: a collector gets the templates once, when it
+  // becomes complete, whichever of the two notifications it hears first.
   ipfixInitSm_ = Ipfix::ipfixInitSmFactory();
   statusPublisherSm_ = Zub::makeReactor<SwStatusPublisherSm>(hwConfig_, hwStatus_,
                                                              ipfixInitSm_->elementIdCollection());

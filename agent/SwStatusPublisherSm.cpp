@@ -26,15 +26,14 @@ class SwStatusPublisherSm::TrackerSm : public Zub::Reactor {
   }
 
   void handleFgConfig(uint32_t seq) {
-    groupSubs_[seq].clear();
+    groupSubs_.erase(seq);
     auto fg = ft_->hwFgConfig(seq);
     if (!fg) {
-      groupSubs_.erase(seq);
       unpublish(seq);
       return;
     }
-    watch(groupSubs_[seq], fg->genIdSignal(), [this, seq] { publish(seq); });
-    watch(groupSubs_[seq], fg->templateIdSignal(), [this, seq] { publish(seq); });
+    watch(groupSubs_, seq, fg->genIdSignal(), [this, seq] { publish(seq); });
+    watch(groupSubs_, seq, fg->templateIdSignal(), [this, seq] { publish(seq); });
     publish(seq);
   }
 
@@ -85,18 +84,18 @@ class SwStatusPublisherSm::TrackerSm : public Zub::Reactor {
   Zub::Ptr<HwFlowTracking::FtConfig> ft_;
   Zub::Ptr<HwFlowTracking::FtStatus> status_;
   Zub::Ptr<Ipfix::ElementIdColl> catalogue_;
-  std::map<uint32_t, Zub::Subscriptions> groupSubs_;
+  Zub::KeyedSubscriptions<uint32_t> groupSubs_;
   std::map<uint32_t, FlowTracking::TemplateId> published_;
 };
 
 SwStatusPublisherSm::SwStatusPublisherSm(const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
                                          const Zub::Ptr<HwFlowTracking::Status>& hwStatus,
                                          const Zub::Ptr<Ipfix::ElementIdColl>& catalogue)
-    : hwConfig_(hwConfig), hwStatus_(hwStatus), catalogue_(catalogue) {
+    : hwConfig_(hwConfig), hwStatus_(hwStatus), catalogue_(catalogue), tracker_(this) {
   watch(hwConfig_->hwFtConfigSignal(), [this](const Zub::Name& n) { handleHwFtConfig(n); });
 }
 
-SwStatusPublisherSm::~SwStatusPublisherSm() { tracker_.clear(); }
+SwStatusPublisherSm::~SwStatusPublisherSm() = default;
 
 void SwStatusPublisherSm::handleInitialized() {
   for (const Zub::Name& n : hwConfig_->hwFtConfigColl().keys()) handleHwFtConfig(n);
@@ -104,15 +103,13 @@ void SwStatusPublisherSm::handleInitialized() {
 
 void SwStatusPublisherSm::handleHwFtConfig(const Zub::Name& tracker) {
   auto ft = hwConfig_->hwFtConfig(tracker);
-  auto it = tracker_.find(tracker);
-  if (ft) {
-    if (it != tracker_.end()) return;
+  const bool had = tracker_.has(tracker);
+  // The tracker's status is created just before its publisher and deleted right after it.
+  tracker_.reconcile(tracker, bool(ft), [&] {
     auto status = hwStatus_->hwFtStatusIs(tracker);
-    tracker_[tracker] = Zub::makeReactor<TrackerSm>(ft, status, catalogue_);
-  } else if (it != tracker_.end()) {
-    tracker_.erase(it);
-    hwStatus_->hwFtStatusDel(tracker);
-  }
+    return Zub::makeReactor<TrackerSm>(ft, status, catalogue_);
+  });
+  if (!ft && had) hwStatus_->hwFtStatusDel(tracker);
 }
 
 }  // namespace Agent

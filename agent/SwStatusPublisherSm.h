@@ -7,6 +7,8 @@
 
 #include <map>
 
+#include "platform/zub/ChildMap.h"
+
 #include "config/HwFlowTrackingConfig.h"
 #include "config/HwFlowTrackingStatus.h"
 #include "ipfix/Ipfix.h"
@@ -18,7 +20,7 @@ class SwStatusPublisherSm : public Zub::Reactor {
   SwStatusPublisherSm(const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
                       const Zub::Ptr<HwFlowTracking::Status>& hwStatus,
                       const Zub::Ptr<Ipfix::ElementIdColl>& catalogue);
-  ~SwStatusPublisherSm() override;
+  ~SwStatusPublisherSm() override;  // where TrackerSm is complete
   void handleInitialized() override;
   void handleHwFtConfig(const Zub::Name& tracker);
 
@@ -27,7 +29,7 @@ class SwStatusPublisherSm : public Zub::Reactor {
   Zub::Ptr<HwFlowTracking::Config> hwConfig_;
   Zub::Ptr<HwFlowTracking::Status> hwStatus_;
   Zub::Ptr<Ipfix::ElementIdColl> catalogue_;
-  std::map<Zub::Name, Zub::Ptr<TrackerSm>> tracker_;
+  Zub::ChildMap<Zub::Name, TrackerSm> tracker_;  // initialised where TrackerSm is complete
 };
 
 }  // namespace Agent

@@ -66,8 +66,8 @@ struct Rig {
     infoSm = nullptr;
     for (int fd : sinks) ::close(fd);
   }
-  Zub::Ptr<FlowTracking::FtExporterSm> exporter() const {
-    return templateSm->ftTemplateSm().at("T")->ftExporterSm().at("E");
+  FlowTracking::FtExporterSm* exporter() const {
+    return templateSm->ftTemplateSm().get("T")->ftExporterSm().get("E");
   }
 };
 

@@ -119,11 +119,14 @@ ConfigSmBase::ConfigSmBase(const Zub::Ptr<Config>& config, const Zub::Ptr<Zub::D
       hwConfig_(hwConfig),
       ethPhyIntfStatusDir_(ethPhyIntfStatusDir),
       ethLagIntfStatusDir_(ethLagIntfStatusDir),
-      ipStatus_(ipStatus),
-      ip6Status_(ip6Status),
-      allVrfStatusLocal_(allVrfStatusLocal),
-      allIntfStatusDir_(allIntfStatusDir),
-      resolver_(std::make_shared<SystemResolver>()) {
+      ctx_(new ConfigContext) {
+  ctx_->config = config;
+  ctx_->hwConfig = hwConfig;
+  ctx_->ipStatus = ipStatus;
+  ctx_->ip6Status = ip6Status;
+  ctx_->allVrfStatusLocal = allVrfStatusLocal;
+  ctx_->allIntfStatusDir = allIntfStatusDir;
+  ctx_->resolver = std::make_shared<SystemResolver>();
   watch(config_->enabledSignal(), [this] { handleConfigEnabled(); });
   watch(config_->sampleRateSignal(), [this] { handleSampleRate(); });
   watch(config_->flowTrackerConfigSignal(),
@@ -136,12 +139,7 @@ ConfigSmBase::ConfigSmBase(const Zub::Ptr<Config>& config, const Zub::Ptr<Zub::D
         [this](const Nelo::IntfId& i) { handleLagIntfStatus(i); });
 }
 
-ConfigSmBase::~ConfigSmBase() {
-  // Children first, while the inputs they refer to still exist.
-  ethIntfStatusSm_.clear();
-  lagIntfStatusSm_.clear();
-  ftConfigSm_.clear();
-}
+void ConfigSmBase::handleInitialized() { ctx_->trackingType = trackingTypeString(); }
 
 void ConfigSmBase::initializeDefaultGroups(const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig) {
   GLINT(trace(), kEntry) << "ConfigSmBase::"
@@ -222,7 +220,8 @@ void ConfigSmBase::handleFlowTrackerConfig(const Zub::Name& name) {
                          << " for " << name;
   Zub::Ptr<HwFlowTracking::FtConfig> hwFt = hwConfig_->hwFtConfig(name);
   Zub::Ptr<FlowTrackerConfig> ftConfig = config_->flowTrackerConfig(name);
-  if (configEnabled() && ftConfig) {
+  const bool wanted = configEnabled() && ftConfig;
+  if (wanted) {
     if (hwFt) {
       const FtId ftId = hwFt->ftId();
       const Zub::String ftName = name;
@@ -236,15 +235,20 @@ void ConfigSmBase::handleFlowTrackerConfig(const Zub::Name& name) {
       const FtId ftId = allocateFtId(name);
       hwFt = hwConfig_->hwFtConfigIs(name, ftId);
     }
-    if (!ftConfigSm_.count(name)) {
-      ftConfigSm_[name] = Zub::makeReactor<FtConfigSm>(name, ftConfig, hwFt, this);
-      GLINT(trace(), kLife) << "Created FtConfigSm for: " << name;
-    }
-  } else if (hwFt) {
+  }
+  const bool had = ftConfigSm_.has(name);
+  ftConfigSm_.reconcile(name, wanted, [&] {
+    initializeDefaultGroups(hwFt);
+    auto sm = Zub::makeReactor<FtConfigSm>(name, ftConfig, hwFt, ctx_);
+    GLINT(trace(), kLife) << "Created FtConfigSm for: " << name;
+    return sm;
+  });
+  if (!wanted && hwFt) {
     releaseFtId(hwFt->ftId());
-    ftConfigSm_.erase(name);
     hwConfig_->hwFtConfigDel(name);
     GLINT(trace(), kLife) << "Deleted hwFtConfig for " << name;
+  }
+  if (!wanted && had) {
     GLINT(trace(), kLife) << "Deleted FtConfigSm for: " << name;
   }
   auto it = ftNameToIntfIdMap_.find(name);
@@ -304,27 +308,29 @@ void ConfigSmBase::handleEthIntfStatus(const Nelo::IntfId& intfId) {
   auto intfConfig = config_->flowTrackerIntfConfig(intfId);
   auto hwFt = intfConfig ? hwConfig_->hwFtConfig(intfConfig->trackerName()) : nullptr;
   const bool enabled = configEnabled();
-  auto it = ethIntfStatusSm_.find(intfId);
-  if (enabled && status && intfConfig && hwFt) {
-    if (it != ethIntfStatusSm_.end() && it->second->intfStatus() == status) {
-      // Same status entity: the binding may have changed, evaluate again.
-      it->second->handleIntfStatusChange();
-      return;
-    }
-    GLINT(trace(), kLife) << "Creating EthIntfStatusSm for phy intf " << intfId;
-    ethIntfStatusSm_[intfId] =
-        Zub::makeReactor<EthIntfStatusSm>(intfId, status, config_, hwConfig_, this);
+  const bool wanted = enabled && status && intfConfig && hwFt;
+  EthIntfStatusSm* sm = ethIntfStatusSm_.get(intfId);
+  if (wanted && sm && sm->intfStatus() == status) {
+    // Same status entity: the binding may have changed, evaluate again.
+    sm->handleIntfStatusChange();
     return;
   }
-  GLINT(trace(), kDiag) << "intf " << intfId << " configEnabled " << enabled << " ethStatus "
-                        << bool(status) << " ftIntfConfig " << bool(intfConfig) << " hwFtConfig "
-                        << bool(hwFt);
-  if (it != ethIntfStatusSm_.end()) {
-    GLINT(trace(), kLife) << "Deleting EthIntfStatusSm for phy intf " << intfId;
-    Zub::Ptr<EthIntfStatusSm> sm = it->second;
-    sm->doCleanup();
-    ethIntfStatusSm_.erase(intfId);
+  if (!wanted) {
+    GLINT(trace(), kDiag) << "intf " << intfId << " configEnabled " << enabled << " ethStatus "
+                          << bool(status) << " ftIntfConfig " << bool(intfConfig) << " hwFtConfig "
+                          << bool(hwFt);
+    if (sm) {
+      GLINT(trace(), kLife) << "Deleting EthIntfStatusSm for phy intf " << intfId;
+    }
   }
+  // A new status entity replaces the reactor: the old binding goes with the old one.
+  ethIntfStatusSm_.reconcile(
+      intfId, wanted,
+      [&] {
+        GLINT(trace(), kLife) << "Creating EthIntfStatusSm for phy intf " << intfId;
+        return Zub::makeReactor<EthIntfStatusSm>(intfId, status, ctx_);
+      },
+      [&](const EthIntfStatusSm& existing) { return existing.intfStatus() == status; });
 }
 
 void ConfigSmBase::handleLagIntfStatus(const Nelo::IntfId& intfId) {
@@ -334,23 +340,28 @@ void ConfigSmBase::handleLagIntfStatus(const Nelo::IntfId& intfId) {
   auto intfConfig = config_->flowTrackerIntfConfig(intfId);
   auto hwFt = intfConfig ? hwConfig_->hwFtConfig(intfConfig->trackerName()) : nullptr;
   const bool enabled = configEnabled();
-  if (enabled && status && intfConfig && hwFt) {
-    GLINT(trace(), kLife) << "Creating lagStatusSm for Lag intf " << intfId;
-    lagIntfStatusSm_.erase(intfId);
-    lagIntfStatusSm_[intfId] =
-        Zub::makeReactor<LagIntfStatusSm>(intfId, status, config_, hwConfig_, this);
+  const bool wanted = enabled && status && intfConfig && hwFt;
+  LagIntfStatusSm* sm = lagIntfStatusSm_.get(intfId);
+  if (wanted && sm && sm->intfStatus() == status) {
+    // Same status entity: evaluate again, once per member as at start.
+    sm->handleLagMemberIntfStatusChange();
     return;
   }
-  GLINT(trace(), kDiag) << "intf " << intfId << " configEnabled " << enabled << " ethLagIntfStatus "
-                        << bool(status) << " ftIntfConfig " << bool(intfConfig) << " hwFtConfig "
-                        << bool(hwFt);
-  auto it = lagIntfStatusSm_.find(intfId);
-  if (it != lagIntfStatusSm_.end()) {
-    GLINT(trace(), kLife) << "Deleting lagStatusSm for Lag intf " << intfId;
-    Zub::Ptr<LagIntfStatusSm> sm = it->second;
-    sm->doCleanup();
-    lagIntfStatusSm_.erase(intfId);
+  if (!wanted) {
+    GLINT(trace(), kDiag) << "intf " << intfId << " configEnabled " << enabled
+                          << " ethLagIntfStatus " << bool(status) << " ftIntfConfig "
+                          << bool(intfConfig) << " hwFtConfig " << bool(hwFt);
+    if (sm) {
+      GLINT(trace(), kLife) << "Deleting lagStatusSm for Lag intf " << intfId;
+    }
   }
+  lagIntfStatusSm_.reconcile(
+      intfId, wanted,
+      [&] {
+        GLINT(trace(), kLife) << "Creating lagStatusSm for Lag intf " << intfId;
+        return Zub::makeReactor<LagIntfStatusSm>(intfId, status, ctx_);
+      },
+      [&](const LagIntfStatusSm& existing) { return existing.intfStatus() == status; });
 }
 
 FtId ConfigSmBase::allocateFtId(const Zub::Name& name) {
@@ -402,14 +413,8 @@ Zub::Ptr<ConfigSmBase> configSmBaseFactory(
 
 EthIntfStatusSm::EthIntfStatusSm(const Nelo::IntfId& intf,
                                  const Zub::Ptr<Interface::EthIntfStatus>& intfStatus,
-                                 const Zub::Ptr<Config>& config,
-                                 const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
-                                 ConfigSmBase* configSm)
-    : intf_(intf),
-      intfStatus_(intfStatus),
-      config_(config),
-      hwConfig_(hwConfig),
-      configSm_(configSm) {
+                                 const Zub::Ptr<const ConfigContext>& ctx)
+    : intf_(intf), intfStatus_(intfStatus), ctx_(ctx) {
   watch(intfStatus_->linkStatusSignal(), [this] { handleIntfStatusChange(); });
   watch(intfStatus_->forwardingModelSignal(), [this] { handleIntfStatusChange(); });
 }
@@ -419,11 +424,14 @@ void EthIntfStatusSm::handleInitialized() {
   initialized_ = true;
 }
 
+void EthIntfStatusSm::handleDestroyed() { removeBinding_(); }
+
 void EthIntfStatusSm::handleIntfStatusChange() {
   GLINT(trace(), kEntry) << "EthIntfStatusSm::"
                          << "handleIntfStatusChange"
                          << " for " << intf_;
-  auto intfConfig = config_->flowTrackerIntfConfig(intf_);
+  const auto& hwConfig = ctx_->hwConfig;
+  auto intfConfig = ctx_->config->flowTrackerIntfConfig(intf_);
   const bool ftIntfConfig = bool(intfConfig);
   const bool linkUp = intfStatus_->linkStatus() == Interface::LinkStatus::linkUp;
   const bool intfValid = isValidIntf(intf_);
@@ -431,43 +439,41 @@ void EthIntfStatusSm::handleIntfStatusChange() {
   GLINT(trace(), kDiag) << "intf " << intf_ << " ftIntfConfig " << ftIntfConfig << " linkUp "
                         << linkUp << " intfValid " << intfValid << " fwdModel " << fwdModel;
   if (!ftIntfConfig || !linkUp || !intfValid || !fwdModel) {
-    doCleanup();
+    removeBinding_();
     return;
   }
   const Zub::Name& trackerName = intfConfig->trackerName();
-  if (auto entry = hwConfig_->hwIntfFtConfig(intf_)) {
+  if (auto entry = hwConfig->hwIntfFtConfig(intf_)) {
     const Zub::Name& oldName = entry->hwFtConfig()->name();
     if (oldName != trackerName) {
       GLINT(trace(), kState) << "intf " << intf_ << " ftName changed from " << oldName << " to "
                              << trackerName;
-      doCleanup();
+      removeBinding_();
     }
   }
-  auto hwFtConfig = hwConfig_->hwFtConfig(trackerName);
+  auto hwFtConfig = hwConfig->hwFtConfig(trackerName);
   ZUB_ASSERT_TEXT(hwFtConfig != nullptr, "hwFtConfig != __null");
-  if (!hwConfig_->hwIntfFtConfigHas(intf_)) {
-    hwConfig_->hwIntfFtConfigIs(intf_, hwFtConfig);
-    FLOWTRACKING_TRACKER_ACTIVE.log(configSm_->trackingTypeString(), trackerName, intf_);
+  if (!hwConfig->hwIntfFtConfigHas(intf_)) {
+    hwConfig->hwIntfFtConfigIs(intf_, hwFtConfig);
+    FLOWTRACKING_TRACKER_ACTIVE.log(ctx_->trackingType, trackerName, intf_);
     GLINT(trace(), kState) << "Added " << intf_ << " to hwIntfFtConfig with " << trackerName;
   }
 }
 
-void EthIntfStatusSm::doCleanup() {
-  GLINT(trace(), kEntry) << "EthIntfStatusSm::doCleanup";
-  auto entry = hwConfig_->hwIntfFtConfig(intf_);
+void EthIntfStatusSm::removeBinding_() {
+  GLINT(trace(), kEntry) << "EthIntfStatusSm::removeBinding_ for " << intf_;
+  auto entry = ctx_->hwConfig->hwIntfFtConfig(intf_);
   if (!entry) return;
   const Zub::Name trackerName = entry->hwFtConfig()->name();
-  hwConfig_->hwIntfFtConfigDel(intf_);
-  FLOWTRACKING_TRACKER_INACTIVE.log(configSm_->trackingTypeString(), trackerName, intf_);
+  ctx_->hwConfig->hwIntfFtConfigDel(intf_);
+  FLOWTRACKING_TRACKER_INACTIVE.log(ctx_->trackingType, trackerName, intf_);
   GLINT(trace(), kState) << "Deleted " << intf_ << " from hwIntfFtConfig for " << trackerName;
 }
 
 LagIntfStatusSm::LagIntfStatusSm(const Nelo::IntfId& intf,
                                  const Zub::Ptr<Interface::EthLagIntfStatus>& lagStatus,
-                                 const Zub::Ptr<Config>& config,
-                                 const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
-                                 ConfigSmBase* configSm)
-    : EthIntfStatusSm(intf, lagStatus, config, hwConfig, configSm), lagIntfStatus_(lagStatus) {
+                                 const Zub::Ptr<const ConfigContext>& ctx)
+    : EthIntfStatusSm(intf, lagStatus, ctx), lagIntfStatus_(lagStatus) {
   watch(lagIntfStatus_->memberSignal(),
         [this](const Nelo::IntfId& m) { handleLagMemberIntfStatusChange(m); });
 }
@@ -492,8 +498,9 @@ void LagIntfStatusSm::handleLagMemberIntfStatusChange() {
 // ---- FtConfigSm -----------------------------------------------------------------------
 
 FtConfigSm::FtConfigSm(const Zub::Name& ftName, const Zub::Ptr<FlowTrackerConfig>& ftConfig,
-                       const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig, ConfigSmBase* configSm)
-    : ftName_(ftName), ftConfig_(ftConfig), hwFtConfig_(hwFtConfig), configSm_(configSm) {
+                       const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
+                       const Zub::Ptr<const ConfigContext>& ctx)
+    : ftName_(ftName), ftConfig_(ftConfig), hwFtConfig_(hwFtConfig), ctx_(ctx) {
   watch(ftConfig_->activeIntervalSignal(), [this] { handleActiveInterval(); });
   watch(ftConfig_->inactiveTimeoutSignal(), [this] { handleInactiveTimeout(); });
   watch(ftConfig_->expConfigSignal(), [this](const Zub::Name& n) { handleExpConfig(n); });
@@ -502,7 +509,6 @@ FtConfigSm::FtConfigSm(const Zub::Name& ftName, const Zub::Ptr<FlowTrackerConfig
 void FtConfigSm::handleInitialized() {
   GLINT(trace(), kEntry) << "FtConfigSm::handleInitialized"
                          << " for " << ftName_;
-  configSm_->initializeDefaultGroups(hwFtConfig_);
   handleActiveInterval();
   handleInactiveTimeout();
   handleExpConfig();
@@ -529,16 +535,16 @@ void FtConfigSm::handleExpConfig() {
 void FtConfigSm::handleExpConfig(const Zub::Name& name) {
   GLINT(trace(), kEntry) << "FtConfigSm::handleExpConfig"
                          << " for " << name;
-  if (auto expConfig = ftConfig_->expConfig(name)) {
-    auto hwExpConfig = hwFtConfig_->expConfigIs(name);
-    if (!expConfigSm_.count(name)) {
-      expConfigSm_[name] = Zub::makeReactor<ExpConfigSm>(
-          name, ftName_, expConfig, hwExpConfig, configSm_->ipStatus(), configSm_->ip6Status(),
-          configSm_->allVrfStatusLocal(), configSm_->allIntfStatusDir(), configSm_);
-      GLINT(trace(), kLife) << "Created ExpConfigSm for " << name;
-    }
-  } else if (expConfigSm_.count(name) || hwFtConfig_->expConfigHas(name)) {
-    expConfigSm_.erase(name);
+  auto expConfig = ftConfig_->expConfig(name);
+  // The hardware entry is written just before its reactor and deleted right after it.
+  auto hwExpConfig = expConfig ? hwFtConfig_->expConfigIs(name) : nullptr;
+  const bool had = expConfigSm_.has(name) || hwFtConfig_->expConfigHas(name);
+  expConfigSm_.reconcile(name, bool(expConfig), [&] {
+    auto sm = Zub::makeReactor<ExpConfigSm>(name, ftName_, expConfig, hwExpConfig, ctx_);
+    GLINT(trace(), kLife) << "Created ExpConfigSm for " << name;
+    return sm;
+  });
+  if (!expConfig && had) {
     hwFtConfig_->expConfigDel(name);
     GLINT(trace(), kLife) << "Deleted ExpConfigSm for " << name;
   }
@@ -549,20 +555,12 @@ void FtConfigSm::handleExpConfig(const Zub::Name& name) {
 ExpConfigSm::ExpConfigSm(const Zub::Name& expName, const Zub::Name& ftName,
                          const Zub::Ptr<ExporterConfig>& expConfig,
                          const Zub::Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig,
-                         const Zub::Ptr<Ip::Status>& ipStatus,
-                         const Zub::Ptr<Ip6::Status>& ip6Status,
-                         const Zub::Ptr<Ip::AllVrfStatusLocal>& allVrfStatusLocal,
-                         const Zub::Ptr<Interface::AllIntfStatusDir>& allIntfStatusDir,
-                         ConfigSmBase* configSm)
+                         const Zub::Ptr<const ConfigContext>& ctx)
     : expName_(expName),
       ftName_(ftName),
       expConfig_(expConfig),
       hwExpConfig_(hwExpConfig),
-      ipStatus_(ipStatus),
-      ip6Status_(ip6Status),
-      allVrfStatusLocal_(allVrfStatusLocal),
-      allIntfStatusDir_(allIntfStatusDir),
-      configSm_(configSm) {
+      ctx_(ctx) {
   watch(expConfig_->ipfixVersionSignal(),
         [this] { hwExpConfig_->ipfixVersionIs(expConfig_->ipfixVersion()); });
   watch(expConfig_->templateIntervalSignal(),
@@ -574,11 +572,12 @@ ExpConfigSm::ExpConfigSm(const Zub::Name& expName, const Zub::Name& ftName,
   watch(expConfig_->vrfNameSignal(), [this] { handleVrfName(); });
   watch(expConfig_->collectorHostAndPortSignal(),
         [this](const Zub::String& k) { handleCollectorHostAndPort(k); });
-  watch(ipStatus_->ipIntfStatusSignal(), [this](const Nelo::IntfId& i) { handleIpIntfStatus(i); });
-  watch(ip6Status_->intfSignal(), [this](const Nelo::IntfId& i) { handleIp6IntfStatus(i); });
-  watch(allIntfStatusDir_->intfStatusSignal(),
+  watch(ctx_->ipStatus->ipIntfStatusSignal(),
+        [this](const Nelo::IntfId& i) { handleIpIntfStatus(i); });
+  watch(ctx_->ip6Status->intfSignal(), [this](const Nelo::IntfId& i) { handleIp6IntfStatus(i); });
+  watch(ctx_->allIntfStatusDir->intfStatusSignal(),
         [this](const Nelo::IntfId& i) { handleLocalIntfStatus(i); });
-  watch(allVrfStatusLocal_->vrfSignal(), [this](const L3::VrfName& v) { handleVrfStatus(v); });
+  watch(ctx_->allVrfStatusLocal->vrfSignal(), [this](const L3::VrfName& v) { handleVrfStatus(v); });
 }
 
 void ExpConfigSm::handleInitialized() {
@@ -594,13 +593,13 @@ void ExpConfigSm::handleInitialized() {
 }
 
 void ExpConfigSm::logExporter_(bool active) const {
-  const Zub::String type = configSm_->trackingTypeString();
+  const Zub::String& type = ctx_->trackingType;
   (active ? FLOWTRACKING_EXPORTER_ACTIVE : FLOWTRACKING_EXPORTER_INACTIVE)
       .logFacility(kIpfixFacility, type, expName_, hwExpConfig_->vrfName(), type, ftName_);
 }
 
 void ExpConfigSm::logCollector_(bool active, const Zub::String& key) const {
-  const Zub::String type = configSm_->trackingTypeString();
+  const Zub::String& type = ctx_->trackingType;
   (active ? FLOWTRACKING_COLLECTOR_ACTIVE : FLOWTRACKING_COLLECTOR_INACTIVE)
       .logFacility(kIpfixFacility, type, key, expName_, type, ftName_);
 }
@@ -637,9 +636,9 @@ void ExpConfigSm::handleLocalIntf() {
 }
 
 void ExpConfigSm::bindLocalIntf_(const Nelo::IntfId& id) {
-  bindLocalIntfStatus_(allIntfStatusDir_->intfStatus(id));
-  bindIpIntfStatus_(ipStatus_->ipIntfStatus(id));
-  bindIp6IntfStatus_(ip6Status_->intf(id));
+  bindLocalIntfStatus_(ctx_->allIntfStatusDir->intfStatus(id));
+  bindIpIntfStatus_(ctx_->ipStatus->ipIntfStatus(id));
+  bindIp6IntfStatus_(ctx_->ip6Status->intf(id));
 }
 
 void ExpConfigSm::bindLocalIntfStatus_(const Zub::Ptr<Interface::IntfStatus>& s) {
@@ -689,7 +688,7 @@ void ExpConfigSm::handleIpIntfStatus(const Nelo::IntfId& intfId) {
   if (localIntfName_.empty() || intfId.name() != localIntfName_) return;
   GLINT(trace(), kEntry) << "ExpConfigSm::handleIpIntfStatus"
                          << " for " << expName_;
-  auto s = ipStatus_->ipIntfStatus(intfId);
+  auto s = ctx_->ipStatus->ipIntfStatus(intfId);
   GLINT(trace(), kState) << "Intf " << intfId << (s ? " created" : " deleted");
   bindIpIntfStatus_(s);
   handleSrcAddress();
@@ -699,7 +698,7 @@ void ExpConfigSm::handleIp6IntfStatus(const Nelo::IntfId& intfId) {
   if (localIntfName_.empty() || intfId.name() != localIntfName_) return;
   GLINT(trace(), kEntry) << "ExpConfigSm::handleIp6IntfStatus"
                          << " for " << expName_;
-  auto s = ip6Status_->intf(intfId);
+  auto s = ctx_->ip6Status->intf(intfId);
   GLINT(trace(), kState) << "Intf " << intfId << (s ? " created" : " deleted");
   bindIp6IntfStatus_(s);
   handleSrcAddress();
@@ -710,7 +709,7 @@ void ExpConfigSm::handleLocalIntfStatus(const Nelo::IntfId& intfId) {
   if (localIntfName_.empty() || intfId.name() != localIntfName_) return;
   GLINT(trace(), kEntry) << "ExpConfigSm::handleLocalIntfStatus"
                          << " for " << expName_;
-  bindLocalIntfStatus_(allIntfStatusDir_->intfStatus(intfId));
+  bindLocalIntfStatus_(ctx_->allIntfStatusDir->intfStatus(intfId));
   handleIpfixMtu();
 }
 
@@ -723,7 +722,7 @@ void ExpConfigSm::handleVrfStatus(const L3::VrfName& vrfName) {
 void ExpConfigSm::handleSrcAddress() {
   GLINT(trace(), kEntry) << "ExpConfigSm::handleSrcAddress"
                          << " for " << expName_;
-  bindVrfStatusLocal_(allVrfStatusLocal_->vrf(hwExpConfig_->vrfName()));
+  bindVrfStatusLocal_(ctx_->allVrfStatusLocal->vrf(hwExpConfig_->vrfName()));
   updateIpAddr();
   updateIp6Addr();
   handleIpfixMtu();
@@ -830,7 +829,7 @@ void ExpConfigSm::handleCollectorHostAndPort(const Zub::String& key) {
     handleSrcAddress();
     return;
   }
-  auto addr = configSm_->resolver().resolve(hp.host);
+  auto addr = ctx_->resolver->resolve(hp.host);
   if (!addr) {
     // Keep what an earlier resolution gave: a transient failure changes nothing.
     GLINT(trace(), kState) << "Hostname: " << hp.host << " was not resolved";

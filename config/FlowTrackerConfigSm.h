@@ -19,6 +19,7 @@
 #include "platform/hollin/CAgent.h"
 #include "platform/status/Interface.h"
 #include "platform/status/Ip.h"
+#include "platform/zub/ChildMap.h"
 #include "platform/zub/Dir.h"
 #include "platform/zub/LogHandle.h"
 
@@ -67,36 +68,47 @@ class FtNameToIntfIdMap {
   std::set<Nelo::IntfId> intf_;
 };
 
-class ConfigSmBase;
+// What ConfigSmBase hands down to its children: the inputs they read and the services
+// they use. Shared by reference count, so a child never reaches into its parent.
+struct ConfigContext : Zub::PtrInterface {
+  Zub::Ptr<Config> config;
+  Zub::Ptr<HwFlowTracking::Config> hwConfig;
+  Zub::Ptr<Ip::Status> ipStatus;
+  Zub::Ptr<Ip6::Status> ip6Status;
+  Zub::Ptr<Ip::AllVrfStatusLocal> allVrfStatusLocal;
+  Zub::Ptr<Interface::AllIntfStatusDir> allIntfStatusDir;
+  std::shared_ptr<Resolver> resolver;
+  Zub::String trackingType;  // the agent's word for its flow tracking, in log messages
+};
 
+// Binds one Ethernet interface to its tracker in the hardware configuration while the
+// interface is configured for tracking, up and forwarding; the binding goes with the
+// reactor.
 class EthIntfStatusSm : public Zub::Reactor {
  public:
   EthIntfStatusSm(const Nelo::IntfId& intf, const Zub::Ptr<Interface::EthIntfStatus>& intfStatus,
-                  const Zub::Ptr<Config>& config, const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
-                  ConfigSmBase* configSm);
+                  const Zub::Ptr<const ConfigContext>& ctx);
   void handleInitialized() override;
+  void handleDestroyed() override;
   void handleIntfStatusChange();
-  // Removes the interface's hardware binding (logged once); the owner calls it before
-  // deleting the reactor.
-  void doCleanup();
   const Nelo::IntfId& intf() const { return intf_; }
   const Zub::Ptr<Interface::EthIntfStatus>& intfStatus() const { return intfStatus_; }
   bool initialized() const { return initialized_; }
 
  protected:
+  // Removes the interface's hardware binding, logged once.
+  void removeBinding_();
+
   Nelo::IntfId intf_;
   Zub::Ptr<Interface::EthIntfStatus> intfStatus_;
-  Zub::Ptr<Config> config_;
-  Zub::Ptr<HwFlowTracking::Config> hwConfig_;
-  ConfigSmBase* configSm_;
+  Zub::Ptr<const ConfigContext> ctx_;
   bool initialized_ = false;
 };
 
 class LagIntfStatusSm : public EthIntfStatusSm {
  public:
   LagIntfStatusSm(const Nelo::IntfId& intf, const Zub::Ptr<Interface::EthLagIntfStatus>& lagStatus,
-                  const Zub::Ptr<Config>& config, const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
-                  ConfigSmBase* configSm);
+                  const Zub::Ptr<const ConfigContext>& ctx);
   void handleInitialized() override;
   void handleLagMemberIntfStatusChange(const Nelo::IntfId& member);
   void handleLagMemberIntfStatusChange();
@@ -110,10 +122,7 @@ class ExpConfigSm : public Zub::Reactor {
   ExpConfigSm(const Zub::Name& expName, const Zub::Name& ftName,
               const Zub::Ptr<ExporterConfig>& expConfig,
               const Zub::Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig,
-              const Zub::Ptr<Ip::Status>& ipStatus, const Zub::Ptr<Ip6::Status>& ip6Status,
-              const Zub::Ptr<Ip::AllVrfStatusLocal>& allVrfStatusLocal,
-              const Zub::Ptr<Interface::AllIntfStatusDir>& allIntfStatusDir,
-              ConfigSmBase* configSm);
+              const Zub::Ptr<const ConfigContext>& ctx);
   void handleInitialized() override;
 
   void handleVrfName();
@@ -153,11 +162,7 @@ class ExpConfigSm : public Zub::Reactor {
   Zub::Name ftName_;
   Zub::Ptr<ExporterConfig> expConfig_;
   Zub::Ptr<HwFlowTracking::ExporterConfig> hwExpConfig_;
-  Zub::Ptr<Ip::Status> ipStatus_;
-  Zub::Ptr<Ip6::Status> ip6Status_;
-  Zub::Ptr<Ip::AllVrfStatusLocal> allVrfStatusLocal_;
-  Zub::Ptr<Interface::AllIntfStatusDir> allIntfStatusDir_;
-  ConfigSmBase* configSm_;
+  Zub::Ptr<const ConfigContext> ctx_;
 
   Zub::String localIntfName_;
   Zub::Ptr<Interface::IntfStatus> localIntfStatus_;
@@ -172,21 +177,22 @@ class ExpConfigSm : public Zub::Reactor {
 class FtConfigSm : public Zub::Reactor {
  public:
   FtConfigSm(const Zub::Name& ftName, const Zub::Ptr<FlowTrackerConfig>& ftConfig,
-             const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig, ConfigSmBase* configSm);
+             const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
+             const Zub::Ptr<const ConfigContext>& ctx);
   void handleInitialized() override;
   void handleActiveInterval();
   void handleInactiveTimeout();
   void handleExpConfig();
   void handleExpConfig(const Zub::Name& name);
-  const std::map<Zub::Name, Zub::Ptr<ExpConfigSm>>& expConfigSm() const { return expConfigSm_; }
+  const Zub::ChildMap<Zub::Name, ExpConfigSm>& expConfigSm() const { return expConfigSm_; }
   bool initialized() const { return initialized_; }
 
  private:
   Zub::Name ftName_;
   Zub::Ptr<FlowTrackerConfig> ftConfig_;
   Zub::Ptr<HwFlowTracking::FtConfig> hwFtConfig_;
-  ConfigSmBase* configSm_;
-  std::map<Zub::Name, Zub::Ptr<ExpConfigSm>> expConfigSm_;
+  Zub::Ptr<const ConfigContext> ctx_;
+  Zub::ChildMap<Zub::Name, ExpConfigSm> expConfigSm_{this};
   bool initialized_ = false;
 };
 
@@ -199,7 +205,7 @@ class ConfigSmBase : public Zub::Reactor {
                const Zub::Ptr<Ip::Status>& ipStatus, const Zub::Ptr<Ip6::Status>& ip6Status,
                const Zub::Ptr<Ip::AllVrfStatusLocal>& allVrfStatusLocal,
                const Zub::Ptr<Interface::AllIntfStatusDir>& allIntfStatusDir);
-  ~ConfigSmBase() override;
+  void handleInitialized() override;
 
   // Hooks for the agent.
   virtual void initializeDefaultGroups(const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig);
@@ -224,27 +230,21 @@ class ConfigSmBase : public Zub::Reactor {
   Zub::String ftIdToName(FtId ftId) const;
 
   // Name resolution for collectors; the system resolver unless a test installs one.
-  Resolver& resolver() const { return *resolver_; }
-  void resolverIs(std::shared_ptr<Resolver> r) { resolver_ = std::move(r); }
+  Resolver& resolver() const { return *ctx_->resolver; }
+  void resolverIs(std::shared_ptr<Resolver> r) { ctx_->resolver = std::move(r); }
 
   const Zub::Ptr<Config>& config() const { return config_; }
   const Zub::Ptr<Zub::Dir>& agentDir() const { return agentDir_; }
   const Zub::Ptr<HwFlowTracking::Config>& hwConfig() const { return hwConfig_; }
-  const Zub::Ptr<Ip::Status>& ipStatus() const { return ipStatus_; }
-  const Zub::Ptr<Ip6::Status>& ip6Status() const { return ip6Status_; }
-  const Zub::Ptr<Ip::AllVrfStatusLocal>& allVrfStatusLocal() const { return allVrfStatusLocal_; }
-  const Zub::Ptr<Interface::AllIntfStatusDir>& allIntfStatusDir() const {
-    return allIntfStatusDir_;
-  }
 
   FtId nextFtId() const { return nextFtId_; }
   void nextFtIdIs(FtId id) { nextFtId_ = id; }
   const std::map<FtId, Zub::String>& ftIdToNameMap() const { return ftIdToNameMap_; }
-  const std::map<Zub::Name, Zub::Ptr<FtConfigSm>>& ftConfigSm() const { return ftConfigSm_; }
-  const std::map<Nelo::IntfId, Zub::Ptr<EthIntfStatusSm>>& ethIntfStatusSm() const {
+  const Zub::ChildMap<Zub::Name, FtConfigSm>& ftConfigSm() const { return ftConfigSm_; }
+  const Zub::ChildMap<Nelo::IntfId, EthIntfStatusSm>& ethIntfStatusSm() const {
     return ethIntfStatusSm_;
   }
-  const std::map<Nelo::IntfId, Zub::Ptr<LagIntfStatusSm>>& lagIntfStatusSm() const {
+  const Zub::ChildMap<Nelo::IntfId, LagIntfStatusSm>& lagIntfStatusSm() const {
     return lagIntfStatusSm_;
   }
   const std::map<Zub::Name, FtNameToIntfIdMap>& ftNameToIntfIdMap() const {
@@ -258,20 +258,17 @@ class ConfigSmBase : public Zub::Reactor {
   Zub::Ptr<HwFlowTracking::Config> hwConfig_;
   Zub::Ptr<Interface::AllEthPhyIntfStatusDir> ethPhyIntfStatusDir_;
   Zub::Ptr<Interface::EthLagIntfStatusDir> ethLagIntfStatusDir_;
-  Zub::Ptr<Ip::Status> ipStatus_;
-  Zub::Ptr<Ip6::Status> ip6Status_;
-  Zub::Ptr<Ip::AllVrfStatusLocal> allVrfStatusLocal_;
-  Zub::Ptr<Interface::AllIntfStatusDir> allIntfStatusDir_;
+  Zub::Ptr<ConfigContext> ctx_;
 
   std::map<FtId, Zub::String> ftIdToNameMap_;
   FtId nextFtId_;
   std::map<Zub::Name, FtNameToIntfIdMap> ftNameToIntfIdMap_;
   std::map<Nelo::IntfId, Zub::Name> intfIdToFtNameMap_;
-  std::map<Zub::Name, Zub::Ptr<FtConfigSm>> ftConfigSm_;
-  std::map<Nelo::IntfId, Zub::Ptr<EthIntfStatusSm>> ethIntfStatusSm_;
-  std::map<Nelo::IntfId, Zub::Ptr<LagIntfStatusSm>> lagIntfStatusSm_;
+  // Torn down in reverse order: interface bindings first, then trackers.
+  Zub::ChildMap<Zub::Name, FtConfigSm> ftConfigSm_{this};
+  Zub::ChildMap<Nelo::IntfId, EthIntfStatusSm> ethIntfStatusSm_{this};
+  Zub::ChildMap<Nelo::IntfId, LagIntfStatusSm> lagIntfStatusSm_{this};
   bool exitAgent_ = false;
-  std::shared_ptr<Resolver> resolver_;
 };
 
 Zub::Ptr<ConfigSmBase> configSmBaseFactory(

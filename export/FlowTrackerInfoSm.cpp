@@ -28,10 +28,6 @@ ExporterInfoSm::ExporterInfoSm(const Zub::Name& expName, const Zub::Name& ftName
         [this](const Zub::String& n) { handleCollector(n); });
 }
 
-ExporterInfoSm::~ExporterInfoSm() {
-  if (pamManagementTask_) pamManagementTask_->unschedule();
-}
-
 void ExporterInfoSm::handleInitialized() {
   GLINT(exportTrace(), kEntry) << "ExporterInfoSm::handleInitialized for " << traceId_;
   pamManagementTask_ = new Orrin::Task(scheduler_, "PamManagementTask-" + ftName_ + "-" + expName_,
@@ -57,7 +53,6 @@ void ExporterInfoSm::handleCollector() {
 }
 
 void ExporterInfoSm::handleCollector(const Zub::String& name) {
-  if (destroyed_) return;
   GLINT(exportTrace(), kEntry) << "ExporterInfoSm::handleCollector for " << traceId_
                                << ", collector " << name;
   if (!hwExpConfig_->collectorIpAndPortHas(name) && !hwExpConfig_->collectorIp6AndPortHas(name)) {
@@ -101,8 +96,6 @@ void ExporterInfoSm::createPam_(bool v6) {
 }
 
 void ExporterInfoSm::handleDestroyed() {
-  if (destroyed_) return;
-  destroyed_ = true;
   GLINT(exportTrace(), kEntry) << "ExporterInfoSm::handleDestroyed for " << traceId_;
   if (pamManagementTask_) pamManagementTask_->unschedule();
   if (auto pam = expInfo_->udpPam4()) {
@@ -130,10 +123,6 @@ FlowTrackerInfoSm::FlowTrackerInfoSm(const Zub::Name& trackerName,
   watch(hwFtConfig_->expConfigSignal(), [this](const Zub::Name& n) { handleHwExpConfig(n); });
 }
 
-FlowTrackerInfoSm::~FlowTrackerInfoSm() {
-  for (auto& [name, sm] : expInfoSm_) sm->handleDestroyed();
-}
-
 void FlowTrackerInfoSm::handleInitialized() {
   for (const Zub::Name& n : hwFtConfig_->expConfigColl().keys()) handleHwExpConfig(n);
 }
@@ -142,17 +131,16 @@ void FlowTrackerInfoSm::handleHwExpConfig(const Zub::Name& name) {
   GLINT(exportTrace(), kEntry) << "FlowTrackerInfoSm::handleHwExpConfig for " << trackerName_ << "-"
                                << name;
   auto hwExp = hwFtConfig_->expConfig(name);
-  auto it = expInfoSm_.find(name);
-  if (hwExp) {
-    if (it != expInfoSm_.end()) return;
+  const bool had = expInfoSm_.has(name);
+  // The run-time entry is created just before its reactor and deleted right after it.
+  expInfoSm_.reconcile(name, bool(hwExp), [&] {
     auto expInfo = ftInfo_->expInfoIs(name);
-    expInfoSm_[name] = Zub::makeReactor<ExporterInfoSm>(name, trackerName_, hwExp, expInfo,
-                                                        scheduler_, pamFactory_);
+    auto sm = Zub::makeReactor<ExporterInfoSm>(name, trackerName_, hwExp, expInfo, scheduler_,
+                                               pamFactory_);
     GLINT(exportTrace(), kLife) << "Created ExporterInfoSm for " << name;
-  } else if (it != expInfoSm_.end()) {
-    Zub::Ptr<ExporterInfoSm> sm = it->second;
-    sm->handleDestroyed();
-    expInfoSm_.erase(it);
+    return sm;
+  });
+  if (!hwExp && had) {
     ftInfo_->expInfoDel(name);
     GLINT(exportTrace(), kLife) << "Deleted ExporterInfoSm for " << name;
   }
@@ -170,8 +158,6 @@ FlowTrackingInfoSm::FlowTrackingInfoSm(const Zub::Ptr<HwFlowTracking::Config>& h
   watch(hwConfig_->hwFtConfigSignal(), [this](const Zub::Name& n) { handleHwFtConfig(n); });
 }
 
-FlowTrackingInfoSm::~FlowTrackingInfoSm() { ftInfoSm_.clear(); }
-
 void FlowTrackingInfoSm::handleInitialized() {
   for (const Zub::Name& n : hwConfig_->hwFtConfigColl().keys()) handleHwFtConfig(n);
 }
@@ -179,15 +165,14 @@ void FlowTrackingInfoSm::handleInitialized() {
 void FlowTrackingInfoSm::handleHwFtConfig(const Zub::Name& name) {
   GLINT(exportTrace(), kEntry) << "FlowTrackingInfoSm::handleHwFtConfig for " << name;
   auto hwFt = hwConfig_->hwFtConfig(name);
-  auto it = ftInfoSm_.find(name);
-  if (hwFt) {
-    if (it != ftInfoSm_.end()) return;
+  const bool had = ftInfoSm_.has(name);
+  ftInfoSm_.reconcile(name, bool(hwFt), [&] {
     auto ftInfo = flowTrackingInfo_->ftInfoIs(name);
-    ftInfoSm_[name] =
-        Zub::makeReactor<FlowTrackerInfoSm>(name, hwFt, ftInfo, scheduler_, pamFactory_);
+    auto sm = Zub::makeReactor<FlowTrackerInfoSm>(name, hwFt, ftInfo, scheduler_, pamFactory_);
     GLINT(exportTrace(), kLife) << "Created FlowTrackerInfoSm for " << name;
-  } else if (it != ftInfoSm_.end()) {
-    ftInfoSm_.erase(it);
+    return sm;
+  });
+  if (!hwFt && had) {
     flowTrackingInfo_->ftInfoDel(name);
     GLINT(exportTrace(), kLife) << "Deleted FlowTrackerInfoSm for " << name;
   }

@@ -14,6 +14,7 @@
 #include "ipfix/Ipfix.h"
 #include "platform/nelo/UdpPam.h"
 #include "platform/orrin/TaskScheduler.h"
+#include "platform/zub/ChildMap.h"
 
 namespace FlowTracking {
 
@@ -60,15 +61,14 @@ class ExporterInfoSm : public Zub::Reactor {
                  const Zub::Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig,
                  const Zub::Ptr<ExporterInfo>& expInfo, Orrin::TaskScheduler& scheduler,
                  PamFactory pamFactory);
-  ~ExporterInfoSm() override;
   void handleInitialized() override;
+  // The exporter is going away: endpoints off and dropped, collector entries deleted.
+  void handleDestroyed() override;
   void handlePamManagementTask();
   void handleCollector();
   void handleCollector(const Zub::String& name);
   void createPam4();
   void createPam6();
-  // The exporter is going away: endpoints off and dropped, collector entries deleted.
-  void handleDestroyed();
   const Zub::Ptr<Orrin::Task>& pamManagementTask() const { return pamManagementTask_; }
   const Zub::String& traceId() const { return traceId_; }
 
@@ -83,7 +83,6 @@ class ExporterInfoSm : public Zub::Reactor {
   PamFactory pamFactory_;
   Zub::Ptr<Orrin::Task> pamManagementTask_;
   Zub::String traceId_;
-  bool destroyed_ = false;
 };
 
 class FlowTrackerInfoSm : public Zub::Reactor {
@@ -92,10 +91,9 @@ class FlowTrackerInfoSm : public Zub::Reactor {
                     const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
                     const Zub::Ptr<FlowTrackerInfo>& ftInfo, Orrin::TaskScheduler& scheduler,
                     PamFactory pamFactory);
-  ~FlowTrackerInfoSm() override;
   void handleInitialized() override;
   void handleHwExpConfig(const Zub::Name& name);
-  const std::map<Zub::Name, Zub::Ptr<ExporterInfoSm>>& expInfoSm() const { return expInfoSm_; }
+  const Zub::ChildMap<Zub::Name, ExporterInfoSm>& expInfoSm() const { return expInfoSm_; }
 
  private:
   Zub::Name trackerName_;
@@ -103,7 +101,7 @@ class FlowTrackerInfoSm : public Zub::Reactor {
   Zub::Ptr<FlowTrackerInfo> ftInfo_;
   Orrin::TaskScheduler& scheduler_;
   PamFactory pamFactory_;
-  std::map<Zub::Name, Zub::Ptr<ExporterInfoSm>> expInfoSm_;
+  Zub::ChildMap<Zub::Name, ExporterInfoSm> expInfoSm_{this};
 };
 
 class FlowTrackingInfoSm : public Zub::Reactor {
@@ -111,18 +109,17 @@ class FlowTrackingInfoSm : public Zub::Reactor {
   FlowTrackingInfoSm(const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
                      const Zub::Ptr<FlowTrackingInfo>& flowTrackingInfo,
                      Orrin::TaskScheduler& scheduler, PamFactory pamFactory);
-  ~FlowTrackingInfoSm() override;
   void handleInitialized() override;
   void handleHwFtConfig(const Zub::Name& name);
   const Zub::Ptr<FlowTrackingInfo>& flowTrackingInfo() const { return flowTrackingInfo_; }
-  const std::map<Zub::Name, Zub::Ptr<FlowTrackerInfoSm>>& ftInfoSm() const { return ftInfoSm_; }
+  const Zub::ChildMap<Zub::Name, FlowTrackerInfoSm>& ftInfoSm() const { return ftInfoSm_; }
 
  private:
   Zub::Ptr<HwFlowTracking::Config> hwConfig_;
   Zub::Ptr<FlowTrackingInfo> flowTrackingInfo_;
   Orrin::TaskScheduler& scheduler_;
   PamFactory pamFactory_;
-  std::map<Zub::Name, Zub::Ptr<FlowTrackerInfoSm>> ftInfoSm_;
+  Zub::ChildMap<Zub::Name, FlowTrackerInfoSm> ftInfoSm_{this};
 };
 
 Zub::Ptr<FlowTrackingInfoSm> flowTrackingInfoSmFactory(

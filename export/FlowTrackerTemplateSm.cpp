@@ -7,47 +7,25 @@ namespace FlowTracking {
 
 // ---- FtExporterSm ----------------------------------------------------------------------
 
-FtExporterSm::FgStatusSm::FgStatusSm(FtExporterSm* owner,
-                                     const Zub::Ptr<HwFlowTracking::FgStatus>& fgStatus)
-    : owner_(owner), fgStatus_(fgStatus) {
-  watch(fgStatus_->genIdSignal(), [this] { doCleanup(); });
-}
-
-void FtExporterSm::FgStatusSm::doCleanup() {
-  owner_->templateLenDel(fgStatus_->templateId());
-  if (owner_->templateCreationTask()) owner_->templateCreationTask()->schedule();
-}
-
-FtExporterSm::FtExporterSm(const Zub::Name& expName, const Zub::Name& ftName, FtId ftId,
+FtExporterSm::FtExporterSm(const Zub::Name& ftName, const Zub::Name& expName, FtId ftId,
                            const Zub::Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig,
                            const Zub::Ptr<ExporterInfo>& expInfo,
                            Stova::Ipfix::CollectorStatistics* collStats,
                            Orrin::TaskScheduler& scheduler,
                            const Zub::Ptr<HwFlowTracking::FtStatus>& hwFtStatus)
-    : TemplateExporterSmBase(expName, ftName, ftId, hwExpConfig, expInfo, collStats, scheduler),
+    : TemplateExporterSmBase(ftName, expName, ftId, hwExpConfig, expInfo, collStats, scheduler),
       hwFtStatus_(hwFtStatus) {
   watch(hwFtStatus_->hwFgStatusSignal(), [this](const TemplateId& id) { onHwFgStatus(id); });
   // The templates must fit one message of the exporter's size: build them again when it
   // changes.
-  watch(hwExpConfig->ipfixMtuSignal(), [this] {
-    if (templateCreationTask_) templateCreationTask_->schedule();
-  });
-}
-
-FtExporterSm::~FtExporterSm() {
-  if (templateCreationTask_) templateCreationTask_->unschedule();
+  watch(hwExpConfig->ipfixMtuSignal(), [this] { scheduleTemplateCreation(); });
 }
 
 void FtExporterSm::handleInitialized() {
   GLINT(exportTrace(), kEntry) << "FtExporterSm::handleInitialized for " << traceId();
   handleStartup();
-  templateCreationTask_ = new Orrin::Task(
-      scheduler(), taskPrefix() + "-" + "TemplateCreationTask" + "-" + name2() + "-" + name1(),
-      kTaskPriority, [this] { handleTemplateCreationTask(); });
-  for (const auto& [id, fg] : hwFtStatus_->hwFgStatusColl()) {
-    hwFgStatus_[id] = Zub::makeReactor<FgStatusSm>(this, fg);
-  }
-  templateCreationTask_->schedule();
+  for (const TemplateId& id : hwFtStatus_->hwFgStatusColl().keys()) onHwFgStatus(id);
+  scheduleTemplateCreation();
   initialized_ = true;
 }
 
@@ -57,13 +35,21 @@ void FtExporterSm::onHwFgStatus(TemplateId templateId) {
   auto fg = hwFtStatus_->hwFgStatus(templateId);
   auto it = hwFgStatus_.find(templateId);
   if (it != hwFgStatus_.end()) {
-    if (fg == it->second->fgStatus()) return;
-    Zub::Ptr<FgStatusSm> old = it->second;
+    if (fg == it->second) return;
+    fgSubs_.erase(templateId);
     hwFgStatus_.erase(it);
-    old->doCleanup();
   }
-  if (fg) hwFgStatus_[templateId] = Zub::makeReactor<FgStatusSm>(this, fg);
-  if (templateCreationTask_) templateCreationTask_->schedule();
+  if (fg) {
+    hwFgStatus_[templateId] = fg;
+    watch(fgSubs_, templateId, fg->genIdSignal(),
+          [this, templateId] { fgTemplateChanged_(templateId); });
+  }
+  fgTemplateChanged_(templateId);
+}
+
+void FtExporterSm::fgTemplateChanged_(TemplateId templateId) {
+  templateLenDel(templateId);
+  scheduleTemplateCreation();
 }
 
 uint32_t FtExporterSm::getFgTemplateLength(const HwFlowTracking::FgStatus& fg) {
@@ -77,18 +63,14 @@ uint32_t FtExporterSm::getFgTemplateLength(const HwFlowTracking::FgStatus& fg) {
 
 uint32_t FtExporterSm::getFtTemplateLength() const {
   uint32_t len = 0;
-  for (const auto& [id, sm] : hwFgStatus_) len += getFgTemplateLength(*sm->fgStatus());
+  for (const auto& [id, fg] : hwFgStatus_) len += getFgTemplateLength(*fg);
   return len;
 }
 
 void FtExporterSm::handleTemplateCreationTask() {
-  if (!templateCreationTask_->running()) {
-    GLINT(exportTrace(), kDiag) << "Returning because templateCreationTask not running.";
-    return;
-  }
   GLINT(exportTrace(), kEntry) << "FtExporterSm::handleTemplateCreationTask for " << traceId();
   templateLenDelAll();
-  const uint32_t len = getFtTemplateLength();
+  const uint32_t len = getTemplateLength();
   if (len == 0) {
     templateReadyIs(false);
     GLINT(exportTrace(), kDiag) << "Returning because no flow group configured.";
@@ -103,33 +85,23 @@ void FtExporterSm::handleTemplateCreationTask() {
     return;
   }
   Zub::Ptr<Nelo::Pkt> pkt = getPkt(len);
-  uint8_t* p = pkt->data();
   uint32_t offset = 0;
   uint16_t count = 0;
-  for (const auto& [id, sm] : hwFgStatus_) {
-    const HwFlowTracking::FgStatus& fg = *sm->fgStatus();
+  for (const auto& [id, fgPtr] : hwFgStatus_) {
+    const HwFlowTracking::FgStatus& fg = *fgPtr;
     const uint32_t fgLen = getFgTemplateLength(fg);
     templateLenIs(id, fgLen);
     GLINT(exportTrace(), kDiag) << "Template for " << id << " has length: " << fgLen
                                 << ", and is at offset: " << offset;
-    Nelo::NetU16::write(p + offset, id.value());
-    Nelo::NetU16::write(p + offset + 2, static_cast<uint16_t>(fg.templateEntrySize()));
+    Nelo::TemplateHeader header(pkt, offset);
+    header.templateIdIs(id.value());
+    header.fieldCountIs(static_cast<uint16_t>(fg.templateEntrySize()));
     offset += sizeof(Nelo::Wire::TemplateHeader);
     for (const auto& [seq, entry] : fg.templateEntryColl()) {
-      const auto elementId = static_cast<uint16_t>(entry->fieldId());
-      GLINT(exportTrace(), kDiag) << "Element: " << entry << ", elementId: " << elementId
+      GLINT(exportTrace(), kDiag) << "Element: " << entry
+                                  << ", elementId: " << static_cast<uint16_t>(entry->fieldId())
                                   << ", len: " << entry->fieldLen();
-      const bool enterprise = entry->enterpriseIe();
-      Nelo::NetU16::write(p + offset,
-                          enterprise
-                              ? static_cast<uint16_t>(elementId | Nelo::IpfixConst::enterpriseBit())
-                              : elementId);
-      Nelo::NetU16::write(p + offset + 2, static_cast<uint16_t>(entry->fieldLen()));
-      offset += sizeof(Nelo::Wire::FieldSpecifier);
-      if (enterprise) {
-        Nelo::NetU32::write(p + offset, Ipfix::privateEnterpriseNumber());
-        offset += sizeof(uint32_t);
-      }
+      offset += addTemplateFieldSpecifier(pkt, offset, *entry);
     }
     ++count;
   }
@@ -165,14 +137,14 @@ void FtTemplateSm::handleExporters(const Zub::Name& name) {
   GLINT(exportTrace(), kEntry) << "FtTemplateSm::handleExporters for " << ftName_ << "-" << name;
   auto hwExp = hwFtConfig_->expConfig(name);
   auto expInfo = ftInfo_->expInfo(name);
-  auto it = ftExporterSm_.find(name);
-  if (hwExp && expInfo) {
-    if (it != ftExporterSm_.end()) return;
-    ftExporterSm_[name] = Zub::makeReactor<FtExporterSm>(
-        name, ftName_, hwFtConfig_->ftId(), hwExp, expInfo, collStats_, scheduler_, hwFtStatus_);
+  const bool had = ftExporterSm_.has(name);
+  ftExporterSm_.reconcile(name, hwExp && expInfo, [&] {
+    auto sm = Zub::makeReactor<FtExporterSm>(ftName_, name, hwFtConfig_->ftId(), hwExp, expInfo,
+                                             collStats_, scheduler_, hwFtStatus_);
     GLINT(exportTrace(), kLife) << "Created FtExporterSm for " << name;
-  } else if (it != ftExporterSm_.end()) {
-    ftExporterSm_.erase(it);
+    return sm;
+  });
+  if (had && !ftExporterSm_.has(name)) {
     GLINT(exportTrace(), kLife) << "Deleted FtExporterSm for " << name;
   }
 }
@@ -199,8 +171,6 @@ TemplateSm::TemplateSm(const Zub::Ptr<Config>& flowTrackingConfig,
   watch(flowTrackingConfigReq_->clearCountersSignal(), [this] { clearCounters(); });
 }
 
-TemplateSm::~TemplateSm() { ftTemplateSm_.clear(); }
-
 void TemplateSm::handleInitialized() {
   for (const Zub::Name& n : hwStatus_->hwFtStatusColl().keys()) handleHwFtStatus(n);
 }
@@ -210,14 +180,13 @@ void TemplateSm::handleHwFtStatus(const Zub::Name& name) {
   auto status = hwStatus_->hwFtStatus(name);
   auto hwFt = hwConfig_->hwFtConfig(name);
   auto ftInfo = flowTrackingInfo_->ftInfo(name);
-  auto it = ftTemplateSm_.find(name);
-  if (status && hwFt && ftInfo) {
-    if (it != ftTemplateSm_.end()) return;
-    ftTemplateSm_[name] =
-        Zub::makeReactor<FtTemplateSm>(name, hwFt, ftInfo, status, collStats_, scheduler_);
+  const bool had = ftTemplateSm_.has(name);
+  ftTemplateSm_.reconcile(name, status && hwFt && ftInfo, [&] {
+    auto sm = Zub::makeReactor<FtTemplateSm>(name, hwFt, ftInfo, status, collStats_, scheduler_);
     GLINT(exportTrace(), kLife) << "Created FtTemplateSm for " << name;
-  } else if (it != ftTemplateSm_.end()) {
-    ftTemplateSm_.erase(it);
+    return sm;
+  });
+  if (had && !ftTemplateSm_.has(name)) {
     GLINT(exportTrace(), kLife) << "Deleted FtTemplateSm for " << name;
   }
 }

@@ -20,42 +20,33 @@ namespace FlowTracking {
 
 class FtExporterSm : public TemplateExporterSmBase {
  public:
-  FtExporterSm(const Zub::Name& expName, const Zub::Name& ftName, FtId ftId,
+  FtExporterSm(const Zub::Name& ftName, const Zub::Name& expName, FtId ftId,
                const Zub::Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig,
                const Zub::Ptr<ExporterInfo>& expInfo, Stova::Ipfix::CollectorStatistics* collStats,
                Orrin::TaskScheduler& scheduler,
                const Zub::Ptr<HwFlowTracking::FtStatus>& hwFtStatus);
-  ~FtExporterSm() override;
 
   Zub::String taskPrefix() const override { return "ftExporterSm"; }
   uint16_t headerSetId() const override { return Nelo::IpfixConst::templateSetId(); }
+  uint32_t getTemplateLength() const override { return getFtTemplateLength(); }
+  void handleTemplateCreationTask() override;
   void handleInitialized() override;
-  void handleTemplateCreationTask();
-  // A flow group status appeared, went away or took a new generation.
+  // A flow group status appeared, went away or was replaced.
   void onHwFgStatus(TemplateId templateId);
   uint32_t getFtTemplateLength() const;
   // 4 bytes of record header plus 4 per field (8 for an enterprise field).
   static uint32_t getFgTemplateLength(const HwFlowTracking::FgStatus& fg);
 
-  const Zub::Ptr<Orrin::Task>& templateCreationTask() const { return templateCreationTask_; }
   bool initialized() const { return initialized_; }
 
  private:
-  // Follows one flow group's status: a new generation means a new template.
-  class FgStatusSm : public Zub::Reactor {
-   public:
-    FgStatusSm(FtExporterSm* owner, const Zub::Ptr<HwFlowTracking::FgStatus>& fgStatus);
-    void doCleanup();
-    const Zub::Ptr<HwFlowTracking::FgStatus>& fgStatus() const { return fgStatus_; }
-
-   private:
-    FtExporterSm* owner_;
-    Zub::Ptr<HwFlowTracking::FgStatus> fgStatus_;
-  };
+  // A flow group's template changed: its length is stale, the templates are built anew.
+  void fgTemplateChanged_(TemplateId templateId);
 
   Zub::Ptr<HwFlowTracking::FtStatus> hwFtStatus_;
-  std::map<TemplateId, Zub::Ptr<FgStatusSm>> hwFgStatus_;
-  Zub::Ptr<Orrin::Task> templateCreationTask_;
+  // The flow group statuses followed, each by its generation.
+  std::map<TemplateId, Zub::Ptr<HwFlowTracking::FgStatus>> hwFgStatus_;
+  Zub::KeyedSubscriptions<TemplateId> fgSubs_;
   bool initialized_ = false;
 };
 
@@ -69,7 +60,7 @@ class FtTemplateSm : public Zub::Reactor {
   // An exporter gets its template exporters while it has both hardware configuration
   // and export endpoints.
   void handleExporters(const Zub::Name& name);
-  const std::map<Zub::Name, Zub::Ptr<FtExporterSm>>& ftExporterSm() const { return ftExporterSm_; }
+  const Zub::ChildMap<Zub::Name, FtExporterSm>& ftExporterSm() const { return ftExporterSm_; }
 
  private:
   Zub::Name ftName_;
@@ -78,7 +69,7 @@ class FtTemplateSm : public Zub::Reactor {
   Zub::Ptr<HwFlowTracking::FtStatus> hwFtStatus_;
   Stova::Ipfix::CollectorStatistics* collStats_;
   Orrin::TaskScheduler& scheduler_;
-  std::map<Zub::Name, Zub::Ptr<FtExporterSm>> ftExporterSm_;
+  Zub::ChildMap<Zub::Name, FtExporterSm> ftExporterSm_{this};
 };
 
 class TemplateSm : public Zub::Reactor {
@@ -89,7 +80,6 @@ class TemplateSm : public Zub::Reactor {
              const Zub::Ptr<HwFlowTracking::Status>& hwStatus,
              const Zub::Ptr<FlowTrackingInfo>& flowTrackingInfo,
              Stova::Ipfix::CollectorStatistics* collStats, Orrin::TaskScheduler& scheduler);
-  ~TemplateSm() override;
   void handleInitialized() override;
   // A tracker gets its FtTemplateSm while it has hardware configuration, hardware status
   // and run-time export state.
@@ -97,7 +87,7 @@ class TemplateSm : public Zub::Reactor {
   void clearCounters();
 
   const Zub::Ptr<Config>& flowTrackingConfig() const { return flowTrackingConfig_; }
-  const std::map<Zub::Name, Zub::Ptr<FtTemplateSm>>& ftTemplateSm() const { return ftTemplateSm_; }
+  const Zub::ChildMap<Zub::Name, FtTemplateSm>& ftTemplateSm() const { return ftTemplateSm_; }
 
  private:
   Zub::Ptr<Config> flowTrackingConfig_;
@@ -107,7 +97,7 @@ class TemplateSm : public Zub::Reactor {
   Zub::Ptr<FlowTrackingInfo> flowTrackingInfo_;
   Stova::Ipfix::CollectorStatistics* collStats_;
   Orrin::TaskScheduler& scheduler_;
-  std::map<Zub::Name, Zub::Ptr<FtTemplateSm>> ftTemplateSm_;
+  Zub::ChildMap<Zub::Name, FtTemplateSm> ftTemplateSm_{this};
 };
 
 Zub::Ptr<TemplateSm> templateSmFactory(const Zub::Ptr<Config>& flowTrackingConfig,

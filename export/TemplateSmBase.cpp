@@ -11,21 +11,72 @@ namespace {
 uint32_t nowU32() { return static_cast<uint32_t>(Zub::System::clock().wallNs() / 1'000'000'000LL); }
 }  // namespace
 
+// Every trace line of the base: "TemplateExporterSmBase::<handler> for <trace id>" and
+// then what happened.
 #define TRACE_BASE(level, handler) \
   GLINT(exportTrace(), level) << "TemplateExporterSmBase::" << handler << " for " << traceId_
+
+// What differs between the IPv4 and the IPv6 collectors of an exporter; every rule of
+// the base is written once over these.
+struct TemplateExporterSmBase::V4 {
+  using Dst = Nelo::IpAndPort;
+  static constexpr const char* kMaybeTx = "maybeTxTemplate4_";
+  static constexpr const char* kDoTx = "doTxTemplate4_";
+  static constexpr const char* kHandleCollector = "handleCollectorIpAndPort";
+  static FamilyState<Dst>& state(TemplateExporterSmBase& b) { return b.v4_; }
+  static bool otherSending(const TemplateExporterSmBase& b) { return b.v6_.sending; }
+  static bool hasSource(const HwFlowTracking::ExporterConfig& c) { return !c.srcIpAddr().isZero(); }
+  static const auto& collectors(const HwFlowTracking::ExporterConfig& c) {
+    return c.collectorIpAndPortColl();
+  }
+  static Zub::Ptr<Nelo::UdpPam> pam(const ExporterInfo& e) { return e.udpPam4(); }
+  static auto src(const HwFlowTracking::ExporterConfig& c) { return c.srcIpAddr(); }
+  static void send(const Zub::Ptr<Nelo::Pkt>& pkt, const HwFlowTracking::ExporterConfig& c,
+                   const ExporterInfo& e, const Dst& dst) {
+    sendPkt4(pkt, e.udpPam4(), c.srcIpAddr(), dst, c.dscpValue());
+  }
+  static Stova::Ipfix::CollectorInfo key(const Dst& d) {
+    return Stova::Ipfix::CollectorInfo::fromIpAndPort(d);
+  }
+};
+
+struct TemplateExporterSmBase::V6 {
+  using Dst = Nelo::Ip6AndPort;
+  static constexpr const char* kMaybeTx = "maybeTxTemplate6_";
+  static constexpr const char* kDoTx = "doTxTemplate6_";
+  static constexpr const char* kHandleCollector = "handleCollectorIp6AndPort";
+  static FamilyState<Dst>& state(TemplateExporterSmBase& b) { return b.v6_; }
+  static bool otherSending(const TemplateExporterSmBase& b) { return b.v4_.sending; }
+  static bool hasSource(const HwFlowTracking::ExporterConfig& c) {
+    return !c.srcIp6Addr().isZero();
+  }
+  static const auto& collectors(const HwFlowTracking::ExporterConfig& c) {
+    return c.collectorIp6AndPortColl();
+  }
+  static Zub::Ptr<Nelo::UdpPam> pam(const ExporterInfo& e) { return e.udpPam6(); }
+  static auto src(const HwFlowTracking::ExporterConfig& c) { return c.srcIp6Addr(); }
+  static void send(const Zub::Ptr<Nelo::Pkt>& pkt, const HwFlowTracking::ExporterConfig& c,
+                   const ExporterInfo& e, const Dst& dst) {
+    sendPkt6(pkt, e.udpPam6(), c.srcIp6Addr(), dst, c.dscpValue());
+  }
+  static Stova::Ipfix::CollectorInfo key(const Dst& d) {
+    return Stova::Ipfix::CollectorInfo::fromIp6AndPort(d);
+  }
+};
+
 TemplateExporterSmBase::TemplateExporterSmBase(
-    const Zub::Name& name1, const Zub::Name& name2, FtId ftId,
+    const Zub::Name& ftName, const Zub::Name& expName, FtId ftId,
     const Zub::Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig,
     const Zub::Ptr<ExporterInfo>& expInfo, Stova::Ipfix::CollectorStatistics* collStats,
     Orrin::TaskScheduler& scheduler)
-    : name1_(name1),
-      name2_(name2),
+    : ftName_(ftName),
+      expName_(expName),
       ftId_(ftId),
       hwExpConfig_(hwExpConfig),
       expInfo_(expInfo),
       collStats_(collStats),
       scheduler_(scheduler),
-      traceId_(name2 + "-" + name1) {
+      traceId_(ftName + "-" + expName) {
   watch(hwExpConfig_->srcIpAddrSignal(), [this] { maybeTxTemplate4_(); });
   watch(expInfo_->udpPam4Signal(), [this] { maybeTxTemplate4_(); });
   watch(hwExpConfig_->srcIp6AddrSignal(), [this] { maybeTxTemplate6_(); });
@@ -42,11 +93,32 @@ TemplateExporterSmBase::TemplateExporterSmBase(
   });
 }
 
-TemplateExporterSmBase::~TemplateExporterSmBase() { periodicTemplateTxTaskDel(); }
-
+// The base's own versions abort: each derived class must override them. The texts are
+// the ones operators' crash reports have always carried for this failure.
 Zub::String TemplateExporterSmBase::taskPrefix() const { ZUB_FATAL("(!(\"taskPrefix\"))"); }
 uint16_t TemplateExporterSmBase::headerSetId() const { ZUB_FATAL("(!(\"headerSetId\"))"); }
+uint32_t TemplateExporterSmBase::getTemplateLength() const {
+  ZUB_FATAL("(!(\"getTemplateLength\"))");
+}
+void TemplateExporterSmBase::handleTemplateCreationTask() {
+  ZUB_FATAL("(!(\"handleTemplateCreationTask\"))");
+}
 void TemplateExporterSmBase::updateCollectorOnTx(const Zub::String&) {}
+
+uint32_t TemplateExporterSmBase::addTemplateFieldSpecifier(
+    const Zub::Ptr<Nelo::Pkt>& pkt, uint32_t offset, const HwFlowTracking::FtTemplateEntry& entry) {
+  const auto elementId = static_cast<uint16_t>(entry.fieldId());
+  const bool enterprise = entry.enterpriseIe();
+  const uint32_t len = enterprise ? sizeof(Nelo::Wire::EnterpriseFieldSpecifier)
+                                  : sizeof(Nelo::Wire::FieldSpecifier);
+  uint8_t* p = pkt->at(offset, len);  // the packet was sized for every specifier
+  Nelo::NetU16::write(p, enterprise
+                             ? static_cast<uint16_t>(elementId | Nelo::IpfixConst::enterpriseBit())
+                             : elementId);
+  Nelo::NetU16::write(p + 2, static_cast<uint16_t>(entry.fieldLen()));
+  if (enterprise) Nelo::NetU32::write(p + 4, Ipfix::privateEnterpriseNumber());
+  return len;
+}
 
 void TemplateExporterSmBase::periodicTemplateTxTaskIs(Orrin::TaskScheduler& scheduler, int priority,
                                                       const Zub::String& name) {
@@ -59,12 +131,46 @@ void TemplateExporterSmBase::periodicTemplateTxTaskDel() {
   periodicTemplateTxTask_ = nullptr;
 }
 
+void TemplateExporterSmBase::templateCreationTaskIs(Orrin::TaskScheduler& scheduler, int priority,
+                                                    const Zub::String& name) {
+  templateCreationTask_ =
+      new Orrin::Task(scheduler, name, priority, [this] { runTemplateCreationTask_(); });
+}
+
+void TemplateExporterSmBase::templateCreationTaskDel() {
+  if (templateCreationTask_) templateCreationTask_->unschedule();
+  templateCreationTask_ = nullptr;
+}
+
 void TemplateExporterSmBase::handleStartup() {
   TRACE_BASE(kEntry, "handleStartup");
   templateReady_ = false;
   templateTxCount_ = 0;
   periodicTemplateTxTaskIs(scheduler_, kTaskPriority,
-                           taskPrefix() + "-" + "PeriodicTxTask" + "-" + name2_ + "-" + name1_);
+                           taskPrefix() + "-" + "PeriodicTxTask" + "-" + expName_ + "-" + ftName_);
+  templateCreationTaskIs(
+      scheduler_, kTaskPriority,
+      taskPrefix() + "-" + "TemplateCreationTask" + "-" + ftName_ + "-" + expName_);
+}
+
+void TemplateExporterSmBase::handleDestroyed() {
+  TRACE_BASE(kLife, "handleDestroyed");
+  templateCreationTaskDel();
+  periodicTemplateTxTaskDel();
+}
+
+void TemplateExporterSmBase::scheduleTemplateCreation() {
+  if (templateCreationTask_) templateCreationTask_->schedule();
+}
+
+void TemplateExporterSmBase::runTemplateCreationTask_() {
+  if (!templateCreationTask_->running()) {
+    TRACE_BASE(kDiag, "handleTemplateCreationTask")
+        << " Returning because templateCreationTask not running.";
+    return;
+  }
+  TRACE_BASE(kEntry, "handleTemplateCreationTask");
+  handleTemplateCreationTask();
 }
 
 Zub::Ptr<Nelo::Pkt> TemplateExporterSmBase::getPkt(size_t recordBytes) {
@@ -96,10 +202,10 @@ void TemplateExporterSmBase::addIpfixHeaders_() {
   msg.sequenceNumberIs(0);
   msg.observationDomainIdIs(ftId_.value());
   if (exportTrace().enabled(kDump)) {
-    GLINT(exportTrace(), kDump) << "Template pkt->hexdump: \n" << templatePkt_->hexdump();
+    TRACE_BASE(kDump, "addIpfixHeaders_") << " Template pkt->hexdump: \n"
+                                          << templatePkt_->hexdump();
   }
   templatePktMsgLen_ = static_cast<uint16_t>(recordBytes + kHeaderBytes);
-  ++templateGen_;
   templateReadyIs(true);
 }
 
@@ -116,74 +222,77 @@ void TemplateExporterSmBase::maybeTxTemplate_() {
   maybeTxTemplate6_();
 }
 
-void TemplateExporterSmBase::maybeTxTemplate4_() {
-  TRACE_BASE(kEntry, "maybeTxTemplate4_");
+void TemplateExporterSmBase::maybeTxTemplate4_() { maybeTx_<V4>(); }
+void TemplateExporterSmBase::maybeTxTemplate6_() { maybeTx_<V6>(); }
+void TemplateExporterSmBase::handleCollectorIpAndPort(const Zub::String& name) {
+  handleCollector_<V4>(name);
+}
+void TemplateExporterSmBase::handleCollectorIp6AndPort(const Zub::String& name) {
+  handleCollector_<V6>(name);
+}
+
+// A full pass over one family: every configured collector with collector information
+// gets the packet, if the family can send at all.
+template <class F>
+void TemplateExporterSmBase::maybeTx_() {
+  TRACE_BASE(kEntry, F::kMaybeTx);
+  auto& st = F::state(*this);
+  st.served.clear();
   bool sent = false;
-  if (templateReady_ && hwExpConfig_->exporterReady() && !hwExpConfig_->srcIpAddr().isZero() &&
-      expInfo_->udpPam4()) {
-    for (const Zub::String& name : hwExpConfig_->collectorIpAndPortColl().keys()) {
-      if (!expInfo_->collInfoHas(name) || !hwExpConfig_->collectorIpAndPortHas(name)) continue;
-      doTxTemplate4_(hwExpConfig_->collectorIpAndPort(name), name);
-      GLINT(exportTrace(), kDiag) << "Template sent to " << name;
+  if (templateReady_ && hwExpConfig_->exporterReady() && F::hasSource(*hwExpConfig_) &&
+      F::pam(*expInfo_)) {
+    for (const Zub::String& name : F::collectors(*hwExpConfig_).keys()) {
+      const typename F::Dst* dst = F::collectors(*hwExpConfig_).find(name);
+      if (!dst || !expInfo_->collInfoHas(name)) continue;
+      doTx_<F>(typename F::Dst(*dst), name);
+      TRACE_BASE(kDiag, F::kMaybeTx) << " Template sent to " << name;
       sent = true;
     }
   }
-  sending4_ = sent;
+  st.sending = sent;
   if (!sent) {
-    if (sending6_) return;  // the other family keeps the task alive
+    if (F::otherSending(*this)) return;  // the other family keeps the task alive
     stopPeriodicTemplateTx_();
   } else {
     schedulePeriodicTemplateTx_();
   }
 }
 
-void TemplateExporterSmBase::maybeTxTemplate6_() {
-  TRACE_BASE(kEntry, "maybeTxTemplate6_");
-  bool sent = false;
-  if (templateReady_ && hwExpConfig_->exporterReady() && !hwExpConfig_->srcIp6Addr().isZero() &&
-      expInfo_->udpPam6()) {
-    for (const Zub::String& name : hwExpConfig_->collectorIp6AndPortColl().keys()) {
-      if (!expInfo_->collInfoHas(name) || !hwExpConfig_->collectorIp6AndPortHas(name)) continue;
-      doTxTemplate6_(hwExpConfig_->collectorIp6AndPort(name), name);
-      GLINT(exportTrace(), kDiag) << "Template sent to " << name;
-      sent = true;
-    }
+template <class F>
+void TemplateExporterSmBase::doTx_(const typename F::Dst& dst, const Zub::String& name) {
+  const Zub::Nanoseconds nowNs = Zub::System::clock().wallNs();
+  updateMsgHeader_(name, nowNs);
+  TRACE_BASE(kDiag, F::kDoTx) << ",  dst ip: " << dst.addr << ", dst port: " << dst.port
+                              << ", src: " << F::src(*hwExpConfig_)
+                              << ", tos :" << hwExpConfig_->dscpValue();
+  F::send(templatePkt_, *hwExpConfig_, *expInfo_, dst);
+  updateStats(F::key(dst), nowNs);
+  F::state(*this).served[name] = dst;
+  ++templateTxCount_;
+  updateCollectorOnTx(name);
+}
+
+// One collector of a family was configured, changed, removed, or got or lost its
+// collector information.
+template <class F>
+void TemplateExporterSmBase::handleCollector_(const Zub::String& name) {
+  TRACE_BASE(kEntry, F::kHandleCollector) << ", collector " << name;
+  auto& st = F::state(*this);
+  const typename F::Dst* dst = F::collectors(*hwExpConfig_).find(name);
+  if (!dst || !expInfo_->collInfoHas(name)) {
+    // Removed, or its information has not arrived yet: nothing is sent and the family's
+    // state stays; it is sent to when it comes back complete.
+    st.served.erase(name);
+    return;
   }
-  sending6_ = sent;
-  if (!sent) {
-    if (sending4_) return;
-    stopPeriodicTemplateTx_();
-  } else {
+  auto served = st.served.find(name);
+  if (served != st.served.end() && served->second == *dst) return;  // it has the packet
+  if (st.sending) {
+    doTx_<F>(typename F::Dst(*dst), name);
     schedulePeriodicTemplateTx_();
+  } else {
+    maybeTx_<F>();
   }
-}
-
-void TemplateExporterSmBase::doTxTemplate4_(const Nelo::IpAndPort& dst, const Zub::String& name) {
-  const Zub::Nanoseconds nowNs = Zub::System::clock().wallNs();
-  updateMsgHeader_(name, nowNs);
-  TRACE_BASE(kDiag, "doTxTemplate4_")
-      << ",  dst ip: " << dst.addr << ", dst port: " << dst.port
-      << ", src: " << hwExpConfig_->srcIpAddr() << ", tos :" << hwExpConfig_->dscpValue();
-  sendPkt4(templatePkt_, expInfo_->udpPam4(), hwExpConfig_->srcIpAddr(), dst,
-           hwExpConfig_->dscpValue());
-  updateStats(Stova::Ipfix::CollectorInfo::fromIpAndPort(dst), nowNs);
-  delivered4_[name] = {dst, templateGen_};
-  ++templateTxCount_;
-  updateCollectorOnTx(name);
-}
-
-void TemplateExporterSmBase::doTxTemplate6_(const Nelo::Ip6AndPort& dst, const Zub::String& name) {
-  const Zub::Nanoseconds nowNs = Zub::System::clock().wallNs();
-  updateMsgHeader_(name, nowNs);
-  TRACE_BASE(kDiag, "doTxTemplate6_")
-      << ",  dst ip: " << dst.addr << ", dst port: " << dst.port
-      << ", src: " << hwExpConfig_->srcIp6Addr() << ", tos :" << hwExpConfig_->dscpValue();
-  sendPkt6(templatePkt_, expInfo_->udpPam6(), hwExpConfig_->srcIp6Addr(), dst,
-           hwExpConfig_->dscpValue());
-  updateStats(Stova::Ipfix::CollectorInfo::fromIp6AndPort(dst), nowNs);
-  delivered6_[name] = {dst, templateGen_};
-  ++templateTxCount_;
-  updateCollectorOnTx(name);
 }
 
 void TemplateExporterSmBase::updateMsgHeader_(const Zub::String& name, Zub::Nanoseconds nowNs) {
@@ -194,14 +303,14 @@ void TemplateExporterSmBase::updateMsgHeader_(const Zub::String& name, Zub::Nano
   // A template message carries no data record: the sequence number is the collector's
   // count of data records, not advanced here.
   const uint32_t seqNo = expInfo_->collInfo(name)->ipfixMsgSeqNo().value;
-  GLINT(exportTrace(), kDiag) << "Collector " << name << " has seqNo " << seqNo;
+  TRACE_BASE(kDiag, "updateMsgHeader_") << " Collector " << name << " has seqNo " << seqNo;
   msg.sequenceNumberIs(seqNo);
 }
 
 void TemplateExporterSmBase::updateStats(const Stova::Ipfix::CollectorInfo& collector,
                                          Zub::Nanoseconds nowNs) {
   if (!collStats_) return;
-  const Stova::Ipfix::CollectorStatisticsKey key(collector, name2_, name1_);
+  const Stova::Ipfix::CollectorStatisticsKey key(collector, ftName_, expName_);
   const Zub::Seconds now = Zub::secondsFromNs(nowNs);
   const Stova::Ipfix::SetId setId(headerSetId());
   try {
@@ -215,62 +324,25 @@ void TemplateExporterSmBase::updateStats(const Stova::Ipfix::CollectorInfo& coll
       entry.exportedOctetTotalCount += templatePktMsgLen_;
       entry.lastSentTime = now;
       entry.lastTemplateSentTime = now;
-      GLINT(exportTrace(), kDiag) << ", stats: " << entry.stovaString();
+      TRACE_BASE(kDiag, "updateStats") << ", stats: " << entry.stovaString();
     });
   } catch (const Zub::RangeException& e) {
     // A full table loses this collector's statistics, not its export.
-    GLINT(exportTrace(), Zub::Glint::kError)
-        << "statistics of " << key.stovaString() << " not kept: " << e.what();
-  }
-}
-
-void TemplateExporterSmBase::handleCollectorIpAndPort(const Zub::String& name) {
-  TRACE_BASE(kEntry, "handleCollectorIpAndPort") << ", collector " << name;
-  if (!hwExpConfig_->collectorIpAndPortHas(name) || !expInfo_->collInfoHas(name)) {
-    delivered4_.erase(name);
-    return;
-  }
-  auto last = delivered4_.find(name);
-  if (last != delivered4_.end() && last->second.first == hwExpConfig_->collectorIpAndPort(name) &&
-      last->second.second == templateGen_) {
-    return;  // it has this template already
-  }
-  if (sending4_) {
-    doTxTemplate4_(hwExpConfig_->collectorIpAndPort(name), name);
-    schedulePeriodicTemplateTx_();
-  } else {
-    maybeTxTemplate4_();
-  }
-}
-
-void TemplateExporterSmBase::handleCollectorIp6AndPort(const Zub::String& name) {
-  TRACE_BASE(kEntry, "handleCollectorIp6AndPort") << ", collector " << name;
-  if (!hwExpConfig_->collectorIp6AndPortHas(name) || !expInfo_->collInfoHas(name)) {
-    delivered6_.erase(name);
-    return;
-  }
-  auto last = delivered6_.find(name);
-  if (last != delivered6_.end() && last->second.first == hwExpConfig_->collectorIp6AndPort(name) &&
-      last->second.second == templateGen_) {
-    return;  // it has this template already
-  }
-  if (sending6_) {
-    doTxTemplate6_(hwExpConfig_->collectorIp6AndPort(name), name);
-    schedulePeriodicTemplateTx_();
-  } else {
-    maybeTxTemplate6_();
+    TRACE_BASE(Zub::Glint::kError, "updateStats")
+        << " statistics of " << key.stovaString() << " not kept: " << e.what();
   }
 }
 
 void TemplateExporterSmBase::schedulePeriodicTemplateTx_() {
   if (!periodicTemplateTxTask_) return;
   if (periodicTemplateTxTask_->scheduled()) {
-    GLINT(exportTrace(), kDiag) << "Periodic template Tx task already scheduled";
+    TRACE_BASE(kDiag, "schedulePeriodicTemplateTx_")
+        << " Periodic template Tx task already scheduled";
     return;
   }
   const uint32_t seconds = hwExpConfig_->templateInterval().value() / 1000;
-  GLINT(exportTrace(), kDiag) << "Periodic template Tx task scheduled with interval: " << seconds
-                              << " seconds";
+  TRACE_BASE(kDiag, "schedulePeriodicTemplateTx_")
+      << " Periodic template Tx task scheduled with interval: " << seconds << " seconds";
   periodicTemplateTxTask_->scheduleTaskLowestDelay(std::chrono::seconds(seconds));
 }
 
@@ -280,7 +352,8 @@ void TemplateExporterSmBase::stopPeriodicTemplateTx_() {
 
 void TemplateExporterSmBase::handlePeriodicTemplateTx() {
   if (!periodicTemplateTxTask_->running()) {
-    GLINT(exportTrace(), kDiag) << "Returning because periodicTemplateTxTask not running.";
+    TRACE_BASE(kDiag, "handlePeriodicTemplateTx")
+        << " Returning because periodicTemplateTxTask not running.";
     return;
   }
   TRACE_BASE(kEntry, "handlePeriodicTemplateTx");

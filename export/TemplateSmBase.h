@@ -1,15 +1,26 @@
 #pragma once
 // TemplateExporterSmBase owns one exporter's template message and delivers it: once
 // when it is finished, to each collector that arrives later, and again every template
-// interval. The derived class writes the template records into a packet (getPkt) and
-// calls finishMessage(); the base prepends the message and set headers, stamps the
-// export time and each collector's sequence number, sends to every IPv4 then every
-// IPv6 collector, and counts each send in the collector statistics.
+// interval. A derived class (data templates, options templates) says how long its
+// templates are and writes their records into a packet from its template creation task
+// (getPkt, addTemplateFieldSpecifier, finishMessage); the base prepends the message and
+// set headers, stamps the export time and each collector's sequence number, sends to
+// every IPv4 then every IPv6 collector, and counts each send in the collector
+// statistics.
+//
+// Which collectors get the packet when: a family (IPv4 or IPv6) is "sending" while the
+// last full pass over it reached at least one collector, and the base remembers each
+// collector it serves with the destination it sent to. A collector is sent the current
+// packet when it starts being served (it is configured and has collector information,
+// in whichever order the two notifications arrive) or when its destination changes; a
+// notification about a collector already served at its destination sends nothing. So
+// each collector receives the templates exactly once when it is added, whichever reactor
+// subscribed first; the periodic task and every full pass send to all.
 
 #include <map>
 #include <unordered_map>
 
-#include "config/HwFlowTrackingConfig.h"
+#include "config/HwFlowTrackingStatus.h"
 #include "export/CollectorStats.h"
 #include "export/FlowTrackerInfoSm.h"
 #include "platform/orrin/TaskScheduler.h"
@@ -21,22 +32,35 @@ class TemplateExporterSmBase : public Zub::Reactor {
   static constexpr int kTaskPriority = 2;
   static constexpr size_t kHeaderBytes = 20;  // message header + one set header
 
-  // `name1` is the exporter's name and `name2` its tracker's: task names read
-  // "<prefix>-PeriodicTxTask-<tracker>-<exporter>".
-  TemplateExporterSmBase(const Zub::Name& name1, const Zub::Name& name2, FtId ftId,
+  // The exporter is named by its tracker's name and its own: the periodic task is
+  // "<prefix>-PeriodicTxTask-<exporter>-<tracker>", the creation task
+  // "<prefix>-TemplateCreationTask-<tracker>-<exporter>".
+  TemplateExporterSmBase(const Zub::Name& ftName, const Zub::Name& expName, FtId ftId,
                          const Zub::Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig,
                          const Zub::Ptr<ExporterInfo>& expInfo,
                          Stova::Ipfix::CollectorStatistics* collStats,
                          Orrin::TaskScheduler& scheduler);
-  ~TemplateExporterSmBase() override;
 
-  // Overridden by every derived class.
+  // The slots of a template exporter; every derived class overrides the first two.
   virtual Zub::String taskPrefix() const;
   virtual uint16_t headerSetId() const;
   // After each successful send to one collector.
   virtual void updateCollectorOnTx(const Zub::String& collector);
+  // Bytes of all template records the derived class would write now.
+  virtual uint32_t getTemplateLength() const;
+  // Writes one field specifier at `offset` of the packet's data region: identifier
+  // (bit 15 the enterprise bit), length and, for an enterprise element, the private
+  // enterprise number. Returns the bytes written (4 or 8); the packet must have room.
+  virtual uint32_t addTemplateFieldSpecifier(const Zub::Ptr<Nelo::Pkt>& pkt, uint32_t offset,
+                                             const HwFlowTracking::FtTemplateEntry& entry);
+  // Builds the template packet; run by the template creation task.
+  virtual void handleTemplateCreationTask();
 
+  // Resets the state and creates the periodic and the template creation tasks.
   void handleStartup();
+  void handleDestroyed() override;
+  // Asks for the templates to be built again (the creation task runs soon).
+  void scheduleTemplateCreation();
   // A fresh packet with room for the headers in front of `recordBytes` bytes of data.
   Zub::Ptr<Nelo::Pkt> getPkt(size_t recordBytes);
   // The records are written: add the headers and send.
@@ -52,8 +76,8 @@ class TemplateExporterSmBase : public Zub::Reactor {
   void handlePeriodicTemplateTx();
 
   FtId ftId() const { return ftId_; }
-  const Zub::Name& name1() const { return name1_; }
-  const Zub::Name& name2() const { return name2_; }
+  const Zub::Name& ftName() const { return ftName_; }
+  const Zub::Name& expName() const { return expName_; }
   const Zub::Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig() const { return hwExpConfig_; }
   const Zub::Ptr<ExporterInfo>& expInfo() const { return expInfo_; }
   const Zub::Ptr<Nelo::Pkt>& templatePkt() const { return templatePkt_; }
@@ -72,8 +96,9 @@ class TemplateExporterSmBase : public Zub::Reactor {
   const Zub::Ptr<Orrin::TimerTask>& periodicTemplateTxTask() const {
     return periodicTemplateTxTask_;
   }
-  bool sending4() const { return sending4_; }
-  bool sending6() const { return sending6_; }
+  const Zub::Ptr<Orrin::Task>& templateCreationTask() const { return templateCreationTask_; }
+  bool sending4() const { return v4_.sending; }
+  bool sending6() const { return v6_.sending; }
   const Zub::String& traceId() const { return traceId_; }
   Orrin::TaskScheduler& scheduler() const { return scheduler_; }
 
@@ -81,18 +106,36 @@ class TemplateExporterSmBase : public Zub::Reactor {
   void periodicTemplateTxTaskIs(Orrin::TaskScheduler& scheduler, int priority,
                                 const Zub::String& name);
   void periodicTemplateTxTaskDel();
+  void templateCreationTaskIs(Orrin::TaskScheduler& scheduler, int priority,
+                              const Zub::String& name);
+  void templateCreationTaskDel();
 
  private:
+  struct V4;
+  struct V6;
+  // Per address family: whether the last full pass sent, and the collectors served
+  // with the destination they were sent to.
+  template <class Dst>
+  struct FamilyState {
+    bool sending = false;
+    std::unordered_map<Zub::String, Dst> served;
+  };
+  template <class F>
+  void maybeTx_();
+  template <class F>
+  void doTx_(const typename F::Dst& dst, const Zub::String& name);
+  template <class F>
+  void handleCollector_(const Zub::String& name);
+
+  void runTemplateCreationTask_();
   void addIpfixHeaders_();
-  void doTxTemplate4_(const Nelo::IpAndPort& dst, const Zub::String& name);
-  void doTxTemplate6_(const Nelo::Ip6AndPort& dst, const Zub::String& name);
   void updateMsgHeader_(const Zub::String& name, Zub::Nanoseconds nowNs);
   void updateStats(const Stova::Ipfix::CollectorInfo& collector, Zub::Nanoseconds nowNs);
   void schedulePeriodicTemplateTx_();
   void stopPeriodicTemplateTx_();
 
-  Zub::Name name1_;
-  Zub::Name name2_;
+  Zub::Name ftName_;
+  Zub::Name expName_;
   FtId ftId_;
   Zub::Ptr<HwFlowTracking::ExporterConfig> hwExpConfig_;
   Zub::Ptr<ExporterInfo> expInfo_;
@@ -106,16 +149,10 @@ class TemplateExporterSmBase : public Zub::Reactor {
   std::unordered_map<Zub::String, uint32_t> exportTimeU32_;
   uint32_t templateTxCount_ = 0;
   Zub::Ptr<Orrin::TimerTask> periodicTemplateTxTask_;
-  bool sending4_ = false;
-  bool sending6_ = false;
+  Zub::Ptr<Orrin::Task> templateCreationTask_;
+  FamilyState<Nelo::IpAndPort> v4_;
+  FamilyState<Nelo::Ip6AndPort> v6_;
   Zub::String traceId_;
-  // What each collector last received: its destination and the packet's generation. A
-  // notification about a collector that already has the current packet at its current
-  // destination sends nothing (collector information is often created from within the
-  // notification of the collector itself).
-  uint64_t templateGen_ = 0;
-  std::unordered_map<Zub::String, std::pair<Nelo::IpAndPort, uint64_t>> delivered4_;
-  std::unordered_map<Zub::String, std::pair<Nelo::Ip6AndPort, uint64_t>> delivered6_;
 };
 
 }  // namespace FlowTracking

@@ -150,6 +150,14 @@ class TemplateHeader : public HeaderAt<Wire::TemplateHeader> {
   void fieldCountIs(uint16_t v) { (*this)->fieldCount = v; }
 };
 
+class OptionsTemplateHeader : public HeaderAt<Wire::OptionsTemplateHeader> {
+ public:
+  using HeaderAt::HeaderAt;
+  void templateIdIs(uint16_t v) { (*this)->templateId = v; }
+  void fieldCountIs(uint16_t v) { (*this)->fieldCount = v; }
+  void scopeFieldCountIs(uint16_t v) { (*this)->scopeFieldCount = v; }
+};
+
 class FieldSpecifier : public HeaderAt<Wire::FieldSpecifier> {
  public:
   using HeaderAt::HeaderAt;

@@ -40,7 +40,7 @@ TEST_F(ConfigSmTest, TrackerIdsRotateAndTheReleasedIdComesBackFirst) {
   EXPECT_EQ(w.ftId("B"), 2u);
   w.config->flowTrackerConfigDel("A");
   EXPECT_EQ(w.ftId("A"), 0u);
-  EXPECT_FALSE(w.sm->ftConfigSm().count("A"));
+  EXPECT_FALSE(w.sm->ftConfigSm().has("A"));
   w.tracker("C");
   EXPECT_EQ(w.ftId("C"), 1u);  // the id released last is tried first
   w.tracker("D");
@@ -283,7 +283,7 @@ TEST_F(ExporterTest, ResolverFailureKeepsThePreviousAddressAndALaterChangeRetrie
   w.collector("T", "E", "c.example", 4741);
   take();
   const int calls = w.resolver->calls;
-  w.sm->ftConfigSm().at("T")->expConfigSm().at("E")->handleCollectorHostAndPort("c.example");
+  w.sm->ftConfigSm().get("T")->expConfigSm().get("E")->handleCollectorHostAndPort("c.example");
   EXPECT_EQ(w.resolver->calls, calls + 1);
   EXPECT_TRUE(take().empty());
 }

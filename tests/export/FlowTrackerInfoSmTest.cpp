@@ -20,7 +20,7 @@ TEST(ExporterInfoSm, EndpointsPerExporterAndSequenceNumbersPerCollector) {
   EXPECT_EQ(expInfo->udpPam6()->name(), "udpPam6-T-E");
   EXPECT_TRUE(expInfo->udpPam6()->ipv6En());
   EXPECT_EQ(expInfo->udpPam4()->txPrio(), 2);
-  auto sm = w.infoSm->ftInfoSm().at("T")->expInfoSm().at("E");
+  auto* sm = w.infoSm->ftInfoSm().get("T")->expInfoSm().get("E");
   EXPECT_EQ(sm->pamManagementTask()->name(), "PamManagementTask-T-E");
   EXPECT_EQ(sm->pamManagementTask()->priority(), 2);
 

@@ -56,7 +56,7 @@ TEST_F(TemplateTest, TemplateMessageMatchesTheHandWrittenBytes) {
   EXPECT_EQ(sm->templatePktMsgLen(), 56);
   EXPECT_EQ(sm->templateLen().at(FlowTracking::TemplateId(261)), 28u);
   EXPECT_EQ(sm->templateLen().at(FlowTracking::TemplateId(262)), 8u);
-  EXPECT_EQ(sm->periodicTemplateTxTask()->name(), "ftExporterSm-PeriodicTxTask-T-E");
+  EXPECT_EQ(sm->periodicTemplateTxTask()->name(), "ftExporterSm-PeriodicTxTask-E-T");
   EXPECT_EQ(sm->templateCreationTask()->name(), "ftExporterSm-TemplateCreationTask-T-E");
 }
 

@@ -59,11 +59,8 @@ ExportWorld::ExportWorld(bool realEndpoints_, Zub::Ptr<HwFlowTracking::Config> h
                 : Stova::Ipfix::CollectorStatistics::createShared(statsShmName, 256)),
       realEndpoints(realEndpoints_) {}
 
-ExportWorld::~ExportWorld() {
-  templateSm = nullptr;
-  infoSm = nullptr;
-  stats->segment().unlink();
-}
+// The reactors go first (they are declared after the entities and the table).
+ExportWorld::~ExportWorld() { stats->segment().unlink(); }
 
 void ExportWorld::start() {
   infoSm = FlowTracking::flowTrackingInfoSmFactory(
@@ -118,12 +115,10 @@ Zub::Ptr<HwFlowTracking::FgStatus> ExportWorld::flowGroup(const std::string& tra
   return fg;
 }
 
-Zub::Ptr<FlowTracking::FtExporterSm> ExportWorld::ftExporterSm(const std::string& tracker,
-                                                               const std::string& exporter) const {
-  auto t = templateSm->ftTemplateSm().find(tracker);
-  if (t == templateSm->ftTemplateSm().end()) return nullptr;
-  auto e = t->second->ftExporterSm().find(exporter);
-  return e == t->second->ftExporterSm().end() ? nullptr : e->second;
+FlowTracking::FtExporterSm* ExportWorld::ftExporterSm(const std::string& tracker,
+                                                      const std::string& exporter) const {
+  auto* t = templateSm->ftTemplateSm().get(tracker);
+  return t ? t->ftExporterSm().get(exporter) : nullptr;
 }
 
 Zub::Ptr<FlowTracking::CollectorInfo> ExportWorld::collInfo(const std::string& tracker,

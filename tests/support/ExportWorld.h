@@ -84,8 +84,8 @@ struct ExportWorld {
   Zub::Ptr<HwFlowTracking::FgStatus> flowGroup(const std::string& tracker, uint16_t templateId,
                                                const std::vector<FieldSpec>& fields);
 
-  Zub::Ptr<FlowTracking::FtExporterSm> ftExporterSm(const std::string& tracker,
-                                                    const std::string& exporter) const;
+  FlowTracking::FtExporterSm* ftExporterSm(const std::string& tracker,
+                                           const std::string& exporter) const;
   Zub::Ptr<FlowTracking::CollectorInfo> collInfo(const std::string& tracker,
                                                  const std::string& exporter,
                                                  const std::string& collector) const;
