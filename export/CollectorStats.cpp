@@ -2,7 +2,17 @@
 
 #include <cstdio>
 
+#include "platform/zub/Assert.h"
+
 namespace Stova::Ipfix {
+
+CollectorStatisticsKey::CollectorStatisticsKey(const Zub::String&) {
+  ZUB_FATAL("No String constructor for CollectorStatisticsKey - has collection");
+}
+
+CollectorStatisticsEntry::CollectorStatisticsEntry(const Zub::String&) {
+  ZUB_FATAL("No String constructor for CollectorStatisticsEntry - has collection");
+}
 
 CollectorInfo CollectorInfo::fromIpAndPort(const Nelo::IpAndPort& d) {
   CollectorInfo c;

@@ -54,6 +54,9 @@ struct CollectorStatisticsKey {
   CollectorStatisticsKey() = default;
   CollectorStatisticsKey(const CollectorInfo& c, const std::string& tracker,
                          const std::string& exporter);
+  // Value types of the framework can be made from their text form; this one cannot (its
+  // names sit in fixed storage beside a collector), and asking for it is fatal.
+  explicit CollectorStatisticsKey(const Zub::String& text);
   std::string tracker() const;
   std::string exporter() const;
   // Names are at most 128 bytes ("sz <= StringIndex::max() + 1").
@@ -121,6 +124,8 @@ struct CollectorStatisticsEntry {
 
   CollectorStatisticsEntry() = default;
   explicit CollectorStatisticsEntry(const CollectorStatisticsKey& k) : key(k) {}
+  // No text form to be made from either (it holds the set slots); fatal.
+  explicit CollectorStatisticsEntry(const Zub::String& text);
   const Key& keyOf() const { return key; }
 
   // Per set id: the slot's content, or an all-zero entry.

@@ -97,6 +97,13 @@ TEST(CollectorStats, AFullTableLosesStatisticsNotExport) {
   EXPECT_EQ(w.stats->statsSize(), 2u);
 }
 
+TEST(CollectorStatsDeathTest, KeysAndEntriesHaveNoTextForm) {
+  EXPECT_DEATH(CollectorStatisticsKey(Zub::String("T E 192.0.2.1:4739")),
+               "No String constructor for CollectorStatisticsKey - has collection");
+  EXPECT_DEATH(CollectorStatisticsEntry(Zub::String("T E 192.0.2.1:4739")),
+               "No String constructor for CollectorStatisticsEntry - has collection");
+}
+
 TEST(CollectorStatsDeathTest, NamesAndSetIdsOutOfRange) {
   CollectorStatisticsKey k;
   EXPECT_DEATH(k.exporterIs(std::string(129, 'e')),

@@ -220,7 +220,7 @@ TEST(TemplateExporter, CollectorWithoutCollectorInfoWaitsForIt) {
   auto hw = w.exporter("T", 7, "E", "10.0.0.1");
   w.flowGroup("T", 261, kIpv4Fields);
   Zub::Ptr<FlowTracking::ExporterInfo> info(new FlowTracking::ExporterInfo("E"));
-  auto sm = Zub::makeReactor<FlowTracking::FtExporterSm>("E", "T", FlowTracking::FtId(7), hw, info,
+  auto sm = Zub::makeReactor<FlowTracking::FtExporterSm>("T", "E", FlowTracking::FtId(7), hw, info,
                                                          w.stats.get(), w.sched,
                                                          w.hwStatus->hwFtStatus("T"));
   w.run();
@@ -243,9 +243,52 @@ TEST(TemplateSmBaseDeathTest, DerivedClassesMustOverride) {
   auto hw = w.exporter("T", 1, "E", "10.0.0.1");
   Zub::Ptr<FlowTracking::ExporterInfo> info(new FlowTracking::ExporterInfo("E"));
   Zub::Ptr<FlowTracking::TemplateExporterSmBase> base(new FlowTracking::TemplateExporterSmBase(
-      "E", "T", FlowTracking::FtId(1), hw, info, nullptr, w.sched));
+      "T", "E", FlowTracking::FtId(1), hw, info, nullptr, w.sched));
   EXPECT_DEATH(base->taskPrefix(), "ASSERTION FAILED: \\(!\\(\"taskPrefix\"\\)\\)");
   EXPECT_DEATH(base->headerSetId(), "ASSERTION FAILED: \\(!\\(\"headerSetId\"\\)\\)");
 }
+
+TEST(TemplateSmBaseDeathTest, AFieldSpecifierNeverWritesPastItsPacket) {
+  ExportWorld w;
+  auto hw = w.exporter("T", 1, "E", "10.0.0.1");
+  auto fg = w.flowGroup("T", 261, {{RecordType::innerSrcIp, 4, true}});
+  Zub::Ptr<FlowTracking::ExporterInfo> info(new FlowTracking::ExporterInfo("E"));
+  auto sm = Zub::makeReactor<FlowTracking::FtExporterSm>(
+      "T", "E", FlowTracking::FtId(1), hw, info, nullptr, w.sched, w.hwStatus->hwFtStatus("T"));
+  const auto& entry = *fg->templateEntry(0);
+  auto pkt = Nelo::globalPktManager().newPkt(12);
+  EXPECT_EQ(sm->addTemplateFieldSpecifier(pkt, 4, entry), 8u);  // an enterprise element
+  EXPECT_EQ(toHex(pkt->bytesString().substr(4)), toHex(hexBytes("8400 0004 00007ed9")));
+  EXPECT_DEATH(sm->addTemplateFieldSpecifier(pkt, 8, entry), "offset \\+ n <= bytes_");
+}
+
+// A collector gets the templates exactly once when it is added, whichever of the
+// endpoint and template reactors was created (and so subscribed) first: the collector
+// information is created inside the notification of the collector itself.
+class CreationOrderTest : public ::testing::TestWithParam<bool> {};
+
+TEST_P(CreationOrderTest, ACollectorGetsTheTemplatesOnceWhenAdded) {
+  ExportWorld w;
+  w.exporter("T", 7, "E", "10.0.0.1", "2001:db8::1");
+  w.flowGroup("T", 261, kIpv4Fields);
+  w.start(/*templatesFirst=*/GetParam());
+  w.collector4("T", "E", "a", "192.0.2.1", 4739);
+  w.collector6("T", "E", "b", "2001:db8::9", 4740);
+  w.run();
+  auto sent = w.recorder.take();
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(sent[0].dst, "192.0.2.1:4739");
+  EXPECT_EQ(sent[1].dst, "[2001:db8::9]:4740");
+  // A new destination is a new collector to the wire; an unchanged one is not.
+  w.collector4("T", "E", "a", "192.0.2.7", 4739);
+  w.collector4("T", "E", "a", "192.0.2.7", 4739);
+  sent = w.recorder.take();
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].dst, "192.0.2.7:4739");
+  w.advance(3599);
+  EXPECT_TRUE(w.recorder.sent.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(EndpointsFirstOrTemplatesFirst, CreationOrderTest, ::testing::Bool());
 
 }  // namespace

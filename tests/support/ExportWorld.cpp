@@ -62,11 +62,15 @@ ExportWorld::ExportWorld(bool realEndpoints_, Zub::Ptr<HwFlowTracking::Config> h
 // The reactors go first (they are declared after the entities and the table).
 ExportWorld::~ExportWorld() { stats->segment().unlink(); }
 
-void ExportWorld::start() {
+void ExportWorld::start(bool templatesFirst) {
+  auto makeTemplateSm = [&] {
+    templateSm = FlowTracking::templateSmFactory(config, configReq, hwConfig, hwStatus, info,
+                                                 stats.get(), sched);
+  };
+  if (templatesFirst) makeTemplateSm();
   infoSm = FlowTracking::flowTrackingInfoSmFactory(
       hwConfig, info, sched, realEndpoints ? FlowTracking::realPamFactory() : recorder.factory());
-  templateSm = FlowTracking::templateSmFactory(config, configReq, hwConfig, hwStatus, info,
-                                               stats.get(), sched);
+  if (!templatesFirst) makeTemplateSm();
   run();
 }
 

@@ -64,8 +64,9 @@ struct ExportWorld {
   Zub::Ptr<FlowTracking::FlowTrackingInfoSm> infoSm;
   Zub::Ptr<FlowTracking::TemplateSm> templateSm;
 
-  // Creates the reactors and runs what is due.
-  void start();
+  // Creates the reactors (the endpoint reactor first unless `templatesFirst`) and runs
+  // what is due.
+  void start(bool templatesFirst = false);
   void run() { sched.runReady(); }
   void advance(double seconds) {
     sched.advance(std::chrono::nanoseconds(Zub::nsFromSeconds(seconds)));
