@@ -433,6 +433,23 @@ TEST_F(ConfigSmTest, TrackerIdsSurviveARestartOfTheReactor) {
   EXPECT_EQ(w.ftId("D"), 3u);
 }
 
+TEST_F(ConfigSmTest, TheReactorsBindingsGoWithItAndComeBackWithItsSuccessor) {
+  startEnabled();
+  w.ethIntf("Ethernet1");
+  w.tracker("T");
+  w.bind("Ethernet1", "T");
+  ASSERT_EQ(w.boundIntfs(), Lines{"Ethernet1:T"});
+  take();
+  w.sm = nullptr;  // every child goes, and with it what it wrote
+  EXPECT_TRUE(w.boundIntfs().empty());
+  EXPECT_EQ(take(), Lines{"FLOWTRACKING_TRACKER_INACTIVE: dummy flow tracker T is inactive on "
+                          "interface Ethernet1."});
+  EXPECT_EQ(w.hwConfig->hwFtConfigSize(), 1u);  // the tracker keeps its id for the successor
+  w.agentDir->entryDelAll();
+  w.start();
+  EXPECT_EQ(w.boundIntfs(), Lines{"Ethernet1:T"});
+}
+
 TEST(ConfigSmDeathTest, InconsistentTablesStopTheAgent) {
   const char* file = "\\(file FlowTrackerConfigSm.cpp";
   {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "tests/support/ExportWorld.h"
 
 namespace {
@@ -61,6 +63,23 @@ TEST(ExporterInfoSm, RemovingAnExporterSwitchesBothEndpointsOffFirst) {
   // The tracker going away takes its run-time state with it.
   w.hwConfig->hwFtConfigDel("T");
   EXPECT_FALSE(w.info->ftInfo("T"));
+}
+
+TEST(ExporterInfoSm, TheEndpointReactorGoingAwayClosesEveryEndpointItOpened) {
+  ExportWorld w;
+  w.exporter("T", 1, "E", "10.0.0.1");
+  w.exporter("T", 1, "F", "10.0.0.1");
+  w.collector4("T", "E", "a", "192.0.2.1", 4739);
+  w.start();
+  auto expInfo = w.info->ftInfo("T")->expInfo("E");
+  w.recorder.events.clear();
+  w.infoSm = nullptr;  // no cleanup call first: its teardown does the work
+  std::vector<std::string> events = w.recorder.events;
+  std::sort(events.begin(), events.end());
+  EXPECT_EQ(events, (std::vector<std::string>{"close udpPam4-T-E", "close udpPam4-T-F",
+                                              "close udpPam6-T-E", "close udpPam6-T-F"}));
+  EXPECT_FALSE(expInfo->udpPam4());
+  EXPECT_EQ(expInfo->collInfoSize(), 0u);
 }
 
 TEST(ExporterInfoSm, EndpointFailureLeavesItAbsentAndALaterChangeRetries) {
