@@ -163,13 +163,21 @@ void TemplateExporterSmBase::scheduleTemplateCreation() {
   if (templateCreationTask_) templateCreationTask_->schedule();
 }
 
+// The first check of each task handler: only the run the scheduler started counts.
+bool TemplateExporterSmBase::taskRunning_(const Orrin::Task& task, const char* handler,
+                                          const char* taskName) const {
+  if (!task.running()) {
+    TRACE_BASE(kDiag, handler) << " Returning because " << taskName << " not running.";
+    return false;
+  }
+  TRACE_BASE(kEntry, handler);
+  return true;
+}
+
 void TemplateExporterSmBase::runTemplateCreationTask_() {
-  if (!templateCreationTask_->running()) {
-    TRACE_BASE(kDiag, "handleTemplateCreationTask")
-        << " Returning because templateCreationTask not running.";
+  if (!taskRunning_(*templateCreationTask_, "handleTemplateCreationTask", "templateCreationTask")) {
     return;
   }
-  TRACE_BASE(kEntry, "handleTemplateCreationTask");
   handleTemplateCreationTask();
 }
 
@@ -351,12 +359,10 @@ void TemplateExporterSmBase::stopPeriodicTemplateTx_() {
 }
 
 void TemplateExporterSmBase::handlePeriodicTemplateTx() {
-  if (!periodicTemplateTxTask_->running()) {
-    TRACE_BASE(kDiag, "handlePeriodicTemplateTx")
-        << " Returning because periodicTemplateTxTask not running.";
+  if (!taskRunning_(*periodicTemplateTxTask_, "handlePeriodicTemplateTx",
+                    "periodicTemplateTxTask")) {
     return;
   }
-  TRACE_BASE(kEntry, "handlePeriodicTemplateTx");
   maybeTxTemplate_();
 }
 

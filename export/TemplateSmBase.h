@@ -127,6 +127,7 @@ class TemplateExporterSmBase : public Zub::Reactor {
   template <class F>
   void handleCollector_(const Zub::String& name);
 
+  bool taskRunning_(const Orrin::Task& task, const char* handler, const char* taskName) const;
   void runTemplateCreationTask_();
   void addIpfixHeaders_();
   void updateMsgHeader_(const Zub::String& name, Zub::Nanoseconds nowNs);
