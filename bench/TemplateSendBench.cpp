@@ -62,8 +62,6 @@ struct Rig {
     exp->exporterReadyIs(true);  // sends the first pass
   }
   ~Rig() {
-    templateSm = nullptr;
-    infoSm = nullptr;
     for (int fd : sinks) ::close(fd);
   }
   FlowTracking::FtExporterSm* exporter() const {

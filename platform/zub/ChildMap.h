@@ -28,6 +28,7 @@
 #include <map>
 #include <vector>
 
+#include "platform/zub/Assert.h"
 #include "platform/zub/Entity.h"
 
 namespace Zub {
@@ -88,6 +89,8 @@ class ChildMap final : public ChildMapBase {
     }
     Ptr<Sm> child = make();
     if (!child) return nullptr;
+    // Making the child must not reconcile the same key again (two children, one key).
+    ZUB_ASSERT_TEXT(!has(key), "child created twice for one key");
     Sm* raw = child.get();
     children_[key] = std::move(child);
     return raw;

@@ -140,6 +140,18 @@ TEST(ChildMap, ReconcileCreatesKeepsReplacesAndErases) {
             (std::vector<std::string>{"make 5", "parent teardown", "teardown 5", "teardown 1"}));
 }
 
+TEST(ChildMapDeathTest, MakingAChildMustNotMakeTheSameKeyAgain) {
+  std::vector<std::string> log;
+  auto p = Zub::makeReactor<ParentSm>(&log);
+  auto reentrant = [&] {
+    return p->child().reconcile(1, true, [&] {
+      p->reconcile(1, true);  // a nested creation of the same key
+      return Zub::makeReactor<ChildSm>(1, 0, &log);
+    });
+  };
+  EXPECT_DEATH(reentrant(), "child created twice for one key");
+}
+
 // A child that asks its parent to erase it from inside its own notification.
 class SelfErasingSm : public Zub::Reactor {
  public:
