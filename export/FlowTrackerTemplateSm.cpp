@@ -118,13 +118,15 @@ FtTemplateSm::FtTemplateSm(const Zub::Name& ftName,
                            const Zub::Ptr<FlowTrackerInfo>& ftInfo,
                            const Zub::Ptr<HwFlowTracking::FtStatus>& hwFtStatus,
                            Stova::Ipfix::CollectorStatistics* collStats,
-                           Orrin::TaskScheduler& scheduler)
+                           Orrin::TaskScheduler& scheduler,
+                           const Zub::Ptr<OptionsTemplateConfig>& optTemplateConfig)
     : ftName_(ftName),
       hwFtConfig_(hwFtConfig),
       ftInfo_(ftInfo),
       hwFtStatus_(hwFtStatus),
       collStats_(collStats),
-      scheduler_(scheduler) {
+      scheduler_(scheduler),
+      optTemplateConfig_(optTemplateConfig) {
   watch(hwFtConfig_->expConfigSignal(), [this](const Zub::Name& n) { handleExporters(n); });
   watch(ftInfo_->expInfoSignal(), [this](const Zub::Name& n) { handleExporters(n); });
 }
@@ -137,15 +139,25 @@ void FtTemplateSm::handleExporters(const Zub::Name& name) {
   GLINT(exportTrace(), kEntry) << "FtTemplateSm::handleExporters for " << ftName_ << "-" << name;
   auto hwExp = hwFtConfig_->expConfig(name);
   auto expInfo = ftInfo_->expInfo(name);
+  const bool wanted = hwExp && expInfo;
   const bool had = ftExporterSm_.has(name);
-  ftExporterSm_.reconcile(name, hwExp && expInfo, [&] {
+  // The data templates first: a new collector hears of them before the options templates.
+  ftExporterSm_.reconcile(name, wanted, [&] {
     auto sm = Zub::makeReactor<FtExporterSm>(ftName_, name, hwFtConfig_->ftId(), hwExp, expInfo,
                                              collStats_, scheduler_, hwFtStatus_);
     GLINT(exportTrace(), kLife) << "Created FtExporterSm for " << name;
     return sm;
   });
-  if (had && !ftExporterSm_.has(name)) {
+  optTemplateExporterSm_.reconcile(name, wanted, [&] {
+    auto sm = Zub::makeReactor<OptionsTemplateExporterSm>(ftName_, name, hwFtConfig_->ftId(), hwExp,
+                                                          expInfo, collStats_, scheduler_,
+                                                          optTemplateConfig_);
+    GLINT(exportTrace(), kLife) << "Created OptionsTemplateExporterSm for " << name;
+    return sm;
+  });
+  if (had && !wanted) {
     GLINT(exportTrace(), kLife) << "Deleted FtExporterSm for " << name;
+    GLINT(exportTrace(), kLife) << "Deleted OptionsTemplateExporterSm for " << name;
   }
 }
 
@@ -172,6 +184,7 @@ TemplateSm::TemplateSm(const Zub::Ptr<Config>& flowTrackingConfig,
 }
 
 void TemplateSm::handleInitialized() {
+  initOptTemplateConfig();
   for (const Zub::Name& n : hwStatus_->hwFtStatusColl().keys()) handleHwFtStatus(n);
 }
 
@@ -182,13 +195,21 @@ void TemplateSm::handleHwFtStatus(const Zub::Name& name) {
   auto ftInfo = flowTrackingInfo_->ftInfo(name);
   const bool had = ftTemplateSm_.has(name);
   ftTemplateSm_.reconcile(name, status && hwFt && ftInfo, [&] {
-    auto sm = Zub::makeReactor<FtTemplateSm>(name, hwFt, ftInfo, status, collStats_, scheduler_);
+    auto sm = Zub::makeReactor<FtTemplateSm>(name, hwFt, ftInfo, status, collStats_, scheduler_,
+                                             optTemplateConfig_);
     GLINT(exportTrace(), kLife) << "Created FtTemplateSm for " << name;
     return sm;
   });
   if (had && !ftTemplateSm_.has(name)) {
     GLINT(exportTrace(), kLife) << "Deleted FtTemplateSm for " << name;
   }
+}
+
+void TemplateSm::initOptTemplateConfig() {
+  GLINT(exportTrace(), kEntry) << "TemplateSm::initOptTemplateConfig";
+  Zub::Ptr<Ipfix::ElementIdColl> catalogue(new Ipfix::ElementIdColl());
+  catalogue->doInitialize();
+  FlowTracking::initOptTemplateConfig(*catalogue, *optTemplateConfig_);
 }
 
 void TemplateSm::clearCounters() {

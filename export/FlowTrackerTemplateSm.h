@@ -8,12 +8,16 @@
 //                   clear-counters requests
 //   FtTemplateSm    one per tracker: the template exporters of its exporters
 //   FtExporterSm    one per exporter: the data template message (set id 2)
+// and, beside each FtExporterSm, an OptionsTemplateExporterSm for the options template
+// message (set id 3) built from the options template configuration that TemplateSm
+// keeps.
 
 #include <map>
 
 #include "config/HwFlowTrackingStatus.h"
 #include "export/FlowTrackingConfigReq.h"
 #include "export/TemplateSmBase.h"
+#include "options/OptionsTemplateExporterSm.h"
 #include "platform/nelo/IpfixHeaders.h"
 
 namespace FlowTracking {
@@ -55,12 +59,16 @@ class FtTemplateSm : public Zub::Reactor {
   FtTemplateSm(const Zub::Name& ftName, const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
                const Zub::Ptr<FlowTrackerInfo>& ftInfo,
                const Zub::Ptr<HwFlowTracking::FtStatus>& hwFtStatus,
-               Stova::Ipfix::CollectorStatistics* collStats, Orrin::TaskScheduler& scheduler);
+               Stova::Ipfix::CollectorStatistics* collStats, Orrin::TaskScheduler& scheduler,
+               const Zub::Ptr<OptionsTemplateConfig>& optTemplateConfig);
   void handleInitialized() override;
   // An exporter gets its template exporters while it has both hardware configuration
   // and export endpoints.
   void handleExporters(const Zub::Name& name);
   const Zub::ChildMap<Zub::Name, FtExporterSm>& ftExporterSm() const { return ftExporterSm_; }
+  const Zub::ChildMap<Zub::Name, OptionsTemplateExporterSm>& optTemplateExporterSm() const {
+    return optTemplateExporterSm_;
+  }
 
  private:
   Zub::Name ftName_;
@@ -69,7 +77,9 @@ class FtTemplateSm : public Zub::Reactor {
   Zub::Ptr<HwFlowTracking::FtStatus> hwFtStatus_;
   Stova::Ipfix::CollectorStatistics* collStats_;
   Orrin::TaskScheduler& scheduler_;
+  Zub::Ptr<OptionsTemplateConfig> optTemplateConfig_;
   Zub::ChildMap<Zub::Name, FtExporterSm> ftExporterSm_{this};
+  Zub::ChildMap<Zub::Name, OptionsTemplateExporterSm> optTemplateExporterSm_{this};
 };
 
 class TemplateSm : public Zub::Reactor {
@@ -85,9 +95,12 @@ class TemplateSm : public Zub::Reactor {
   // and run-time export state.
   void handleHwFtStatus(const Zub::Name& name);
   void clearCounters();
+  // Builds the four options templates from the information element catalogue.
+  void initOptTemplateConfig();
 
   const Zub::Ptr<Config>& flowTrackingConfig() const { return flowTrackingConfig_; }
   const Zub::ChildMap<Zub::Name, FtTemplateSm>& ftTemplateSm() const { return ftTemplateSm_; }
+  const Zub::Ptr<OptionsTemplateConfig>& optTemplateConfig() const { return optTemplateConfig_; }
 
  private:
   Zub::Ptr<Config> flowTrackingConfig_;
@@ -97,6 +110,7 @@ class TemplateSm : public Zub::Reactor {
   Zub::Ptr<FlowTrackingInfo> flowTrackingInfo_;
   Stova::Ipfix::CollectorStatistics* collStats_;
   Orrin::TaskScheduler& scheduler_;
+  Zub::Ptr<OptionsTemplateConfig> optTemplateConfig_{new OptionsTemplateConfig()};
   Zub::ChildMap<Zub::Name, FtTemplateSm> ftTemplateSm_{this};
 };
 

@@ -1,7 +1,7 @@
 #include "export/TemplateSmBase.h"
 
+#include "export/ExportFamily.h"
 #include "export/Trace.h"
-#include "ipfix/FlowTrackerPktTxUtil.h"
 #include "platform/nelo/IpfixHeaders.h"
 #include "platform/zub/Clock.h"
 
@@ -16,52 +16,21 @@ uint32_t nowU32() { return static_cast<uint32_t>(Zub::System::clock().wallNs() /
 #define TRACE_BASE(level, handler) \
   GLINT(exportTrace(), level) << "TemplateExporterSmBase::" << handler << " for " << traceId_
 
-// What differs between the IPv4 and the IPv6 collectors of an exporter; every rule of
-// the base is written once over these.
-struct TemplateExporterSmBase::V4 {
-  using Dst = Nelo::IpAndPort;
+// The base's view of each family: its own state and its handler names.
+struct TemplateExporterSmBase::V4 : Ipv4Family {
   static constexpr const char* kMaybeTx = "maybeTxTemplate4_";
   static constexpr const char* kDoTx = "doTxTemplate4_";
   static constexpr const char* kHandleCollector = "handleCollectorIpAndPort";
   static FamilyState<Dst>& state(TemplateExporterSmBase& b) { return b.v4_; }
   static bool otherSending(const TemplateExporterSmBase& b) { return b.v6_.sending; }
-  static bool hasSource(const HwFlowTracking::ExporterConfig& c) { return !c.srcIpAddr().isZero(); }
-  static const auto& collectors(const HwFlowTracking::ExporterConfig& c) {
-    return c.collectorIpAndPortColl();
-  }
-  static Zub::Ptr<Nelo::UdpPam> pam(const ExporterInfo& e) { return e.udpPam4(); }
-  static auto src(const HwFlowTracking::ExporterConfig& c) { return c.srcIpAddr(); }
-  static void send(const Zub::Ptr<Nelo::Pkt>& pkt, const HwFlowTracking::ExporterConfig& c,
-                   const ExporterInfo& e, const Dst& dst) {
-    sendPkt4(pkt, e.udpPam4(), c.srcIpAddr(), dst, c.dscpValue());
-  }
-  static Stova::Ipfix::CollectorInfo key(const Dst& d) {
-    return Stova::Ipfix::CollectorInfo::fromIpAndPort(d);
-  }
 };
 
-struct TemplateExporterSmBase::V6 {
-  using Dst = Nelo::Ip6AndPort;
+struct TemplateExporterSmBase::V6 : Ipv6Family {
   static constexpr const char* kMaybeTx = "maybeTxTemplate6_";
   static constexpr const char* kDoTx = "doTxTemplate6_";
   static constexpr const char* kHandleCollector = "handleCollectorIp6AndPort";
   static FamilyState<Dst>& state(TemplateExporterSmBase& b) { return b.v6_; }
   static bool otherSending(const TemplateExporterSmBase& b) { return b.v4_.sending; }
-  static bool hasSource(const HwFlowTracking::ExporterConfig& c) {
-    return !c.srcIp6Addr().isZero();
-  }
-  static const auto& collectors(const HwFlowTracking::ExporterConfig& c) {
-    return c.collectorIp6AndPortColl();
-  }
-  static Zub::Ptr<Nelo::UdpPam> pam(const ExporterInfo& e) { return e.udpPam6(); }
-  static auto src(const HwFlowTracking::ExporterConfig& c) { return c.srcIp6Addr(); }
-  static void send(const Zub::Ptr<Nelo::Pkt>& pkt, const HwFlowTracking::ExporterConfig& c,
-                   const ExporterInfo& e, const Dst& dst) {
-    sendPkt6(pkt, e.udpPam6(), c.srcIp6Addr(), dst, c.dscpValue());
-  }
-  static Stova::Ipfix::CollectorInfo key(const Dst& d) {
-    return Stova::Ipfix::CollectorInfo::fromIp6AndPort(d);
-  }
 };
 
 TemplateExporterSmBase::TemplateExporterSmBase(
@@ -83,9 +52,9 @@ TemplateExporterSmBase::TemplateExporterSmBase(
   watch(expInfo_->udpPam6Signal(), [this] { maybeTxTemplate6_(); });
   watch(hwExpConfig_->exporterReadySignal(), [this] { maybeTxTemplate_(); });
   watch(hwExpConfig_->templateIntervalSignal(), [this] { handleTemplateInterval(); });
-  watch(hwExpConfig_->collectorIpAndPortSignal(),
+  watch(Ipv4Family::collectorSignal(*hwExpConfig_),
         [this](const Zub::String& n) { handleCollectorIpAndPort(n); });
-  watch(hwExpConfig_->collectorIp6AndPortSignal(),
+  watch(Ipv6Family::collectorSignal(*hwExpConfig_),
         [this](const Zub::String& n) { handleCollectorIp6AndPort(n); });
   watch(expInfo_->collInfoSignal(), [this](const Zub::String& n) {
     handleCollectorIpAndPort(n);

@@ -54,7 +54,8 @@ class AgentTest : public ::testing::Test {
 TEST_F(AgentTest, ReloadAppliesOnlyTheDifferences) {
   write("    - name: t\n", c1());
   auto agent = makeAgent();
-  ASSERT_EQ(rx1.drain(300ms).size(), 1u);  // data templates of both default groups
+  // The data templates of both default groups, then the options templates.
+  ASSERT_EQ(rx1.drain(300ms).size(), 2u);
   const auto ftId = agent->hwConfig()->hwFtConfig("t")->ftId();
   auto info1 = collInfo(*agent, "t", "127.0.0.1");
   ASSERT_TRUE(info1);
@@ -64,7 +65,7 @@ TEST_F(AgentTest, ReloadAppliesOnlyTheDifferences) {
   write("    - name: t\n", c1() + ", " + c2());
   ASSERT_TRUE(agent->reload());
   agent->scheduler().runReady();
-  EXPECT_EQ(rx2.drain(300ms).size(), 1u);
+  EXPECT_EQ(rx2.drain(300ms).size(), 2u);
   EXPECT_TRUE(rx1.drain(100ms).empty());  // the first collector already has the templates
   EXPECT_EQ(agent->hwConfig()->hwFtConfig("t")->ftId(), ftId);
   EXPECT_EQ(collInfo(*agent, "t", "127.0.0.1"), info1);

@@ -89,7 +89,7 @@ TEST_F(AgentE2e, OperatorSession) {
   auto v6 = rx2.receive(5000ms);
   ASSERT_TRUE(v6) << daemon->log();
   EXPECT_EQ(domains({*v6}), "1\n");
-  auto fromSecond = rx1.drain(500ms);
+  auto fromSecond = TestSupport::ofSet(rx1.drain(500ms), 2);
   ASSERT_EQ(fromSecond.size(), 1u);
   EXPECT_EQ(domains(fromSecond), "2\n");
 
@@ -102,8 +102,8 @@ TEST_F(AgentE2e, OperatorSession) {
       std::to_string(rx1.port()) + "\"";
   EXPECT_NE(
       json.out.find(row1 + ", \"address\": \"127.0.0.1\", \"port\": " + std::to_string(rx1.port()) +
-                    ", \"messages\": 1, \"records\": 0, \"octets\": " +
-                    std::to_string(first->payload.size())),
+                    ", \"messages\": 2, \"records\": 0, \"octets\": " +
+                    std::to_string(first->payload.size() + 96)),  // and the options templates
       std::string::npos)
       << json.out;
   EXPECT_NE(json.out.find("\"collector\": \"[::1]:" + std::to_string(rx2.port())),

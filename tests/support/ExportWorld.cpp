@@ -41,6 +41,28 @@ class RecordingPam : public Nelo::UdpPam {
 
 }  // namespace
 
+namespace {
+uint16_t setIdOf(const SentPkt& p) {
+  return p.bytes.size() >= 20
+             ? Nelo::NetU16::read(reinterpret_cast<const uint8_t*>(p.bytes.data()) + 16)
+             : 0;
+}
+}  // namespace
+
+std::vector<SentPkt> PamRecorder::take(uint16_t setId) {
+  std::vector<SentPkt> out;
+  for (SentPkt& p : take()) {
+    if (setIdOf(p) == setId) out.push_back(std::move(p));
+  }
+  return out;
+}
+
+size_t PamRecorder::count(uint16_t setId) const {
+  size_t n = 0;
+  for (const SentPkt& p : sent) n += setIdOf(p) == setId;
+  return n;
+}
+
 FlowTracking::PamFactory PamRecorder::factory() {
   return [this](const Zub::Name& name) {
     return Zub::Ptr<Nelo::UdpPam>(new RecordingPam(name, this));

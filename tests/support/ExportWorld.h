@@ -33,6 +33,11 @@ class PamRecorder {
     s.swap(sent);
     return s;
   }
+  // Takes everything sent; returns the messages whose (first) set has `setId`: 2 data
+  // templates, 3 options templates, 256 and above options or flow data.
+  std::vector<SentPkt> take(uint16_t setId);
+  // Messages sent so far whose set has `setId`.
+  size_t count(uint16_t setId) const;
 };
 
 struct FieldSpec {

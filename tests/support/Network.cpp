@@ -11,6 +11,20 @@
 
 namespace TestSupport {
 
+uint16_t firstSetId(const std::string& message) {
+  if (message.size() < 20) return 0;
+  return static_cast<uint16_t>(static_cast<uint8_t>(message[16]) << 8 |
+                               static_cast<uint8_t>(message[17]));
+}
+
+std::vector<Datagram> ofSet(const std::vector<Datagram>& datagrams, uint16_t setId) {
+  std::vector<Datagram> out;
+  for (const Datagram& d : datagrams) {
+    if (firstSetId(d.payload) == setId) out.push_back(d);
+  }
+  return out;
+}
+
 UdpReceiver::UdpReceiver(bool ipv6, uint16_t port) : ipv6_(ipv6) {
   fd_ = ::socket(ipv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd_ < 0) throw std::runtime_error("socket");

@@ -20,6 +20,12 @@ struct Datagram {
   int tos = -1;  // TOS (IPv4) or traffic class (IPv6) byte
 };
 
+// The IPFIX set id of a message's first set (2 data templates, 3 options templates,
+// 256 and above data), 0 when it has none.
+uint16_t firstSetId(const std::string& message);
+// The datagrams whose message's first set is `setId`.
+std::vector<Datagram> ofSet(const std::vector<Datagram>& datagrams, uint16_t setId);
+
 class UdpReceiver {
  public:
   // Binds 127.0.0.1 or ::1 on a free port (or `port`).

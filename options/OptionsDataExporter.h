@@ -1,0 +1,132 @@
+#pragma once
+// The options data model: how the options data sources (interface, VRF, flow key and
+// flow tracker tables) hand their records to the options data exporters.
+//
+// Each source owns one OptionsDataSource holding the complete current set of its
+// records and raises its version once it has finished changing them; each scope also
+// carries an OptionsDataUpdate through which a source pushes one incremental record.
+// Records are complete options data records as they go on the wire, shared as
+// Ptr<const DataRecord> and never changed after publishing. The manager creates the
+// containers, the sources write into them, the exporters only read.
+
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "ipfix/DataExporter.h"
+#include "ipfix/FlowTrackingTypes.h"
+#include "platform/zub/Collection.h"
+
+namespace FlowTracking {
+
+// Records every exporter sends whatever tracker it serves, or records of one tracker.
+enum class OptionsDataScope : uint8_t { scopeGlobal, scopeTracker };
+std::string stringValue(OptionsDataScope scope);
+std::optional<OptionsDataScope> optionsDataScopeFromString(std::string_view name);
+
+class OptionsDataSource : public Zub::Entity {
+ public:
+  OptionsDataSource(const Zub::String& sourceName, TemplateId dataSetId)
+      : Entity(sourceName), dataSetId_(dataSetId) {}
+  const Zub::String& sourceName() const { return name(); }
+  // The options template whose data set carries this source's records; fixed.
+  TemplateId dataSetId() const { return dataSetId_; }
+  void checkReinstantiation(TemplateId dataSetId) const {
+    Zub::checkPtrCtorParam("_setId", dataSetId_, dataSetId);
+  }
+  // The records, keyed by identity.
+  ZUB_SET(dataRecord, Zub::Ptr<const DataRecord>)
+  // Raised once a change of the records is complete; exporters react to it alone.
+  ZUB_COUNTER(uint32_t, version)
+
+ private:
+  TemplateId dataSetId_;
+};
+
+class OptionsDataSourceColl : public Zub::Entity {
+ public:
+  explicit OptionsDataSourceColl(OptionsDataScope scope)
+      : Entity(FlowTracking::stringValue(scope)), scope_(scope) {}
+  OptionsDataScope scope() const { return scope_; }
+  ZUB_COLL(source, Zub::OrderedCollection<Zub::String, Zub::Ptr<OptionsDataSource>>)
+  // Creates the source, or returns the one of that name with the same data set id; a
+  // different data set id is a name-in-use error.
+  Zub::Ptr<OptionsDataSource> sourceIs(const Zub::String& name, TemplateId setId) {
+    return source_.is(name, setId);
+  }
+
+ private:
+  OptionsDataScope scope_;
+};
+
+class OptionsDataUpdate : public Zub::Entity {
+ public:
+  using Update = std::pair<TemplateId, Zub::Ptr<const DataRecord>>;
+  explicit OptionsDataUpdate(OptionsDataScope scope)
+      : Entity(FlowTracking::stringValue(scope)), scope_(scope) {}
+  OptionsDataScope scope() const { return scope_; }
+  // The latest record pushed and its data set; starts as (0xFFFF, null).
+  const Update& update() const { return update_; }
+  ZUB_ATTR(uint32_t, version, 0)
+  // Stores the pair (releasing the previous record) and raises the version by one: every
+  // call is exactly one change an exporter hears of.
+  void addUpdate(TemplateId setId, const Zub::Ptr<const DataRecord>& record) {
+    update_ = {setId, record};
+    versionIs(version() + 1);
+  }
+
+ private:
+  OptionsDataScope scope_;
+  Update update_{TemplateId(TemplateId::invalidTemplateId), nullptr};
+};
+
+// What the exporters of one tracker read: the global and the tracker's own sources and
+// updates, each keyed by its scope. The same collections sit in several containers.
+class OptionsDataContainer : public Zub::Entity {
+ public:
+  explicit OptionsDataContainer(const Zub::Name& ftName) : Entity(ftName) {}
+  ZUB_COLL(data, Zub::OrderedCollection<OptionsDataScope, Zub::Ptr<OptionsDataSourceColl>>)
+  ZUB_COLL(update, Zub::OrderedCollection<OptionsDataScope, Zub::Ptr<OptionsDataUpdate>>)
+  // Inserts a collection (update) under its scope; null is refused.
+  void dataIs(const Zub::Ptr<OptionsDataSourceColl>& coll) {
+    data_.insert(coll ? coll->scope() : OptionsDataScope::scopeGlobal, coll);
+  }
+  void updateIs(const Zub::Ptr<OptionsDataUpdate>& update) {
+    update_.insert(update ? update->scope() : OptionsDataScope::scopeGlobal, update);
+  }
+};
+
+// One tracker's own collection and update.
+class TrackerOptionsData : public Zub::Entity {
+ public:
+  explicit TrackerOptionsData(const Zub::Name& ftName) : Entity(ftName) {}
+  const Zub::Ptr<OptionsDataSourceColl>& data() const { return data_; }
+  Zub::Ptr<OptionsDataSourceColl> dataIs(OptionsDataScope scope);
+  void dataDel() { data_ = nullptr; }
+  const Zub::Ptr<OptionsDataUpdate>& update() const { return update_; }
+  Zub::Ptr<OptionsDataUpdate> updateIs(OptionsDataScope scope);
+  void updateDel() { update_ = nullptr; }
+
+ private:
+  Zub::Ptr<OptionsDataSourceColl> data_;
+  Zub::Ptr<OptionsDataUpdate> update_;
+};
+
+// The root: the global collection and update, and every tracker's data.
+class OptionsDataAll : public Zub::Entity {
+ public:
+  explicit OptionsDataAll(const Zub::Name& name = "optionsDataAll") : Entity(name) {}
+  const Zub::Ptr<OptionsDataSourceColl>& globalData() const { return globalData_; }
+  Zub::Ptr<OptionsDataSourceColl> globalDataIs(OptionsDataScope scope);
+  void globalDataDel() { globalData_ = nullptr; }
+  const Zub::Ptr<OptionsDataUpdate>& globalUpdate() const { return globalUpdate_; }
+  Zub::Ptr<OptionsDataUpdate> globalUpdateIs(OptionsDataScope scope);
+  void globalUpdateDel() { globalUpdate_ = nullptr; }
+  ZUB_COLL(trackerData, Zub::OrderedCollection<Zub::Name, Zub::Ptr<TrackerOptionsData>>)
+
+ private:
+  Zub::Ptr<OptionsDataSourceColl> globalData_;
+  Zub::Ptr<OptionsDataUpdate> globalUpdate_;
+};
+
+}  // namespace FlowTracking

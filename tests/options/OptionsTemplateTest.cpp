@@ -1,0 +1,197 @@
+// Options templates and the options data model.
+
+#include <gtest/gtest.h>
+
+#include "export/FlowTrackerTemplateSm.h"
+#include "options/OptionsDataExporter.h"
+#include "tests/support/Bytes.h"
+#include "tests/support/ExportWorld.h"
+
+namespace {
+
+using namespace FlowTracking;
+using TestSupport::ExportWorld;
+using TestSupport::hexBytes;
+using TestSupport::toHex;
+
+class OptionsTemplateTest : public ::testing::Test {
+ protected:
+  ExportWorld w;
+  void SetUp() override {
+    w.exporter("T", 7, "E", "10.0.0.1", "2001:db8::1");
+    w.flowGroup("T", 261, {{Ipfix::RecordType::srcIp, 4}});
+    w.start();
+  }
+};
+
+TEST_F(OptionsTemplateTest, TheOptionsTemplateSetMatchesTheHandWrittenBytes) {
+  w.collector4("T", "E", "a", "192.0.2.1", 4739);
+  w.run();
+  auto sent = w.recorder.take(3);
+  ASSERT_EQ(sent.size(), 1u);
+  // The four templates in the configuration's (name) order; each with one scope field.
+  const std::string expected = hexBytes(
+      "000a 0060 | 6b49d200 | 00000000 | 00000007"  // version, length 96, time, seq, domain 7
+      "0003 0050"                                   // options template set, length 80
+      "0102 0002 0001 | 0091 0002 | 00ad 0008"      // 258 FlowKey: templateId, flowKeyIndicator
+      "0103 0007 0001 | 0095 0004 | 012c ffff"      // 259 FlowTrackerTable: observationDomainId,
+      "0024 0002 | 0025 0002 | 0130 0002"           //   observationDomainName, active and idle
+      "0135 0004 | 0136 0004"                     //   timeouts, selector, sampling size, population
+      "0101 0002 0001 | 000a 0004 | 0052 ffff"    // 257 IntfTable: ingressInterface, interfaceName
+      "0100 0002 0001 | 00ea 0004 | 00ec ffff");  // 256 VrfTable: ingressVRFID, VRFname
+  EXPECT_EQ(toHex(sent[0].bytes), toHex(expected));
+  auto* sm = w.templateSm->ftTemplateSm().get("T")->optTemplateExporterSm().get("E");
+  ASSERT_NE(sm, nullptr);
+  EXPECT_EQ(sm->getTemplateLength(), 14u + 14 + 14 + 34);
+  EXPECT_EQ(sm->templateLen().at(TemplateId(257)), 14u);
+  EXPECT_EQ(sm->templateLen().at(TemplateId(259)), 34u);
+  EXPECT_EQ(sm->templatePktTemplateCount(), 4);
+  EXPECT_EQ(sm->templateCreationTask()->name(),
+            "optionsTemplateExporterSm-TemplateCreationTask-T-E");
+  // The exporter going takes its options template exporter with it.
+  w.hwConfig->hwFtConfig("T")->expConfigDel("E");
+  EXPECT_FALSE(w.templateSm->ftTemplateSm().get("T")->optTemplateExporterSm().has("E"));
+}
+
+TEST_F(OptionsTemplateTest, OptTemplateSentIsSetPerCollectorOnlyAfterASendToIt) {
+  auto hw = w.hwConfig->hwFtConfig("T")->expConfig("E");
+  hw->srcIp6AddrIs(Nelo::Ip6Addr());  // the IPv6 collector cannot be sent to
+  w.collector4("T", "E", "a", "192.0.2.1", 4739);
+  w.collector6("T", "E", "b", "2001:db8::9", 4739);
+  w.run();
+  EXPECT_TRUE(w.collInfo("T", "E", "a")->optTemplateSent());
+  EXPECT_FALSE(w.collInfo("T", "E", "b")->optTemplateSent());
+  EXPECT_EQ(w.recorder.take(3).size(), 1u);
+  hw->srcIp6AddrIs(Nelo::Ip6Addr("2001:db8::1"));
+  EXPECT_TRUE(w.collInfo("T", "E", "b")->optTemplateSent());
+  auto sent = w.recorder.take(3);
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].dst, "[2001:db8::9]:4739");
+}
+
+TEST(OptionsTemplateExporter, AnEmptyConfigurationSendsNothingUntilTemplatesAppear) {
+  ExportWorld w;
+  auto hw = w.exporter("T", 7, "E", "10.0.0.1");
+  Zub::Ptr<ExporterInfo> info(new ExporterInfo("E"));
+  Zub::Ptr<OptionsTemplateConfig> config(new OptionsTemplateConfig());
+  auto sm = Zub::makeReactor<OptionsTemplateExporterSm>("T", "E", FtId(7), hw, info, nullptr,
+                                                        w.sched, config);
+  info->udpPam4Is(w.recorder.factory()("udpPam4-manual"));
+  info->udpPam4()->modeIs(1);
+  w.collector4("T", "E", "a", "192.0.2.1", 4739);
+  info->collInfoIs("a");
+  w.run();
+  EXPECT_FALSE(sm->templateReady());
+  EXPECT_FALSE(sm->templatePkt());
+  EXPECT_TRUE(w.recorder.sent.empty());
+  EXPECT_FALSE(info->collInfo("a")->optTemplateSent());
+  Zub::Ptr<Ipfix::ElementIdColl> eic(new Ipfix::ElementIdColl());
+  eic->doInitialize();
+  initOptTemplateConfig(*eic, *config);  // one version change
+  EXPECT_EQ(config->version(), 1u);
+  w.run();
+  EXPECT_EQ(w.recorder.take(3).size(), 1u);
+  EXPECT_TRUE(info->collInfo("a")->optTemplateSent());
+}
+
+TEST(OptionsTemplateDeathTest, MalformedTemplatesAndMissingElementsAreFatal) {
+  Zub::Ptr<OptionsTemplate> t(new OptionsTemplate("X", TemplateId(300)));
+  EXPECT_DEATH(getTemplateEntryLength(*t), "templateEntry->scopeFields\\(\\) > 0");
+  t->scopeFieldIs(0, Ipfix::RecordType::ingressInterface);
+  t->scopeFieldIs(1, Ipfix::RecordType::vrfId);
+  t->fieldIs(0, Ipfix::RecordType::interfaceName);
+  EXPECT_DEATH(getTemplateEntryLength(*t),
+               "templateEntry->fields\\(\\) >= templateEntry->scopeFields\\(\\)");
+  Ipfix::ElementIdColl empty;
+  EXPECT_DEATH(updateFieldInfo(empty, *t->field(0)),
+               "eic->elementIdCollHas\\( field->fieldId\\(\\) \\)");
+}
+
+// ---- the options data model ---------------------------------------------------------
+
+Zub::Ptr<const DataRecord> rec(const std::string& bytes) { return Zub::make<DataRecord>(bytes); }
+
+TEST(OptionsDataModel, SourcesNotifyVersionChangesOnlyAndCreatingIsIdempotent) {
+  Zub::Ptr<OptionsDataSourceColl> coll(new OptionsDataSourceColl(OptionsDataScope::scopeGlobal));
+  auto s = coll->sourceIs("InterfaceTable", TemplateId(257));
+  EXPECT_EQ(coll->sourceIs("InterfaceTable", TemplateId(257)), s);
+  try {
+    coll->sourceIs("InterfaceTable", TemplateId(256));
+    FAIL() << "expected a clash";
+  } catch (const Zub::NameInUseException& e) {
+    EXPECT_STREQ(e.what(),
+                 "Reinstantiating the pointer interface where constructor parameter attribute "
+                 "_setId has a different value of 256 than the current value of 257 not allowed");
+  }
+  int versions = 0;
+  auto sub = s->versionSignal().connect(nullptr, [&] { ++versions; });
+  s->dataRecordIs(rec("a"));
+  s->dataRecordIs(rec("a"));  // equal bytes, another record: two members
+  EXPECT_EQ(s->dataRecordSize(), 2u);
+  s->versionInc(0);
+  s->versionIs(s->version());
+  EXPECT_EQ(versions, 0);
+  s->versionInc(1);
+  s->versionIs(0xffffffffu);
+  s->versionInc(1);  // wraps to 0
+  EXPECT_EQ(s->version(), 0u);
+  EXPECT_EQ(versions, 3);
+}
+
+TEST(OptionsDataModel, EveryUpdateIsOneVersionChangeAndReleasesThePreviousRecord) {
+  Zub::Ptr<OptionsDataUpdate> u(new OptionsDataUpdate(OptionsDataScope::scopeTracker));
+  EXPECT_EQ(u->update().first.value(), 0xffff);
+  EXPECT_EQ(u->update().second, nullptr);
+  int versions = 0;
+  auto sub = u->versionSignal().connect(nullptr, [&] { ++versions; });
+  auto first = rec("one");
+  u->addUpdate(TemplateId(259), first);
+  u->addUpdate(TemplateId(259), first);  // the same record again is another update
+  EXPECT_EQ(versions, 2);
+  EXPECT_EQ(first->references(), 2u);
+  u->addUpdate(TemplateId(258), rec("two"));
+  EXPECT_EQ(first->references(), 1u);  // released by the update
+  EXPECT_EQ(u->update().first.value(), 258);
+  EXPECT_EQ(u->version(), 3u);
+}
+
+TEST(OptionsDataModel, ContainersShareCollectionsAndRefuseNulls) {
+  Zub::Ptr<OptionsDataAll> all(new OptionsDataAll());
+  auto global = all->globalDataIs(OptionsDataScope::scopeGlobal);
+  EXPECT_EQ(all->globalDataIs(OptionsDataScope::scopeGlobal), global);
+  auto tracker = all->trackerDataIs("T");
+  Zub::Ptr<OptionsDataContainer> c1(new OptionsDataContainer("T"));
+  Zub::Ptr<OptionsDataContainer> c2(new OptionsDataContainer("U"));
+  c1->dataIs(global);
+  c2->dataIs(global);
+  c1->dataIs(tracker->dataIs(OptionsDataScope::scopeTracker));
+  c1->updateIs(tracker->updateIs(OptionsDataScope::scopeTracker));
+  EXPECT_EQ(c1->dataSize(), 2u);
+  EXPECT_EQ(c1->update(OptionsDataScope::scopeGlobal), nullptr);
+  EXPECT_EQ(c1->update(OptionsDataScope::scopeTracker), tracker->update());
+  c1 = nullptr;
+  EXPECT_EQ(global->fullName(), "U/data/scopeGlobal");  // still held by the other container
+  try {
+    c2->dataIs(nullptr);
+    FAIL() << "null collection stored";
+  } catch (const Zub::NullPointerException& e) {
+    EXPECT_STREQ(e.what(),
+                 "null _data parameter to mutator for FlowTracking::OptionsDataContainer::data "
+                 "not allowed");
+  }
+  try {
+    c2->updateIs(nullptr);
+    FAIL() << "null update stored";
+  } catch (const Zub::NullPointerException& e) {
+    EXPECT_STREQ(e.what(),
+                 "null _update parameter to mutator for "
+                 "FlowTracking::OptionsDataContainer::update not allowed");
+  }
+  all->trackerDataDel("T");
+  tracker->dataDel();
+  EXPECT_EQ(tracker->data(), nullptr);
+  EXPECT_EQ(stringValue(OptionsDataScope::scopeTracker), "scopeTracker");
+  EXPECT_EQ(optionsDataScopeFromString("scopeGlobal"), OptionsDataScope::scopeGlobal);
+}
+
+}  // namespace
