@@ -63,6 +63,26 @@ std::string json(const std::string& s) {
   return out + "\"";
 }
 
+// What a collector receives in a set, by set id.
+std::string setName(uint16_t setId) {
+  switch (setId) {
+    case 2:
+      return "data templates";
+    case 3:
+      return "options templates";
+    case 256:
+      return "VRF table";
+    case 257:
+      return "interface table";
+    case 258:
+      return "flow keys";
+    case 259:
+      return "flow tracker table";
+    default:
+      return "flow records";
+  }
+}
+
 std::string num(double v) {
   char buf[32];
   std::snprintf(buf, sizeof buf, "%.3f", v);
@@ -107,6 +127,7 @@ int showCollectors(const std::string& statsName, bool asJson) {
         const auto& set = e.setEntryStorage[s];
         if (set.setId.isFree()) continue;
         out += std::string(first ? "" : ", ") + "{\"setId\": " + std::to_string(set.setId.value) +
+               ", \"name\": " + json(setName(set.setId.value)) +
                ", \"records\": " + std::to_string(set.exportedFlowRecordCount) +
                ", \"templates\": " + std::to_string(set.exportedTemplateCount) + "}";
         first = false;
@@ -135,6 +156,17 @@ int showCollectors(const std::string& statsName, bool asJson) {
                 static_cast<unsigned long long>(e->exportedOctetTotalCount),
                 static_cast<unsigned long long>(templates),
                 static_cast<unsigned long long>(options), timeText(e->lastSentTime).c_str());
+    // Below each collector: the records of every data set it received.
+    for (uint8_t i = 0; i < e->setEntryCount; ++i) {
+      const auto& set = e->setEntryStorage[i];
+      if (set.setId.isFree() || set.setId.value < 256) continue;
+      std::printf("    set %-5u %-20s %9llu records\n", static_cast<unsigned>(set.setId.value),
+                  setName(set.setId.value).c_str(),
+                  static_cast<unsigned long long>(set.exportedFlowRecordCount));
+    }
+    if (e->lastOptionsDataSentTime > 0) {
+      std::printf("    options data last sent %s\n", timeText(e->lastOptionsDataSentTime).c_str());
+    }
   }
   if (rows.empty()) std::printf("(nothing exported yet)\n");
   for (const auto* e : cleared) {
