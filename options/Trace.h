@@ -1,7 +1,8 @@
 #pragma once
-// The trace facility of the options subsystem ("FtOptions").
+// The trace facility of the options subsystem ("FtOptions"); the level names are the
+// export subsystem's.
 
-#include "platform/zub/Glint.h"
+#include "export/Trace.h"
 
 namespace FlowTracking {
 
@@ -9,10 +10,5 @@ inline Zub::Glint::Facility& optionsTrace() {
   static Zub::Glint::Facility& f = Zub::Glint::facility("FtOptions");
   return f;
 }
-using Zub::Glint::kDiag;
-using Zub::Glint::kDump;
-using Zub::Glint::kEntry;
-using Zub::Glint::kLife;
-using Zub::Glint::kState;
 
 }  // namespace FlowTracking
