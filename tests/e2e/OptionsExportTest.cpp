@@ -45,7 +45,7 @@ Zub::Ptr<const DataRecord> trackerRecord(uint32_t domain, const std::string& nam
   r->append(name.data(), name.size());
   r->appendU16(60);    // flowActiveTimeout, s
   r->appendU16(15);    // flowIdleTimeout, s
-  r->appendU16(2);     // selectorAlgorithm: systematic count-based sampling
+  r->appendU16(3);     // selectorAlgorithm: random n-out-of-N sampling
   r->appendU32(1);     // samplingSize
   r->appendU32(1024);  // samplingPopulation
   return r;

@@ -34,7 +34,7 @@ Zub::Ptr<const DataRecord> ftRecord(uint32_t domain) {
   r->append("T", 1);
   r->appendU16(60);    // active timeout, s
   r->appendU16(15);    // idle timeout, s
-  r->appendU16(2);     // systematic count-based sampling
+  r->appendU16(3);     // random n-out-of-N sampling
   r->appendU32(1);     // sampling size
   r->appendU32(1024);  // sampling population
   return r;
