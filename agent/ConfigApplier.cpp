@@ -54,11 +54,6 @@ void applyPlatform(StatusEntities& s, const AgentConfig& cfg) {
     } else {
       s.ip6->intfDel(id);
     }
-    if (spec.index) {
-      s.intfIndex[id] = *spec.index;
-    } else {
-      s.intfIndex.erase(id);
-    }
   }
   auto keep = [&](const Nelo::IntfId& id) { return wanted.count(id) != 0; };
   deleteOthers(s.ip->ipIntfStatusColl(), keep, [&](const auto& id) { s.ip->ipIntfStatusDel(id); });
@@ -72,26 +67,76 @@ void applyPlatform(StatusEntities& s, const AgentConfig& cfg) {
   for (auto it = s.l3.begin(); it != s.l3.end();) {
     it = wanted.count(it->first) ? std::next(it) : s.l3.erase(it);
   }
-  for (auto it = s.intfIndex.begin(); it != s.intfIndex.end();) {
-    it = wanted.count(it->first) ? std::next(it) : s.intfIndex.erase(it);
-  }
+  applyIntfIndexes(s, cfg);
 
   std::set<L3::VrfName> vrfs;
-  std::set<uint32_t> ids;
   for (const VrfSpec& v : cfg.vrfs) {
     vrfs.insert(v.name);
     s.vrfs->vrfIs(v.name)->stateIs(v.state);
-    if (v.id) {
-      ids.insert(*v.id);
-      s.vrfIdMap->vrfIdToNameIs(*v.id, v.name);
-    }
   }
   deleteOthers(
       s.vrfs->vrfColl(), [&](const L3::VrfName& n) { return vrfs.count(n) != 0; },
       [&](const auto& n) { s.vrfs->vrfDel(n); });
+  applyVrfIds(s, cfg);
+}
+
+namespace {
+
+// Chooses every member's number: the configured ones first, then, in name order, the
+// number the member already had if nobody else has it now, else the lowest free one
+// from `first`. Returns name -> number.
+template <class Name>
+std::map<Name, uint32_t> chooseNumbers(const std::map<Name, std::optional<uint32_t>>& wanted,
+                                       const std::map<Name, uint32_t>& current, uint32_t first) {
+  std::map<Name, uint32_t> out;
+  std::set<uint32_t> taken;
+  for (const auto& [name, n] : wanted) {
+    if (n && taken.insert(*n).second) out[name] = *n;
+  }
+  for (const auto& [name, n] : wanted) {
+    if (out.count(name)) continue;
+    auto had = current.find(name);
+    if (had != current.end() && taken.insert(had->second).second) {
+      out[name] = had->second;
+      continue;
+    }
+    uint32_t next = first;
+    while (taken.count(next)) ++next;
+    taken.insert(next);
+    out[name] = next;
+  }
+  return out;
+}
+
+}  // namespace
+
+void applyIntfIndexes(StatusEntities& s, const AgentConfig& cfg) {
+  std::map<Nelo::IntfId, std::optional<uint32_t>> wanted;
+  for (const InterfaceSpec& spec : cfg.interfaces) wanted[Nelo::IntfId(spec.name)] = spec.index;
+  std::map<Nelo::IntfId, uint32_t> current(s.intfIndexMap->intfIndexColl().begin(),
+                                           s.intfIndexMap->intfIndexColl().end());
+  const auto chosen = chooseNumbers(wanted, current, 1);
+  for (const auto& [intf, index] : current) {
+    if (!chosen.count(intf)) s.intfIndexMap->intfDel(intf);
+  }
+  for (const auto& [intf, index] : chosen) s.intfIndexMap->intfIs(intf, index);
+}
+
+void applyVrfIds(StatusEntities& s, const AgentConfig& cfg) {
+  std::map<L3::VrfName, std::optional<uint32_t>> wanted;
+  for (const VrfSpec& v : cfg.vrfs) {
+    wanted[v.name] =
+        v.id ? v.id : (v.name.name() == "default" ? std::optional<uint32_t>(0) : std::nullopt);
+  }
+  std::map<L3::VrfName, uint32_t> current;
+  for (const auto& [id, name] : s.vrfIdMap->vrfIdToNameColl()) current[name] = id;
+  const auto chosen = chooseNumbers(wanted, current, 1);
+  std::set<uint32_t> ids;
+  for (const auto& [name, id] : chosen) ids.insert(id);
   deleteOthers(
       s.vrfIdMap->vrfIdToNameColl(), [&](uint32_t id) { return ids.count(id) != 0; },
       [&](const auto& id) { s.vrfIdMap->vrfIdToNameDel(id); });
+  for (const auto& [name, id] : chosen) s.vrfIdMap->vrfIdToNameIs(id, name);
 }
 
 void applyFlowTracking(const Zub::Ptr<FlowTracking::Config>& config, const AgentConfig& cfg) {

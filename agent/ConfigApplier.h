@@ -8,6 +8,7 @@
 
 #include "agent/AgentConfig.h"
 #include "config/FlowTrackerConfig.h"
+#include "options/OptionsDataSourceIntfTableSm.h"
 #include "platform/status/Interface.h"
 #include "platform/status/Ip.h"
 
@@ -22,12 +23,17 @@ struct StatusEntities {
   Zub::Ptr<Ip::AllVrfStatusLocal> vrfs{new Ip::AllVrfStatusLocal()};
   Zub::Ptr<Vrf::VrfIdMap::Status> vrfIdMap{new Vrf::VrfIdMap::Status()};
   std::map<Nelo::IntfId, Zub::Ptr<L3::IntfStatus>> l3;
-  // Interface index as the hardware reports it in flow records.
-  std::map<Nelo::IntfId, uint32_t> intfIndex;
+  // Interface index as the hardware reports it in flow records, both ways.
+  Zub::Ptr<FlowTracking::IntfIndexMap> intfIndexMap{new FlowTracking::IntfIndexMap()};
 };
 
-// The platform section: interfaces, their addresses and VRFs, VRF states.
+// The platform section: interfaces, their addresses and VRFs, VRF states, interface
+// indexes and VRF ids. An interface (VRF) without a configured index (id) gets the
+// lowest one that no other interface (VRF) has, in name order, and keeps it across
+// reloads while it exists and nobody is configured with it; the VRF "default" gets 0.
 void applyPlatform(StatusEntities& status, const AgentConfig& cfg);
+void applyIntfIndexes(StatusEntities& status, const AgentConfig& cfg);
+void applyVrfIds(StatusEntities& status, const AgentConfig& cfg);
 // The flow-tracking section.
 void applyFlowTracking(const Zub::Ptr<FlowTracking::Config>& config, const AgentConfig& cfg);
 

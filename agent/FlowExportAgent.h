@@ -17,6 +17,7 @@
 #include "agent/SwStatusPublisherSm.h"
 #include "export/FlowTrackerTemplateSm.h"
 #include "ipfix/IpfixSm.h"
+#include "options/OptionsDataManagerSm.h"
 #include "platform/hollin/CAgent.h"
 #include "platform/zub/LogHandle.h"
 
@@ -90,6 +91,7 @@ class FlowExportAgent : public Hollin::CAgent {
   Zub::Ptr<FlowTracking::FlowTrackingInfoSm> flowTrackingInfoSm_;
   Zub::Ptr<FlowTracking::TemplateSm> templateSm_;
   Zub::Ptr<SwStatusPublisherSm> statusPublisherSm_;
+  Zub::Ptr<FlowTracking::OptionsDataManagerSm> optionsDataManagerSm_;
 
   Zub::Subscriptions stateSubs_;
   Zub::Ptr<Orrin::Task> saveTask_;
