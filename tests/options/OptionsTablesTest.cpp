@@ -1,0 +1,212 @@
+// The four options tables and the options data manager.
+
+#include <gtest/gtest.h>
+
+#include "options/OptionsDataManagerSm.h"
+#include "tests/support/Bytes.h"
+#include "tests/support/ExportWorld.h"
+
+namespace {
+
+using namespace FlowTracking;
+using Ipfix::RecordType;
+using TestSupport::ExportWorld;
+using TestSupport::hexBytes;
+using TestSupport::toHex;
+
+std::string hexOf(const Zub::Ptr<const DataRecord>& r) { return toHex(r->data()); }
+
+// ---- record encodings -----------------------------------------------------------------
+
+TEST(OptionsTableRecords, GoldenBytes) {
+  EXPECT_EQ(hexOf(InterfaceTableSm::makeDataRecord("CPU", 0x3FFFFFFF)),
+            toHex(hexBytes("3fffffff 03 435055")));  // index, length 3, "CPU"
+  EXPECT_EQ(hexOf(VrfTableSm::makeDataRecord(0xFFFFFF, "")),
+            toHex(hexBytes("00ffffff 00")));  // the reserved row: empty name
+  EXPECT_EQ(hexOf(VrfTableSm::makeDataRecord(7, "red")), toHex(hexBytes("00000007 03 726564")));
+  const std::string name254(254, 'e');
+  EXPECT_EQ(InterfaceTableSm::makeDataRecord(name254, 1)->dataLen(), 259u);
+  // Flow key indicators: a 32-bit signed one shifted by the position modulo 32.
+  EXPECT_EQ(FlowKeySm::flowKeyBit(0) | FlowKeySm::flowKeyBit(2), 0x5u);
+  EXPECT_EQ(FlowKeySm::flowKeyBit(31), 0xFFFFFFFF80000000ull);
+  EXPECT_EQ(FlowKeySm::flowKeyBit(33), 0x2u);
+}
+
+TEST(OptionsTableRecordsDeathTest, NamesOf255BytesAreFatal) {
+  const std::string name255(255, 'e');
+  EXPECT_DEATH(InterfaceTableSm::makeDataRecord(name255, 1), "intfNameLen < 255");
+  EXPECT_DEATH(InterfaceTableSm::makeDataRecord("", 1), "pos \\+ sizeof\\( U8 \\) < max");
+  EXPECT_DEATH(VrfTableSm::makeDataRecord(1, name255), "vrfName.bytes\\(\\) < 255");
+}
+
+// ---- the sources on a manual clock ------------------------------------------------------
+
+struct Tables {
+  ExportWorld w;
+  Zub::Ptr<IntfIndexMap> intfIndexMap{new IntfIndexMap()};
+  Zub::Ptr<Vrf::VrfIdMap::Status> vrfIdMap{new Vrf::VrfIdMap::Status()};
+  Zub::Ptr<OptionsDataSourceColl> coll{new OptionsDataSourceColl(OptionsDataScope::scopeGlobal)};
+  Zub::Ptr<OptionsDataUpdate> update{new OptionsDataUpdate(OptionsDataScope::scopeGlobal)};
+  int updates = 0;
+  Zub::Subscription sub = update->versionSignal().connect(nullptr, [this] { ++updates; });
+};
+
+TEST(OptionsTables, InterfaceAndVrfTablesFollowTheirMapsPlusTheReservedRows) {
+  Tables t;
+  t.intfIndexMap->intfIs("Ethernet1", 1);
+  t.intfIndexMap->intfIs("Ethernet2", 2);
+  auto intfSource = t.coll->sourceIs("InterfaceTable", InterfaceTableSm::setId());
+  auto intf = Zub::makeReactor<InterfaceTableSm>(intfSource, t.update, t.intfIndexMap);
+  EXPECT_EQ(intfSource->dataRecordSize(), 2u + 4);
+  EXPECT_EQ(intfSource->version(), 1u);
+  EXPECT_EQ(t.updates, 0);  // the start pushes nothing
+
+  // A new interface: pushed at once, and in the table from now on.
+  t.intfIndexMap->intfIs("Ethernet3", 3);
+  EXPECT_EQ(t.updates, 1);
+  EXPECT_EQ(hexOf(t.update->update().second), toHex(hexBytes("00000003 09") + "Ethernet3"));
+  EXPECT_EQ(intfSource->dataRecordSize(), 3u + 4);
+  // A removed index: the row goes, nothing is pushed.
+  t.intfIndexMap->intfDel("Ethernet1");
+  EXPECT_EQ(t.updates, 1);
+  EXPECT_EQ(intfSource->dataRecordSize(), 2u + 4);
+  EXPECT_EQ(intf->dataRecords(), 2u);
+  // A new index for an interface: one new row replaces the old one.
+  t.intfIndexMap->intfIs("Ethernet2", 20);
+  EXPECT_EQ(intfSource->dataRecordSize(), 2u + 4);
+  EXPECT_EQ(hexOf(t.update->update().second), toHex(hexBytes("00000014 09") + "Ethernet2"));
+
+  t.vrfIdMap->vrfIdToNameIs(5, "red");
+  auto vrfSource = t.coll->sourceIs("VrfTable", VrfTableSm::setId());
+  auto vrf = Zub::makeReactor<VrfTableSm>(vrfSource, t.update, t.vrfIdMap);
+  EXPECT_EQ(vrfSource->dataRecordSize(), 1u + 1);
+  t.vrfIdMap->vrfIdToNameIs(5, "blue");  // renamed: one row, pushed
+  EXPECT_EQ(vrfSource->dataRecordSize(), 1u + 1);
+  EXPECT_EQ(hexOf(t.update->update().second), toHex(hexBytes("00000005 04") + "blue"));
+  t.vrfIdMap->vrfIdToNameDel(5);
+  EXPECT_EQ(vrfSource->dataRecordSize(), 1u);  // the reserved row stays
+  EXPECT_EQ(vrf->dataRecords(), 0u);
+}
+
+TEST(OptionsTables, FlowKeysOfCompleteConsistentTemplatesOnly) {
+  Tables t;
+  t.w.flowGroup("T", 261,
+                {{RecordType::srcIp, 4, false, true},
+                 {RecordType::packetCount, 8},
+                 {RecordType::dstIp, 4, false, true}});
+  t.w.flowGroup("T", 262, {{RecordType::srcIp, 4, false, true}, {RecordType::dstIp6, 16}});
+  auto status = t.w.hwStatus->hwFtStatus("T");
+  auto source = t.coll->sourceIs("FlowKey", FlowKeySm::setId());
+  auto sm = Zub::makeReactor<FlowKeySm>(source, t.update, status, t.w.sched);
+  // 262 mixes IPv4 and IPv6 address fields: no record.
+  ASSERT_EQ(source->dataRecordSize(), 1u);
+  EXPECT_EQ(hexOf(*source->dataRecordColl().begin()), toHex(hexBytes("0105 0000000000000005")));
+  // A key field at position 31 (and nothing mixed) fills the upper half.
+  std::vector<TestSupport::FieldSpec> wide(32, {RecordType::packetCount, 8});
+  wide[31].key = true;
+  t.w.flowGroup("T", 300, wide);
+  EXPECT_EQ(t.updates, 1);
+  EXPECT_EQ(hexOf(t.update->update().second), toHex(hexBytes("012c ffffffff80000000")));
+  EXPECT_EQ(source->dataRecordSize(), 2u);
+  status->hwFgStatusDel(TemplateId(300));
+  EXPECT_EQ(source->dataRecordSize(), 1u);
+  EXPECT_EQ(sm->dataRecords(), 1u);
+}
+
+TEST(OptionsTables, TheFlowTrackerRecordAndItsCoalescedUpdates) {
+  Tables t;
+  auto ft = t.w.hwConfig->hwFtConfigIs("T", FtId(7));
+  ft->activeIntervalIs(ActiveInterval(60500));  // whole seconds, truncated
+  ft->inactiveTimeoutIs(InactiveTimeout(15000));
+  t.w.hwConfig->sampleRateIs(1024);
+  auto source = t.coll->sourceIs("FlowTrackerTable", FlowTrackerTableSm::setId());
+  auto sm = Zub::makeReactor<FlowTrackerTableSm>(source, t.update, t.w.hwConfig, ft, t.w.sched);
+  ASSERT_EQ(source->dataRecordSize(), 1u);
+  // domain 7, name "T", 60 s, 15 s, selector 3, size 1, population 1024: 19 + 1 bytes.
+  EXPECT_EQ(hexOf(*source->dataRecordColl().begin()),
+            toHex(hexBytes("00000007 01 54 003c 000f 0003 00000001 00000400")));
+  EXPECT_EQ(sm->updateTask()->name(), "FlowTrackerTableSmUpdate");
+  const int before = t.updates;
+  t.w.hwConfig->sampleRateIs(2048);
+  t.w.advance(0.5);
+  ft->inactiveTimeoutIs(InactiveTimeout(30000));
+  t.w.advance(1.0);
+  ft->activeIntervalIs(ActiveInterval(120000));  // never postpones the first deadline
+  t.w.advance(0.49);
+  EXPECT_EQ(t.updates, before);
+  t.w.advance(0.01);
+  EXPECT_EQ(t.updates, before + 1);
+  EXPECT_EQ(hexOf(t.update->update().second),
+            toHex(hexBytes("00000007 01 54 0078 001e 0003 00000001 00000800")));
+  EXPECT_EQ(source->dataRecordSize(), 1u);
+  // A tracker without a name gives the shortest record.
+  auto unnamed = t.w.hwConfig->hwFtConfigIs("", FtId(8));
+  auto src2 = t.coll->sourceIs("FlowTrackerTable2", FlowTrackerTableSm::setId());
+  Zub::makeReactor<FlowTrackerTableSm>(src2, t.update, t.w.hwConfig, unnamed, t.w.sched);
+  EXPECT_EQ((*src2->dataRecordColl().begin())->dataLen(), 19u);
+}
+
+// ---- the manager ----------------------------------------------------------------------
+
+struct ManagedWorld {
+  ExportWorld w;
+  Zub::Ptr<IntfIndexMap> intfIndexMap{new IntfIndexMap()};
+  Zub::Ptr<Vrf::VrfIdMap::Status> vrfIdMap{new Vrf::VrfIdMap::Status()};
+  Zub::Ptr<OptionsDataManagerSm> manager;
+  void start() {
+    w.start();
+    manager = optionsDataManagerSmFactory(w.hwConfig, w.hwStatus, w.info, intfIndexMap, vrfIdMap,
+                                          w.stats.get(), w.sched);
+  }
+  FtOptionsDataManagerSm* ft(const std::string& name) const {
+    return manager->ftManagerSm().get(name);
+  }
+};
+
+TEST(OptionsDataManager, ATrackersOptionsExportExistsExactlyWhileItsThreeInputsDo) {
+  ManagedWorld m;
+  m.w.exporter("T", 7, "E", "10.0.0.1");
+  m.start();
+  // Hardware configuration and endpoints, but no hardware status yet.
+  EXPECT_EQ(m.ft("T"), nullptr);
+  EXPECT_EQ(m.manager->dataContainer().count("T"), 0u);
+  m.w.flowGroup("T", 261, {{RecordType::srcIp, 4, false, true}});
+  ASSERT_NE(m.ft("T"), nullptr);
+  auto container = m.manager->dataContainer().at("T");
+  EXPECT_EQ(container->dataSize(), 2u);
+  EXPECT_EQ(container->updateSize(), 2u);
+  EXPECT_EQ(container->data(OptionsDataScope::scopeGlobal)->sourceSize(), 2u);
+  EXPECT_EQ(container->data(OptionsDataScope::scopeTracker)->sourceSize(), 2u);
+  EXPECT_TRUE(m.ft("T")->exporterSm().has("E"));
+  auto firstSource = container->data(OptionsDataScope::scopeTracker)->source("FlowKey");
+
+  // Removing one input removes everything of the tracker; re-adding rebuilds it afresh.
+  m.w.hwStatus->hwFtStatusDel("T");
+  EXPECT_EQ(m.ft("T"), nullptr);
+  EXPECT_EQ(m.manager->dataContainer().count("T"), 0u);
+  EXPECT_FALSE(m.manager->dataAll()->trackerDataHas("T"));
+  m.w.flowGroup("T", 261, {{RecordType::srcIp, 4, false, true}});
+  ASSERT_NE(m.ft("T"), nullptr);
+  EXPECT_NE(
+      m.manager->dataContainer().at("T")->data(OptionsDataScope::scopeTracker)->source("FlowKey"),
+      firstSource);
+  // The global sources stay with the manager.
+  EXPECT_EQ(m.manager->dataAll()->globalData()->sourceSize(), 2u);
+}
+
+TEST(OptionsDataManager, AnExporterWithoutEndpointsHasNoOptionsDataExporter) {
+  ManagedWorld m;
+  m.w.exporter("T", 7, "E", "10.0.0.1");
+  m.w.flowGroup("T", 261, {{RecordType::srcIp, 4, false, true}});
+  m.start();
+  // Endpoint state goes (its reactor is replaced by nothing): no exporter Sm for E.
+  m.w.info->ftInfo("T")->expInfoDel("E");
+  ASSERT_NE(m.ft("T"), nullptr);
+  EXPECT_FALSE(m.ft("T")->exporterSm().has("E"));
+  m.w.info->ftInfo("T")->expInfoIs("E");
+  EXPECT_TRUE(m.ft("T")->exporterSm().has("E"));
+  m.w.hwConfig->hwFtConfig("T")->expConfigDel("E");
+  EXPECT_FALSE(m.ft("T")->exporterSm().has("E"));
+}
+
+}  // namespace
