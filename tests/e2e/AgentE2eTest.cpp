@@ -29,12 +29,14 @@ class AgentE2e : public ::testing::Test {
   const std::string socket = dir.file("control.sock");
 
   // Replaces the file the way editors do: a new file renamed over the old one.
-  void writeConfig(const std::string& trackers) {
+  // `platform` adds lines to the platform section's interfaces (and may add "  vrfs:").
+  void writeConfig(const std::string& trackers, const std::string& platform = "") {
     std::ofstream(file + ".new")
         << "# test configuration\n"
         << "flow-tracking:\n  enabled: true\n  trackers:\n"
         << trackers << "platform:\n  interfaces:\n"
-        << "    Loopback0: {mtu: 65535, ipv4: 127.0.0.1/8, ipv6: [\"::1/128\"]}\n";
+        << "    Loopback0: {mtu: 65535, ipv4: 127.0.0.1/8, ipv6: [\"::1/128\"]}\n"
+        << platform;
     std::rename((file + ".new").c_str(), file.c_str());
   }
   std::string tracker(const std::string& name, const std::string& collectors) const {
@@ -155,6 +157,77 @@ TEST_F(AgentE2e, OperatorSession) {
   ASSERT_TRUE(again) << daemon->log();
   EXPECT_EQ(domains({*again}), "2\n");  // a fresh allocation would have given 1
   daemon->signal(SIGINT);
+  EXPECT_EQ(daemon->wait(), 0);
+}
+
+// The four options tables through the real daemon: decoded by tshark and ipfixDump, kept
+// up to date by a reload, sent whole to a collector added later, with every message's
+// sequence number counting the data records sent before it.
+TEST_F(AgentE2e, OptionsTablesReachCollectorsAndFollowReloads) {
+  const std::string eth1 = "    Ethernet1: {link: up, forwarding-model: routed, index: 11}\n";
+  const std::string eth2 = "    Ethernet2: {link: up, forwarding-model: routed, index: 12}\n";
+  const std::string vrfs = "  vrfs:\n    default: active\n    red: {state: active, id: 5}\n";
+  writeConfig(tracker("edge", c1()), eth1 + vrfs);
+  auto daemon = startDaemon();
+  // Data templates, options templates, the tables in one message.
+  std::vector<Datagram> got;
+  for (int i = 0; i < 3; ++i) {
+    auto d = rx1.receive(5000ms);
+    ASSERT_TRUE(d) << daemon->log();
+    got.push_back(*d);
+  }
+  EXPECT_EQ(TestSupport::firstSetId(got[0].payload), 2);
+  EXPECT_EQ(TestSupport::firstSetId(got[1].payload), 3);
+
+  auto dump = TestSupport::ipfixDumpDecode(got);
+  ASSERT_EQ(dump.status, 0) << dump.err;
+  EXPECT_EQ(dump.err, "");
+  for (const char* text :
+       {"interfaceName : (len: 9) Ethernet1", "interfaceName : (len: 9) Loopback0",
+        "interfaceName : (len: 3) CPU", "VRFname : (len: 3) red", "VRFname : (len: 7) default",
+        "templateId : 261", "templateId : 262", "observationDomainName : (len: 4) edge",
+        "flowActiveTimeout : 300", "flowIdleTimeout : 15", "selectorAlgorithm : 3",
+        "samplingPopulation : 1048576"}) {
+    EXPECT_NE(dump.out.find(text), std::string::npos) << text << "\n" << dump.out;
+  }
+  auto verbose = TestSupport::tsharkDecode(got);
+  ASSERT_EQ(verbose.status, 0) << verbose.err;
+  EXPECT_EQ(verbose.out.find("Malformed"), std::string::npos) << verbose.out;
+  EXPECT_EQ(verbose.out.find("Expert Info"), std::string::npos) << verbose.out;
+
+  // A reload that adds an interface: one update message, within 1.5 s of the save.
+  writeConfig(tracker("edge", c1()), eth1 + eth2 + vrfs);
+  const auto saved = std::chrono::steady_clock::now();
+  auto update = rx1.receive(3000ms);
+  ASSERT_TRUE(update) << daemon->log();
+  EXPECT_LT(std::chrono::steady_clock::now() - saved, 1500ms);
+  EXPECT_EQ(TestSupport::firstSetId(update->payload), 257);
+  got.push_back(*update);
+  EXPECT_TRUE(rx1.drain(300ms).empty());  // nothing else changed
+
+  // A collector added by reload: data templates, options templates, then the tables.
+  writeConfig(tracker("edge", c1() + ", " + c2()), eth1 + eth2 + vrfs);
+  std::vector<Datagram> got6;
+  for (int i = 0; i < 3; ++i) {
+    auto d = rx2.receive(5000ms);
+    ASSERT_TRUE(d) << daemon->log();
+    got6.push_back(*d);
+  }
+  EXPECT_EQ(TestSupport::firstSetId(got6[0].payload), 2);
+  EXPECT_EQ(TestSupport::firstSetId(got6[1].payload), 3);
+  EXPECT_GE(TestSupport::firstSetId(got6[2].payload), 256);
+
+  // Every message's sequence number is the count of data records before it.
+  for (const auto* seen : {&got, &got6}) {
+    uint32_t before = 0;
+    for (const auto& m : TestSupport::countRecords(*seen)) {
+      ASSERT_GE(m.records, 0);
+      EXPECT_EQ(m.sequence, before);
+      before += static_cast<uint32_t>(m.records);
+    }
+    EXPECT_GT(before, 0u);
+  }
+  daemon->signal(SIGTERM);
   EXPECT_EQ(daemon->wait(), 0);
 }
 
