@@ -440,6 +440,8 @@ void OptionsDataExporterSm::handleUpdateData(OptionsDataScope scope) {
   if (!upd) return;
   const auto& [setId, record] = upd->update();
   if (record) {
+    // The first update of a burst fixes when the burst goes out at the latest.
+    if (updateQueueBytes_ == 0) flushDeadline_ = scheduler_.now() + coalesceNs_();
     updateQueueBytes_ += static_cast<uint32_t>(record->dataLen());
     update_.try_emplace(setId, setId).first->second.recordEnq(record);
   }
@@ -447,8 +449,7 @@ void OptionsDataExporterSm::handleUpdateData(OptionsDataScope scope) {
   const uint32_t header = MessageBuilder::calcOverhead(static_cast<uint32_t>(update_.size()));
   if (header + updateQueueBytes_ < limit) {
     TRACE_SM(kDiag, "handleUpdateData") << "coalescing, updateQueueBytes: " << updateQueueBytes_;
-    updateTask_->scheduleTaskLowestDelay(
-        std::chrono::nanoseconds(Zub::nsFromSeconds(updateDataCoalesceTime_)));
+    scheduleFlushAtDeadline_();
   } else {
     TRACE_SM(kDiag, "handleUpdateData")
         << "schedule immediate, updateQueueBytes: " << updateQueueBytes_ << ", hdrLen: " << header
@@ -457,12 +458,36 @@ void OptionsDataExporterSm::handleUpdateData(OptionsDataScope scope) {
   }
 }
 
+Zub::Nanoseconds OptionsDataExporterSm::coalesceNs_() const {
+  return Zub::nsFromSeconds(updateDataCoalesceTime_);
+}
+
+void OptionsDataExporterSm::scheduleFlushAtDeadline_() {
+  const Zub::Nanoseconds left = std::max<Zub::Nanoseconds>(0, flushDeadline_ - scheduler_.now());
+  updateTask_->scheduleTaskLowestDelay(std::chrono::nanoseconds(left));
+}
+
+// Sends the queued updates. Before the burst's deadline only full messages go: a flush
+// that the message limit triggered sends what fills messages and leaves the rest queued
+// for the deadline, so a long burst costs one message per message's worth of records,
+// plus one.
 void OptionsDataExporterSm::flushUpdateQueue() {
   if (updateQueueBytes_ == 0) return;
+  const uint32_t limit = maxMsgSize_();
+  const bool due = scheduler_.now() >= flushDeadline_;
+  auto fullMessageQueued = [&] {
+    return MessageBuilder::calcOverhead(static_cast<uint32_t>(update_.size())) +
+               updateQueueBytes_ >=
+           limit;
+  };
+  if (!due && !fullMessageQueued()) {
+    scheduleFlushAtDeadline_();
+    return;
+  }
   BuilderWrapper b(maxMsgSize_(), ftId_.value());
   b.startMsg();
-  bool yielded = false;
-  for (auto it = update_.begin(); it != update_.end() && !yielded;) {
+  bool yielded = false, waiting = false;
+  for (auto it = update_.begin(); it != update_.end() && !yielded && !waiting;) {
     UpdateSetQueue& queue = it->second;
     while (!queue.record().empty()) {
       const Zub::Ptr<const DataRecord> record = queue.record().front();
@@ -471,6 +496,10 @@ void OptionsDataExporterSm::flushUpdateQueue() {
         if (b.hasRecords()) {
           sendMessageToCollectors(*b.finalizeMsg());
           b.startMsg();
+        }
+        if (!due && !fullMessageQueued()) {
+          waiting = true;  // the rest goes at the deadline
+          break;
         }
         consumed = b.addSetRecord(queue.setId(), record);
         ZUB_ASSERT_TEXT(consumed > 0, "consumed > 0");
@@ -486,7 +515,12 @@ void OptionsDataExporterSm::flushUpdateQueue() {
   }
   if (b.hasRecords()) sendMessageToCollectors(*b.finalizeMsg());
   TRACE_SM(kDiag, "flushUpdateQueue") << "updateQueueBytes: " << updateQueueBytes_;
-  if (updateQueueBytes_ != 0) updateTask_->schedule();
+  if (updateQueueBytes_ == 0) return;
+  if (yielded) {
+    updateTask_->schedule();
+  } else {
+    scheduleFlushAtDeadline_();
+  }
 }
 
 void OptionsDataExporterSm::abortUpdates() {

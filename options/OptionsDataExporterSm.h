@@ -186,6 +186,8 @@ class OptionsDataExporterSm : public Zub::Reactor {
   void handleCollInfo_(const Zub::String& name);
   void bindUpdate_(OptionsDataScope scope);
   bool taskRunning_(const Orrin::Task& task, const char* taskName) const;
+  Zub::Nanoseconds coalesceNs_() const;
+  void scheduleFlushAtDeadline_();
   uint16_t maxMsgSize_() const;
   Zub::Ptr<Collector> makeCollector_(const Zub::String& name, const Zub::Ptr<CollectorInfo>& info,
                                      bool isIpv4) const;
@@ -206,6 +208,7 @@ class OptionsDataExporterSm : public Zub::Reactor {
   std::map<TemplateId, UpdateSetQueue> update_;
   uint32_t updateQueueBytes_ = 0;
   double updateDataCoalesceTime_ = 1.0;
+  Zub::Nanoseconds flushDeadline_ = 0;  // scheduler time by which queued updates go
   Zub::Ptr<Orrin::TimerTask> updateTask_;
   Zub::LinkQueue<Zub::Ptr<MessageWrapper>> msgCache_;
   bool msgCacheValid_ = false;
