@@ -24,12 +24,24 @@ void BuilderWrapper::startMsg() {
 }
 
 uint32_t BuilderWrapper::addSetRecord(TemplateId setId, const Zub::Ptr<const DataRecord>& record) {
-  const uint32_t consumed = builder_->addSetRecord(setId.value(), record);
-  if (consumed > 0) msgWrap_->setRecordInc(setId);
+  const uint32_t consumed = addSetRecordBytes(builder_.get(), setId.value(), record->data().data(),
+                                              static_cast<uint32_t>(record->dataLen()));
+  if (consumed == 0) return 0;
+  if (!(setId == runSetId_)) {
+    countRun_();
+    runSetId_ = setId;
+  }
+  ++runCount_;
   return consumed;
 }
 
+void BuilderWrapper::countRun_() {
+  if (runCount_ > 0) msgWrap_->setRecordInc(runSetId_, runCount_);
+  runCount_ = 0;
+}
+
 Zub::Ptr<MessageWrapper> BuilderWrapper::finalizeMsg() {
+  countRun_();
   msgWrap_->msgIs(builder_->finalizeMsg());
   return std::exchange(msgWrap_, nullptr);
 }

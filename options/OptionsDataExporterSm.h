@@ -34,7 +34,9 @@ class MessageWrapper : public Zub::PtrInterface {
   const Zub::Ptr<Message>& msg() const { return msg_; }
   void msgIs(const Zub::Ptr<Message>& m) { msg_ = m; }
   const std::map<TemplateId, SetRecord>& setRecord() const { return setRecord_; }
-  void setRecordInc(TemplateId id) { setRecord_.try_emplace(id, id).first->second.count += 1; }
+  void setRecordInc(TemplateId id, uint64_t n = 1) {
+    setRecord_.try_emplace(id, id).first->second.count += n;
+  }
   uint32_t recordCount() const { return msg_ ? msg_->recordCount() : 0; }
   size_t bytes() const { return msg_ ? msg_->bytes() : 0; }
 
@@ -59,8 +61,14 @@ class BuilderWrapper {
   const Zub::Ptr<MessageBuilder>& builder() const { return builder_; }
 
  private:
+  // Records are counted per run of one set id and handed to the wrapper when the set
+  // changes or the message ends: no map look-up per record.
+  void countRun_();
+
   Zub::Ptr<MessageBuilder> builder_;
   Zub::Ptr<MessageWrapper> msgWrap_;
+  TemplateId runSetId_;
+  uint64_t runCount_ = 0;
 };
 
 // The records of one data set waiting to be sent as an incremental update.

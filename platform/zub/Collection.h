@@ -230,6 +230,8 @@ using OrderedCollection = CollectionBase<K, V, std::map<K, V>>;
 
 // A set of values (pointers count by identity). Every insertion and removal notifies
 // with the element; inserting a present element or removing an absent one does not.
+// The elements are kept densely, in insertion order except that a removal moves the last
+// element into the gap, so walking a large set reads memory in order.
 template <class T>
 class Set {
  public:
@@ -242,28 +244,35 @@ class Set {
   Set(const Set&) = delete;
   Set& operator=(const Set&) = delete;
 
-  bool has(const T& v) const { return set_.count(v) != 0; }
-  size_t size() const { return set_.size(); }
-  bool empty() const { return set_.empty(); }
-  auto begin() const { return set_.begin(); }
-  auto end() const { return set_.end(); }
-  std::vector<T> elements() const { return std::vector<T>(set_.begin(), set_.end()); }
+  bool has(const T& v) const { return index_.count(v) != 0; }
+  size_t size() const { return items_.size(); }
+  bool empty() const { return items_.empty(); }
+  auto begin() const { return items_.begin(); }
+  auto end() const { return items_.end(); }
+  std::vector<T> elements() const { return items_; }
 
   // True when the element was added.
   bool insert(const T& v) {
     if constexpr (kPointers) {
       if (!v) owner_.refuseNull();
     }
-    if (!set_.insert(v).second) return false;
+    if (!index_.emplace(v, items_.size()).second) return false;
+    items_.push_back(v);
     const T copy = v;
     signal_.emit(copy);
     return true;
   }
   bool erase(const T& v) {
-    auto it = set_.find(v);
-    if (it == set_.end()) return false;
-    const T old = *it;  // released after the notification
-    set_.erase(it);
+    auto it = index_.find(v);
+    if (it == index_.end()) return false;
+    const T old = v;  // released after the notification
+    const size_t slot = it->second;
+    index_.erase(it);
+    if (slot + 1 != items_.size()) {
+      items_[slot] = std::move(items_.back());
+      index_[items_[slot]] = slot;
+    }
+    items_.pop_back();
     signal_.emit(old);
     return true;
   }
@@ -275,7 +284,8 @@ class Set {
 
  private:
   CollectionOwner owner_;
-  std::unordered_set<T, Hash<T>> set_;
+  std::vector<T> items_;
+  std::unordered_map<T, size_t, Hash<T>> index_;
   Signal<T> signal_;
 };
 
