@@ -3,6 +3,10 @@
 // few trials, and prints results next to a baseline measured in the same run, so the
 // figure that matters is a ratio, not a machine-dependent absolute time.
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -26,6 +30,19 @@ double nsPerOp(long iterations, F&& body, int trials = 5) {
     best = std::min(best, d.count() / static_cast<double>(iterations));
   }
   return best;
+}
+
+// A UDP socket bound to a free 127.0.0.1 port that nobody reads (the kernel drops what
+// overflows its buffer): a collector for send-rate measurements. Returns its address.
+inline sockaddr_in loopbackSink(int* fd) {
+  *fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ::bind(*fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  socklen_t len = sizeof a;
+  ::getsockname(*fd, reinterpret_cast<sockaddr*>(&a), &len);
+  return a;
 }
 
 inline void report(const std::string& what, double ns, const std::string& baseline,

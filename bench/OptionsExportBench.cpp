@@ -99,13 +99,8 @@ struct Rig {
     exp->ipfixMtuIs(IpfixMtu(mtu));
     exp->exporterReadyIs(true);
     for (int i = 0; i < collectors; ++i) {
-      int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-      sockaddr_in a{};
-      a.sin_family = AF_INET;
-      a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-      socklen_t len = sizeof a;
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+      int fd = -1;
+      const sockaddr_in a = Bench::loopbackSink(&fd);
       sinks.push_back(fd);
       dsts.push_back(a);
       exp->collectorIpAndPortIs("c" + std::to_string(i),

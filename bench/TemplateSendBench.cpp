@@ -36,13 +36,8 @@ struct Rig {
     auto exp = ft->expConfigIs("E");
     exp->srcIpAddrIs(Nelo::IpAddr("127.0.0.1"));
     for (int i = 0; i < kCollectors; ++i) {
-      int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-      sockaddr_in a{};
-      a.sin_family = AF_INET;
-      a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-      socklen_t len = sizeof a;
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+      int fd = -1;
+      const sockaddr_in a = Bench::loopbackSink(&fd);
       sinks.push_back(fd);
       dsts.push_back(a);
       exp->collectorIpAndPortIs("c" + std::to_string(i),

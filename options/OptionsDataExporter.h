@@ -9,6 +9,7 @@
 // Ptr<const DataRecord> and never changed after publishing. The manager creates the
 // containers, the sources write into them, the exporters only read.
 
+#include <map>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -95,6 +96,26 @@ class OptionsDataContainer : public Zub::Entity {
     update_.insert(update ? update->scope() : OptionsDataScope::scopeGlobal, update);
   }
 };
+
+// One row of a source's table changed: the row's old record leaves the source; the new
+// one, if any, is pushed at once through the update and enters the source; the version
+// is raised so that the next full transmission is rebuilt.
+template <class K>
+void replaceRow(OptionsDataSource& source, OptionsDataUpdate& update, TemplateId setId,
+                std::map<K, Zub::Ptr<const DataRecord>>& published, const K& key,
+                const Zub::Ptr<const DataRecord>& record) {
+  auto old = published.find(key);
+  if (old != published.end()) {
+    source.dataRecordDel(old->second);
+    published.erase(old);
+  }
+  if (record) {
+    update.addUpdate(setId, record);
+    source.dataRecordIs(record);
+    published[key] = record;
+  }
+  source.versionInc(1);
+}
 
 // One tracker's own collection and update.
 class TrackerOptionsData : public Zub::Entity {

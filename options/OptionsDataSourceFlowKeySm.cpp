@@ -99,17 +99,8 @@ void FlowKeySm::handleInitialized() {
 }
 
 void FlowKeySm::handleTemplate(TemplateId templateId) {
-  auto old = dataRecord_.find(templateId);
-  if (old != dataRecord_.end()) {
-    dataSource_->dataRecordDel(old->second);
-    dataRecord_.erase(old);
-  }
-  if (auto r = makeDataRecord(templateId)) {
-    update_->addUpdate(setIdVal_, r);
-    dataSource_->dataRecordIs(r);
-    dataRecord_[templateId] = r;
-  }
-  dataSource_->versionInc(1);
+  replaceRow(*dataSource_, *update_, setIdVal_, dataRecord_, templateId,
+             makeDataRecord(templateId));
 }
 
 }  // namespace FlowTracking

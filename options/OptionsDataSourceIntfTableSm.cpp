@@ -67,24 +67,17 @@ void InterfaceTableSm::handleInitialized() {
 }
 
 void InterfaceTableSm::handleIntfId(const Nelo::IntfId& intfId) {
-  auto old = dataRecord_.find(intfId);
-  if (old != dataRecord_.end()) {
-    dataSource_->dataRecordDel(old->second);
-    dataRecord_.erase(old);
-  }
+  Zub::Ptr<const DataRecord> r;
   if (intfIndexMap_->intfIndexHas(intfId)) {
     const uint32_t index = intfIndexMap_->intfIndex(intfId);
-    auto r = makeDataRecord(intfId.name(), index);
+    r = makeDataRecord(intfId.name(), index);
     GLINT(optionsTrace(), kDiag) << "InterfaceTableSm::handleIntfId intfId: " << intfId
                                  << ", index: " << index << ", record len: " << r->dataLen();
-    update_->addUpdate(setIdVal_, r);
-    dataSource_->dataRecordIs(r);
-    dataRecord_[intfId] = r;
   } else {
     GLINT(optionsTrace(), kDiag) << "InterfaceTableSm::handleIntfId intfId: " << intfId
                                  << ", index not present. ";
   }
-  dataSource_->versionInc(1);
+  replaceRow(*dataSource_, *update_, setIdVal_, dataRecord_, intfId, r);
 }
 
 }  // namespace FlowTracking

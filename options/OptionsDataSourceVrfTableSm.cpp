@@ -57,24 +57,17 @@ void VrfTableSm::handleVrfIndexAll() {
 
 void VrfTableSm::handleVrfIndex(Vrf::VrfIdMap::VrfId vrfId) {
   ZUB_ASSERT_TEXT(initialized_, "initialized()");
-  auto old = dataRecord_.find(vrfId);
-  if (old != dataRecord_.end()) {
-    dataSource_->dataRecordDel(old->second);
-    dataRecord_.erase(old);
-  }
+  Zub::Ptr<const DataRecord> r;
   if (vrfIdMap_->vrfIdToNameHas(vrfId)) {
     const L3::VrfName name = vrfIdMap_->vrfIdToName(vrfId);
-    auto r = makeDataRecord(vrfId, name.name());
+    r = makeDataRecord(vrfId, name.name());
     GLINT(optionsTrace(), kDiag) << "VrfTableSm::handleVrfIndex vrfIndex: " << vrfId
                                  << ", name: " << name << ", record len: " << r->dataLen();
-    update_->addUpdate(setIdVal_, r);
-    dataSource_->dataRecordIs(r);
-    dataRecord_[vrfId] = r;
   } else {
     GLINT(optionsTrace(), kDiag) << "VrfTableSm::handleVrfIndex vrfIndex: " << vrfId
                                  << ", name not present. ";
   }
-  dataSource_->versionInc(1);
+  replaceRow(*dataSource_, *update_, setIdVal_, dataRecord_, vrfId, r);
 }
 
 }  // namespace FlowTracking
