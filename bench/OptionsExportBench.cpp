@@ -147,7 +147,7 @@ void cacheBuild(uint32_t rows, uint32_t mtu) {
   });
   // Baseline: the same encoded records, one memcpy each into messages of the same limit.
   std::vector<std::string> encoded;
-  for (const auto& r : rig.intfSource().dataRecordColl()) encoded.push_back(r->data());
+  for (const auto& r : rig.intfSource().dataRecordColl()) encoded.emplace_back(r->data());
   std::vector<std::vector<char>> messages;
   const double copy = median(5, [&] {
     messages.clear();

@@ -2,7 +2,23 @@
 
 #include "platform/nelo/IpfixHeaders.h"
 
+#include <algorithm>
+#include <cstring>
+
 namespace FlowTracking {
+
+void DataRecord::append(const void* bytes, size_t len) {
+  if (len == 0) return;
+  if (len_ + len > cap_) {
+    const size_t cap = std::max<size_t>(len_ + len, 2 * size_t{cap_});
+    std::unique_ptr<char[]> grown(new char[cap]);
+    std::memcpy(grown.get(), this->bytes(), len_);
+    heap_ = std::move(grown);
+    cap_ = static_cast<uint32_t>(cap);
+  }
+  std::memcpy((heap_ ? heap_.get() : inline_) + len_, bytes, len);
+  len_ += static_cast<uint32_t>(len);
+}
 
 void DataRecord::appendU16(uint16_t v) {
   uint8_t b[2];
@@ -22,8 +38,8 @@ void DataRecord::appendU64(uint64_t v) {
   append(b, sizeof b);
 }
 
-Zub::Ptr<DataRecord> dataRecordFactory(Zub::String data) {
-  return Zub::Ptr<DataRecord>(new DataRecord(std::move(data)));
+Zub::Ptr<DataRecord> dataRecordFactory(std::string_view data) {
+  return Zub::Ptr<DataRecord>(new DataRecord(data));
 }
 
 }  // namespace FlowTracking

@@ -2,9 +2,15 @@
 // DataRecord: one encoded record as it goes on the wire (the concatenated field values,
 // no set header). Records are built by appending field encodings, then published as
 // Zub::Ptr<const DataRecord> and never changed again.
+//
+// A record keeps up to kInlineBytes bytes inside itself (every interface, VRF and flow
+// key row fits), so a published table is one allocation per row and reading a record
+// touches one place in memory; longer records keep their bytes on the heap.
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <string_view>
 
 #include "platform/zub/Ptr.h"
 #include "platform/zub/Types.h"
@@ -13,21 +19,31 @@ namespace FlowTracking {
 
 class DataRecord : public Zub::PtrInterface {
  public:
-  explicit DataRecord(Zub::String data = {}) : data_(std::move(data)) {}
-  const Zub::String& data() const { return data_; }
-  void dataIs(Zub::String d) { data_ = std::move(d); }
-  size_t dataLen() const { return data_.size(); }
-  void append(const void* bytes, size_t len) { data_.append(static_cast<const char*>(bytes), len); }
+  static constexpr size_t kInlineBytes = 24;
+
+  explicit DataRecord(std::string_view data = {}) { append(data.data(), data.size()); }
+  std::string_view data() const { return {bytes(), len_}; }
+  void dataIs(std::string_view d) {
+    len_ = 0;
+    append(d.data(), d.size());
+  }
+  size_t dataLen() const { return len_; }
+  void append(const void* bytes, size_t len);
   // Big-endian field encodings.
-  void appendU8(uint8_t v) { data_.push_back(static_cast<char>(v)); }
+  void appendU8(uint8_t v) { append(&v, 1); }
   void appendU16(uint16_t v);
   void appendU32(uint32_t v);
   void appendU64(uint64_t v);
 
  private:
-  Zub::String data_;
+  const char* bytes() const { return heap_ ? heap_.get() : inline_; }
+
+  uint32_t len_ = 0;
+  uint32_t cap_ = kInlineBytes;
+  std::unique_ptr<char[]> heap_;
+  char inline_[kInlineBytes];
 };
 
-Zub::Ptr<DataRecord> dataRecordFactory(Zub::String data = {});
+Zub::Ptr<DataRecord> dataRecordFactory(std::string_view data = {});
 
 }  // namespace FlowTracking

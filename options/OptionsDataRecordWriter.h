@@ -15,38 +15,37 @@ namespace FlowTracking {
 
 class RecordWriter {
  public:
-  explicit RecordWriter(size_t max) : max_(max), buf_(max, '\0') {}
-  size_t pos() const { return pos_; }
+  explicit RecordWriter(size_t max) : max_(max), record_(new DataRecord()) {}
+  size_t pos() const { return record_->dataLen(); }
   size_t max() const { return max_; }
 
-  void u8(uint8_t v) { buf_[pos_++] = static_cast<char>(v); }
+  void u8(uint8_t v) { put(&v, 1); }
   void u16(uint16_t v) {
-    Nelo::NetU16::write(at(2), v);
-    pos_ += 2;
+    uint8_t b[2];
+    Nelo::NetU16::write(b, v);
+    put(b, sizeof b);
   }
   void u32(uint32_t v) {
-    Nelo::NetU32::write(at(4), v);
-    pos_ += 4;
+    uint8_t b[4];
+    Nelo::NetU32::write(b, v);
+    put(b, sizeof b);
   }
   void u64(uint64_t v) {
-    Nelo::NetU64::write(at(8), v);
-    pos_ += 8;
+    uint8_t b[8];
+    Nelo::NetU64::write(b, v);
+    put(b, sizeof b);
   }
-  void bytes(std::string_view s) {
-    if (!s.empty()) std::memcpy(at(s.size()), s.data(), s.size());
-    pos_ += s.size();
-  }
+  void bytes(std::string_view s) { put(s.data(), s.size()); }
   // The finished record; the caller has checked that the whole buffer is written.
-  Zub::Ptr<const DataRecord> record() { return Zub::make<DataRecord>(std::move(buf_)); }
+  Zub::Ptr<const DataRecord> record() { return std::move(record_); }
 
  private:
-  uint8_t* at(size_t n) {
-    ZUB_ASSERT(pos_ + n <= max_);
-    return reinterpret_cast<uint8_t*>(buf_.data()) + pos_;
+  void put(const void* p, size_t n) {
+    ZUB_ASSERT(pos() + n <= max_);
+    record_->append(p, n);
   }
   size_t max_;
-  size_t pos_ = 0;
-  std::string buf_;
+  Zub::Ptr<DataRecord> record_;
 };
 
 }  // namespace FlowTracking
