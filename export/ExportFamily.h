@@ -26,6 +26,11 @@ struct Ipv4Family {
                    const ExporterInfo& e, const Dst& dst) {
     return sendPkt4(pkt, e.udpPam4(), c.srcIpAddr(), dst, c.dscpValue());
   }
+  static size_t sendBatch(const Zub::Ptr<Nelo::Pkt>* pkts, size_t n,
+                          const HwFlowTracking::ExporterConfig& c, const ExporterInfo& e,
+                          const Dst& dst) {
+    return sendPkts4(pkts, n, e.udpPam4(), c.srcIpAddr(), dst, c.dscpValue());
+  }
   static Stova::Ipfix::CollectorInfo key(const Dst& d) {
     return Stova::Ipfix::CollectorInfo::fromIpAndPort(d);
   }
@@ -48,6 +53,11 @@ struct Ipv6Family {
   static bool send(const Zub::Ptr<Nelo::Pkt>& pkt, const HwFlowTracking::ExporterConfig& c,
                    const ExporterInfo& e, const Dst& dst) {
     return sendPkt6(pkt, e.udpPam6(), c.srcIp6Addr(), dst, c.dscpValue());
+  }
+  static size_t sendBatch(const Zub::Ptr<Nelo::Pkt>* pkts, size_t n,
+                          const HwFlowTracking::ExporterConfig& c, const ExporterInfo& e,
+                          const Dst& dst) {
+    return sendPkts6(pkts, n, e.udpPam6(), c.srcIp6Addr(), dst, c.dscpValue());
   }
   static Stova::Ipfix::CollectorInfo key(const Dst& d) {
     return Stova::Ipfix::CollectorInfo::fromIp6AndPort(d);

@@ -12,6 +12,12 @@ namespace FlowTracking {
 // order, then transmits. Returns what the transmit returns.
 bool sendPkt4(const Zub::Ptr<Nelo::Pkt>& pkt, const Zub::Ptr<Nelo::UdpPam>& pam, Nelo::IpAddr src,
               const Nelo::IpAndPort& dst, Nelo::DscpValue dscp);
+// The same for n datagrams to one destination, batched into few system calls; returns
+// how many the kernel took.
+size_t sendPkts4(const Zub::Ptr<Nelo::Pkt>* pkts, size_t n, const Zub::Ptr<Nelo::UdpPam>& pam,
+                 Nelo::IpAddr src, const Nelo::IpAndPort& dst, Nelo::DscpValue dscp);
+size_t sendPkts6(const Zub::Ptr<Nelo::Pkt>* pkts, size_t n, const Zub::Ptr<Nelo::UdpPam>& pam,
+                 const Nelo::Ip6Addr& src, const Nelo::Ip6AndPort& dst, Nelo::DscpValue dscp);
 bool sendPkt6(const Zub::Ptr<Nelo::Pkt>& pkt, const Zub::Ptr<Nelo::UdpPam>& pam,
               const Nelo::Ip6Addr& src, const Nelo::Ip6AndPort& dst, Nelo::DscpValue dscp);
 

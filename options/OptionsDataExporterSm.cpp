@@ -80,16 +80,20 @@ struct CollectorFamily<Ipv6Family> {
 template <class F>
 void Collector::send_(const ExporterInfo& expInfo,
                       const HwFlowTracking::ExporterConfig& hwExpConfig,
-                      const Zub::Ptr<Nelo::Pkt>& pkt, const typename F::Dst& dst) {
+                      const Zub::Ptr<Nelo::Pkt>* pkts, size_t n, const typename F::Dst& dst) {
   const auto src = F::src(hwExpConfig);
   ZUB_ASSERT_TEXT(!src.isZero(), CollectorFamily<F>::kSrcAssert);
   ZUB_ASSERT_TEXT(F::pam(expInfo), "_pam");
   GLINT(optionsTrace(), kDiag) << "Collector::sendMessage " << name() << CollectorFamily<F>::kTx
-                               << src << " => " << dst;
+                               << src << " => " << dst << " (" << n << " messages)";
   if (optionsTrace().enabled(kDump)) {
-    GLINT(optionsTrace(), kDump) << pkt->hexdump();
+    for (size_t i = 0; i < n; ++i) GLINT(optionsTrace(), kDump) << pkts[i]->hexdump();
   }
-  F::send(pkt, hwExpConfig, expInfo, dst);
+  if (n == 1) {
+    F::send(pkts[0], hwExpConfig, expInfo, dst);
+  } else {
+    F::sendBatch(pkts, n, hwExpConfig, expInfo, dst);
+  }
 }
 
 void Collector::sendMessage(const ExporterInfo& expInfo,
@@ -98,13 +102,44 @@ void Collector::sendMessage(const ExporterInfo& expInfo,
   // The header carries the data records sent to this collector before this message.
   const uint32_t seqNo = info_->ipfixMsgSeqNo().value;
   info_->ipfixMsgSeqNoInc(msgWrap.recordCount());
-  const Zub::Ptr<Nelo::Pkt>& pkt = msgWrap.msg()->pkt(seqNo);
+  const Zub::Ptr<Nelo::Pkt> pkt = msgWrap.msg()->pkt(seqNo);
   if (isIpv4_) {
-    send_<Ipv4Family>(expInfo, hwExpConfig, pkt, dst4_);
+    send_<Ipv4Family>(expInfo, hwExpConfig, &pkt, 1, dst4_);
   } else {
-    send_<Ipv6Family>(expInfo, hwExpConfig, pkt, dst6_);
+    send_<Ipv6Family>(expInfo, hwExpConfig, &pkt, 1, dst6_);
   }
   updateStats(msgWrap);
+}
+
+void Collector::sendMessages(const ExporterInfo& expInfo,
+                             const HwFlowTracking::ExporterConfig& hwExpConfig,
+                             const Zub::LinkQueue<Zub::Ptr<MessageWrapper>>& msgs) {
+  constexpr size_t kBatch = 64;
+  Zub::Ptr<Nelo::Pkt> pkts[kBatch];
+  const MessageWrapper* wraps[kBatch];
+  size_t n = 0;
+  auto flush = [&] {
+    if (n == 0) return;
+    if (isIpv4_) {
+      send_<Ipv4Family>(expInfo, hwExpConfig, pkts, n, dst4_);
+    } else {
+      send_<Ipv6Family>(expInfo, hwExpConfig, pkts, n, dst6_);
+    }
+    for (size_t i = 0; i < n; ++i) {
+      updateStats(*wraps[i]);
+      pkts[i] = nullptr;
+    }
+    n = 0;
+  };
+  for (const Zub::Ptr<MessageWrapper>& msg : msgs) {
+    // Each message is its own packet: stamping it for this collector leaves the others.
+    const uint32_t seqNo = info_->ipfixMsgSeqNo().value;
+    info_->ipfixMsgSeqNoInc(msg->recordCount());
+    pkts[n] = msg->msg()->pkt(seqNo);
+    wraps[n++] = msg.get();
+    if (n == kBatch) flush();
+  }
+  flush();
 }
 
 void Collector::updateStats(const MessageWrapper& msgWrap) {
@@ -346,7 +381,18 @@ void OptionsDataExporterSm::maybeBuildMsgCache() {
 void OptionsDataExporterSm::sendDataTables() {
   if (!msgCacheValid_ || !processing_) return;
   TRACE_SM(kDiag, "sendDataTables") << "msgCache count: " << msgCache_.size();
-  for (const Zub::Ptr<MessageWrapper>& msg : msgCache_) sendMessageToCollectors(*msg);
+  // Collector by collector, every cached message in queue order: each collector's
+  // messages go out in batches.
+  TRACE_SM(kDiag, "sendDataTables")
+      << "collectors: " << collectorSize() << " (IPv4: " << collector4Size()
+      << ", IPv6: " << collector6Size() << ")";
+  auto sendAll = [&](auto& coll) {
+    for (const Zub::String& name : coll.keys()) {
+      if (auto c = coll.get(name)) c->sendMessages(*expInfo_, *hwExpConfig_, msgCache_);
+    }
+  };
+  if (v4Ready()) sendAll(collector4Coll());
+  if (v6Ready()) sendAll(collector6Coll());
   processing_ = false;
   maybeSchedulePeriodic();
 }
@@ -435,9 +481,7 @@ void OptionsDataExporterSm::processCollectorQueue() {
     auto sendAlone = [&](const Zub::Ptr<Collector>& c, bool ready) {
       if (!c || !ready) return;
       maybeBuildMsgCache();
-      for (const Zub::Ptr<MessageWrapper>& msg : msgCache_) {
-        c->sendMessage(*expInfo_, *hwExpConfig_, *msg);
-      }
+      c->sendMessages(*expInfo_, *hwExpConfig_, msgCache_);
     };
     sendAlone(collector4(name), v4Ready());
     sendAlone(collector6(name), v6Ready());

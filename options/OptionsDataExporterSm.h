@@ -101,12 +101,16 @@ class Collector : public Zub::Entity {
   // records), sends the message from the exporter's source and counts it.
   void sendMessage(const ExporterInfo& expInfo, const HwFlowTracking::ExporterConfig& hwExpConfig,
                    const MessageWrapper& msgWrap);
+  // The same for every message of a full transmission, in order, batched into few system
+  // calls (each message is its own packet, so each carries this collector's number).
+  void sendMessages(const ExporterInfo& expInfo, const HwFlowTracking::ExporterConfig& hwExpConfig,
+                    const Zub::LinkQueue<Zub::Ptr<MessageWrapper>>& msgs);
   void updateStats(const MessageWrapper& msgWrap);
 
  private:
   template <class F>
   void send_(const ExporterInfo& expInfo, const HwFlowTracking::ExporterConfig& hwExpConfig,
-             const Zub::Ptr<Nelo::Pkt>& pkt, const typename F::Dst& dst);
+             const Zub::Ptr<Nelo::Pkt>* pkts, size_t n, const typename F::Dst& dst);
 
   Zub::Ptr<CollectorInfo> info_;
   Nelo::IpAndPort dst4_;

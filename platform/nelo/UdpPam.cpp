@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -71,45 +72,36 @@ void UdpPam::applyTos() {
   }
 }
 
-bool UdpPam::txPkt(const Zub::Ptr<Pkt>& pkt) {
-  if (fd_ < 0 || !pkt) {
-    ++txErrors_;
-    lastErrno_ = EBADF;
-    return false;
-  }
-  applyTos();
+void UdpPam::bindToFirstSource_() {
   // Bind to the first source: packets from it need no ancillary data.
-  if (!bindTried_ && (ipv6En_ ? !txSrc6_.isZero() : !txSrc4_.isZero())) {
-    bindTried_ = true;
-    if (ipv6En_) {
-      sockaddr_in6 a{};
-      a.sin6_family = AF_INET6;
-      std::memcpy(&a.sin6_addr, txSrc6_.bytes().data(), 16);
-      if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) bound6_ = txSrc6_;
-    } else {
-      sockaddr_in a{};
-      a.sin_family = AF_INET;
-      a.sin_addr.s_addr = txSrc4_.valueNbo();
-      if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) bound4_ = txSrc4_;
-    }
+  if (bindTried_ || (ipv6En_ ? txSrc6_.isZero() : txSrc4_.isZero())) return;
+  bindTried_ = true;
+  if (ipv6En_) {
+    sockaddr_in6 a{};
+    a.sin6_family = AF_INET6;
+    std::memcpy(&a.sin6_addr, txSrc6_.bytes().data(), 16);
+    if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) bound6_ = txSrc6_;
+  } else {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = txSrc4_.valueNbo();
+    if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) bound4_ = txSrc4_;
   }
+}
+
+void UdpPam::fillHeader_(msghdr& msg, TxAddr& addr) const {
   const bool fromBound = ipv6En_ ? (!bound6_.isZero() && txSrc6_ == bound6_)
                                  : (!bound4_.isZero() && txSrc4_ == bound4_);
-  iovec iov{const_cast<uint8_t*>(pkt->data()), pkt->bytes()};
-  msghdr msg{};
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in6_pktinfo))] = {};
-  sockaddr_in dst4{};
-  sockaddr_in6 dst6{};
+  msg = msghdr{};
   if (!ipv6En_) {
-    dst4.sin_family = AF_INET;
-    dst4.sin_port = htons(txPort_);
-    dst4.sin_addr.s_addr = txDst4_.valueNbo();
-    msg.msg_name = &dst4;
-    msg.msg_namelen = sizeof dst4;
+    addr.dst4 = sockaddr_in{};
+    addr.dst4.sin_family = AF_INET;
+    addr.dst4.sin_port = htons(txPort_);
+    addr.dst4.sin_addr.s_addr = txDst4_.valueNbo();
+    msg.msg_name = &addr.dst4;
+    msg.msg_namelen = sizeof addr.dst4;
     if (!txSrc4_.isZero() && !fromBound) {
-      msg.msg_control = control;
+      msg.msg_control = addr.control;
       msg.msg_controllen = CMSG_SPACE(sizeof(in_pktinfo));
       cmsghdr* c = CMSG_FIRSTHDR(&msg);
       c->cmsg_level = IPPROTO_IP;
@@ -120,13 +112,14 @@ bool UdpPam::txPkt(const Zub::Ptr<Pkt>& pkt) {
       std::memcpy(CMSG_DATA(c), &info, sizeof info);
     }
   } else {
-    dst6.sin6_family = AF_INET6;
-    dst6.sin6_port = htons(txPort_);
-    std::memcpy(&dst6.sin6_addr, txDst6_.bytes().data(), 16);
-    msg.msg_name = &dst6;
-    msg.msg_namelen = sizeof dst6;
+    addr.dst6 = sockaddr_in6{};
+    addr.dst6.sin6_family = AF_INET6;
+    addr.dst6.sin6_port = htons(txPort_);
+    std::memcpy(&addr.dst6.sin6_addr, txDst6_.bytes().data(), 16);
+    msg.msg_name = &addr.dst6;
+    msg.msg_namelen = sizeof addr.dst6;
     if (!txSrc6_.isZero() && !fromBound) {
-      msg.msg_control = control;
+      msg.msg_control = addr.control;
       msg.msg_controllen = CMSG_SPACE(sizeof(in6_pktinfo));
       cmsghdr* c = CMSG_FIRSTHDR(&msg);
       c->cmsg_level = IPPROTO_IPV6;
@@ -137,6 +130,22 @@ bool UdpPam::txPkt(const Zub::Ptr<Pkt>& pkt) {
       std::memcpy(CMSG_DATA(c), &info, sizeof info);
     }
   }
+}
+
+bool UdpPam::txPkt(const Zub::Ptr<Pkt>& pkt) {
+  if (fd_ < 0 || !pkt) {
+    ++txErrors_;
+    lastErrno_ = EBADF;
+    return false;
+  }
+  applyTos();
+  bindToFirstSource_();
+  msghdr msg;
+  TxAddr addr;
+  fillHeader_(msg, addr);
+  iovec iov{const_cast<uint8_t*>(pkt->data()), pkt->bytes()};
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
   ssize_t n = msg.msg_control
                   ? ::sendmsg(fd_, &msg, 0)
                   : ::sendto(fd_, iov.iov_base, iov.iov_len, 0,
@@ -149,6 +158,45 @@ bool UdpPam::txPkt(const Zub::Ptr<Pkt>& pkt) {
   }
   ++txPkts_;
   return true;
+}
+
+size_t UdpPam::txPktBatch(const Zub::Ptr<Pkt>* pkts, size_t n) {
+  if (n == 1) return txPkt(pkts[0]) ? 1 : 0;
+  if (fd_ < 0) {
+    txErrors_ += n;
+    lastErrno_ = EBADF;
+    return 0;
+  }
+  applyTos();
+  bindToFirstSource_();
+  msghdr tmpl;
+  TxAddr addr;
+  fillHeader_(tmpl, addr);
+  constexpr size_t kBatch = 64;
+  mmsghdr msgs[kBatch];
+  iovec iov[kBatch];
+  size_t sent = 0;
+  for (size_t i = 0; i < n; i += kBatch) {
+    const size_t m = std::min(kBatch, n - i);
+    for (size_t j = 0; j < m; ++j) {
+      iov[j] = {const_cast<uint8_t*>(pkts[i + j]->data()), pkts[i + j]->bytes()};
+      msgs[j].msg_hdr = tmpl;
+      msgs[j].msg_hdr.msg_iov = &iov[j];
+      msgs[j].msg_hdr.msg_iovlen = 1;
+      msgs[j].msg_len = 0;
+    }
+    const int r = ::sendmmsg(fd_, msgs, static_cast<unsigned>(m), 0);
+    if (r < 0) {
+      lastErrno_ = errno;
+      txErrors_ += m;
+      GLINT(trace(), 1) << name_ << ": sendmmsg failed: " << std::strerror(lastErrno_);
+      continue;
+    }
+    sent += static_cast<size_t>(r);
+    txPkts_ += static_cast<uint64_t>(r);
+    txErrors_ += m - static_cast<size_t>(r);
+  }
+  return sent;
 }
 
 }  // namespace Nelo

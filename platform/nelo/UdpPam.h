@@ -7,6 +7,9 @@
 // txTosIs is the raw 0..63 value; the packet carries it in the upper six bits of its
 // TOS / traffic class byte.
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <cstdint>
 #include <string>
 
@@ -52,6 +55,9 @@ class UdpPam : public Zub::PtrInterface {
   // Unit tests replace the endpoint by a recorder that overrides modeIs, mode, fd and
   // txPkt.
   virtual bool txPkt(const Zub::Ptr<Pkt>& pkt);
+  // Sends n datagrams with the current transmit settings, up to 64 per system call
+  // (sendmmsg); returns how many the kernel took, the rest counted in txErrors.
+  virtual size_t txPktBatch(const Zub::Ptr<Pkt>* pkts, size_t n);
 
   IpAddr txSrcIpAddr() const { return txSrc4_; }
   IpAddr txDstIpAddr() const { return txDst4_; }
@@ -65,7 +71,15 @@ class UdpPam : public Zub::PtrInterface {
   int lastErrno() const { return lastErrno_; }
 
  private:
+  // Where one datagram goes: its destination and the ancillary data naming its source.
+  struct TxAddr {
+    sockaddr_in dst4;
+    sockaddr_in6 dst6;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in6_pktinfo))] = {};
+  };
   void applyTos();
+  void bindToFirstSource_();
+  void fillHeader_(msghdr& msg, TxAddr& addr) const;
 
   Zub::Name name_;
   bool ipv6En_ = false;

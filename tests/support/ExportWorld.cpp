@@ -17,6 +17,11 @@ class RecordingPam : public Nelo::UdpPam {
   }
   Mode mode() const override { return mode_; }
   int fd() const override { return mode_ == modeOn ? 1000 : -1; }
+  size_t txPktBatch(const Zub::Ptr<Nelo::Pkt>* pkts, size_t n) override {
+    size_t sent = 0;
+    for (size_t i = 0; i < n; ++i) sent += txPkt(pkts[i]) ? 1 : 0;
+    return sent;
+  }
   bool txPkt(const Zub::Ptr<Nelo::Pkt>& pkt) override {
     if (mode_ != modeOn) return false;
     SentPkt s;

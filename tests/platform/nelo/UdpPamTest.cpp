@@ -74,6 +74,45 @@ TEST_P(UdpPamFamilyTest, SourceDestinationPayloadAndDscpOnTheWire) {
   EXPECT_EQ(pam->txErrors(), 1u);
 }
 
+TEST_P(UdpPamFamilyTest, ABatchGoesOutInOrderFromItsSource) {
+  const Family f = GetParam();
+  UdpReceiver rx(f.v6);
+  Zub::Ptr<Nelo::UdpPam> pam(new Nelo::UdpPam("udpPam-batch"));
+  pam->ipv6EnIs(f.v6);
+  pam->modeIs(1);
+  // First a single packet from one source (the socket binds to it), then a batch from
+  // the second: 70 packets, more than one system call's worth.
+  for (int step = 0; step < 2; ++step) {
+    const char* src = step == 0 ? f.src : f.src2;
+    if (f.v6) {
+      pam->txSrcIp6AddrIs(Nelo::Ip6Addr(src));
+      pam->txDstIp6AddrIs(Nelo::Ip6Addr(f.dst));
+    } else {
+      pam->txSrcIpAddrIs(Nelo::IpAddr(src));
+      pam->txDstIpAddrIs(Nelo::IpAddr(f.dst));
+    }
+    pam->txPortIs(rx.port());
+    pam->txTosIs(10);
+    if (step == 0) {
+      ASSERT_TRUE(pam->txPkt(packetOf("single")));
+      continue;
+    }
+    std::vector<Zub::Ptr<Nelo::Pkt>> batch;
+    for (int i = 0; i < 70; ++i) batch.push_back(packetOf("p" + std::to_string(i)));
+    EXPECT_EQ(pam->txPktBatch(batch.data(), batch.size()), 70u);
+  }
+  auto got = rx.drain(300ms);
+  ASSERT_EQ(got.size(), 71u);
+  EXPECT_EQ(got[0].src.stringValue(), f.src);
+  for (int i = 0; i < 70; ++i) {
+    EXPECT_EQ(got[1 + i].payload, "p" + std::to_string(i));
+    EXPECT_EQ(got[1 + i].src.stringValue(), f.src2);
+    EXPECT_EQ(got[1 + i].tos, 10 << 2);
+  }
+  EXPECT_EQ(pam->txPkts(), 71u);
+  EXPECT_EQ(pam->txErrors(), 0u);
+}
+
 INSTANTIATE_TEST_SUITE_P(Families, UdpPamFamilyTest,
                          ::testing::Values(Family{false, "127.0.0.2", "127.0.0.3", "127.0.0.1"},
                                            Family{true, "::1", "::1", "::1"}),
