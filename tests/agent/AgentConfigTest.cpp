@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "agent/AgentConfig.h"
+#include "agent/ConfigApplier.h"
 
 namespace {
 
@@ -129,6 +130,46 @@ TEST(AgentConfig, RefusalsNameFileLineFieldAndTheModelsMessage) {
       EXPECT_NE(std::string(e.what()).find(c.what), std::string::npos) << e.what();
     }
   }
+}
+
+// Interface indexes and VRF ids as the tables name them: configured ones as given, the
+// others chosen (lowest free number in name order) and kept across reloads.
+TEST(ConfigApplier, IndexesAndVrfIdsAreChosenOnceAndKept) {
+  Agent::StatusEntities s;
+  auto apply = [&](const std::string& platform) {
+    Agent::applyPlatform(
+        s, parseConfig("flow-tracking:\n  enabled: true\nplatform:\n" + platform, "test.yaml"));
+  };
+  auto index = [&](const char* intf) { return s.intfIndexMap->intfIndex(intf); };
+  apply(
+      "  interfaces:\n    Ethernet2: {}\n    Ethernet1: {index: 2}\n    Loopback0: {}\n"
+      "  vrfs:\n    red: active\n    default: active\n    blue: {state: active, id: 1}\n");
+  EXPECT_EQ(index("Ethernet1"), 2u);  // configured
+  EXPECT_EQ(index("Ethernet2"), 1u);  // then the lowest free, in name order
+  EXPECT_EQ(index("Loopback0"), 3u);
+  EXPECT_EQ(s.intfIndexMap->intfId(3), Nelo::IntfId("Loopback0"));
+  EXPECT_EQ(s.vrfIdMap->vrfIdToName(0), L3::VrfName("default"));
+  EXPECT_EQ(s.vrfIdMap->vrfIdToName(1), L3::VrfName("blue"));
+  EXPECT_EQ(s.vrfIdMap->vrfIdToName(2), L3::VrfName("red"));
+
+  // A new interface that sorts first does not move the others; a configured index that
+  // another interface had takes it over, and that one gets a free number.
+  apply(
+      "  interfaces:\n    Ethernet0: {}\n    Ethernet2: {}\n    Ethernet1: {index: 2}\n"
+      "    Loopback0: {index: 1}\n  vrfs:\n    red: active\n    default: active\n");
+  EXPECT_EQ(index("Loopback0"), 1u);
+  EXPECT_EQ(index("Ethernet1"), 2u);
+  EXPECT_EQ(index("Ethernet0"), 3u);
+  EXPECT_EQ(index("Ethernet2"), 4u);
+  EXPECT_EQ(s.intfIndexMap->intfIdSize(), 4u);
+  EXPECT_EQ(s.vrfIdMap->vrfIdToName(2), L3::VrfName("red"));  // kept, though 1 is free now
+  EXPECT_FALSE(s.vrfIdMap->vrfIdToNameHas(1));
+
+  // Interfaces that go lose their index.
+  apply("  interfaces:\n    Ethernet2: {}\n");
+  EXPECT_EQ(s.intfIndexMap->intfIndexSize(), 1u);
+  EXPECT_EQ(index("Ethernet2"), 4u);
+  EXPECT_EQ(s.intfIndexMap->intfIdSize(), 1u);
 }
 
 }  // namespace
