@@ -10,12 +10,8 @@ namespace FlowTracking {
 FlowKeySm::FlowKeySm(const Zub::Ptr<OptionsDataSource>& dataSource,
                      const Zub::Ptr<OptionsDataUpdate>& update,
                      const Zub::Ptr<HwFlowTracking::FtStatus>& hwFtStatus,
-                     Orrin::TaskScheduler& scheduler)
-    : dataSource_(dataSource),
-      update_(update),
-      hwFtStatus_(hwFtStatus),
-      scheduler_(scheduler),
-      setIdVal_(setId()) {
+                     Orrin::TaskScheduler& /*scheduler: the table needs no task*/)
+    : dataSource_(dataSource), update_(update), hwFtStatus_(hwFtStatus), setIdVal_(setId()) {
   watch(hwFtStatus_->hwFgStatusSignal(), [this](const TemplateId& id) {
     watchGroup_(id);
     handleTemplate(id);

@@ -38,7 +38,6 @@ class FlowKeySm : public Zub::Reactor {
   Zub::Ptr<OptionsDataSource> dataSource_;
   Zub::Ptr<OptionsDataUpdate> update_;
   Zub::Ptr<HwFlowTracking::FtStatus> hwFtStatus_;
-  Orrin::TaskScheduler& scheduler_;
   std::map<TemplateId, Zub::Ptr<const DataRecord>> dataRecord_;
   Zub::KeyedSubscriptions<TemplateId> groupSubs_;
   TemplateId setIdVal_;
