@@ -49,7 +49,18 @@ class Parser {
 
   std::string keyOf(const YAML::Node& k, const std::string& path) const {
     if (!k.IsScalar()) fail(k, path, "expected a name as key");
-    return k.as<std::string>();
+    std::string s = k.as<std::string>();
+    refuseControlCharacters(k, path, s);
+    return s;
+  }
+
+  // Names end up in log lines, the statistics table and the line-oriented tracker-id
+  // state file: a control character (a newline above all) has no place in them.
+  void refuseControlCharacters(const YAML::Node& n, const std::string& path,
+                               const std::string& s) const {
+    for (unsigned char c : s) {
+      if (c < 0x20 || c == 0x7f) fail(n, path, "a name must not contain control characters");
+    }
   }
 
   static std::string join(const std::string& path, const std::string& key) {
@@ -154,6 +165,7 @@ class Parser {
   std::string name(const YAML::Node& n, const std::string& path) const {
     std::string s = str(n, path);
     if (s.empty()) fail(n, path, "a name must not be empty");
+    refuseControlCharacters(n, path, s);
     if (s.size() > FlowTracking::Constants::confNameMaxLen()) {
       fail(n, path,
            "a name is at most " + std::to_string(FlowTracking::Constants::confNameMaxLen()) +

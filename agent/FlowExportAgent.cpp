@@ -33,10 +33,12 @@ const Zub::LogHandle FLOWEXPORT_CONFIG_REFUSED(
     "saved or on SIGHUP.",
     0.0, 1.0, kFacility);
 const Zub::LogHandle FLOWEXPORT_STATE_ERROR(
-    "FLOWEXPORT_STATE_ERROR", 4, "Tracker ids could not be saved: %s",
+    "FLOWEXPORT_STATE_ERROR", 4, "Tracker id state file: %s",
     "The file that keeps each tracker's observation domain id across restarts could not be "
-    "written; after a restart trackers may get other ids.",
-    "Check that the state directory exists and is writable.", 60.0, 1.0, kFacility);
+    "written, or held lines that were dropped (damaged, or edited by hand); the trackers "
+    "concerned get new ids.",
+    "Check that the state directory exists and is writable, and do not edit the file.", 60.0, 1.0,
+    kFacility);
 
 FlowExportAgent::FlowExportAgent(AgentOptions options) : options_(std::move(options)) {
   stats_ = Stova::Ipfix::CollectorStatistics::createShared(options_.statsName);

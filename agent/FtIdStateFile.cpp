@@ -12,6 +12,7 @@ namespace Agent {
 
 std::map<std::string, uint32_t> FtIdStateFile::load(std::string* warning) const {
   std::map<std::string, uint32_t> ids;
+  std::map<uint32_t, std::string> owners;  // an id belongs to the first line that names it
   std::ifstream in(path_);
   std::string line;
   int lineNo = 0;
@@ -31,7 +32,22 @@ std::map<std::string, uint32_t> FtIdStateFile::load(std::string* warning) const 
       if (warning) *warning += path_ + ":" + std::to_string(lineNo) + ": ignored malformed line\n";
       continue;
     }
-    ids[line.substr(space + 1)] = static_cast<uint32_t>(id);
+    const std::string name = line.substr(space + 1);
+    const auto owner = owners.find(static_cast<uint32_t>(id));
+    if (owner != owners.end() || ids.count(name)) {
+      // A repeated id or name (a hand-edited or damaged file): the later line is dropped
+      // and its tracker gets a fresh id.
+      if (warning) {
+        *warning +=
+            path_ + ":" + std::to_string(lineNo) + ": ignored line: " +
+            (owner != owners.end() ? "id " + std::to_string(id) + " is " + owner->second + "'s"
+                                   : "tracker " + name + " has an id already") +
+            "\n";
+      }
+      continue;
+    }
+    owners[static_cast<uint32_t>(id)] = name;
+    ids[name] = static_cast<uint32_t>(id);
   }
   return ids;
 }

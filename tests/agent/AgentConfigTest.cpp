@@ -105,6 +105,11 @@ TEST(AgentConfig, RefusalsNameFileLineFieldAndTheModelsMessage) {
        "          vrf: " +
            std::string(101, 'v') + "\n",
        "VrfName::bytes > VrfName::maxLength not allowed"},
+      // A newline in a name would break the line-oriented tracker-id state file.
+      {"flow-tracking:\n  trackers:\n    - name: \"note\\n2 aaa\"\n",
+       "f.yaml:3: flow-tracking.trackers[0].name: a name must not contain control characters"},
+      {"platform:\n  interfaces:\n    \"Eth\\tx\": {}\n",
+       "f.yaml:3: platform.interfaces: a name must not contain control characters"},
       {"flow-tracking:\n  enabeld: true\n",
        "f.yaml:2: flow-tracking.enabeld: unknown field (known: enabled, hardware-acceleration, "
        "sample-rate, trackers, interfaces)"},

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 
 #include "agent/FlowExportAgent.h"
@@ -103,6 +104,21 @@ TEST_F(AgentTest, TrackerIdsSurviveARestart) {
   // Without the kept ids, the only tracker would get id 1.
   EXPECT_EQ(agent->hwConfig()->hwFtConfig("a")->ftId().value(), 2u);
   EXPECT_FALSE(agent->hwConfig()->hwFtConfig("b"));
+}
+
+TEST_F(AgentTest, ARepeatedIdInTheStateFileIsDroppedNotFatal) {
+  std::filesystem::create_directories(dir.file("state"));
+  std::ofstream(dir.file("state/ftids")) << "7 alpha\n7 beta\n";
+  write("    - name: alpha\n    - name: beta\n", c1());
+  auto agent = makeAgent();
+  EXPECT_EQ(agent->hwConfig()->hwFtConfig("alpha")->ftId().value(), 7u);
+  EXPECT_EQ(agent->hwConfig()->hwFtConfig("beta")->ftId().value(), 1u);  // a fresh id
+  bool logged = false;
+  for (const auto& line : logs.lines()) {
+    logged =
+        logged || line.find("FLOWEXPORT_STATE_ERROR: Tracker id state file: ") != std::string::npos;
+  }
+  EXPECT_TRUE(logged);
 }
 
 TEST_F(AgentTest, SoftwareStatusMirrorsTheDefaultFlowGroups) {
