@@ -31,6 +31,19 @@ struct Family {
 
 class UdpPamFamilyTest : public ::testing::TestWithParam<Family> {};
 
+// Points the endpoint at the receiver, from `src`, with `dscp`.
+void aim(Nelo::UdpPam& pam, const Family& f, const char* src, uint16_t port, uint8_t dscp) {
+  if (f.v6) {
+    pam.txSrcIp6AddrIs(Nelo::Ip6Addr(src));
+    pam.txDstIp6AddrIs(Nelo::Ip6Addr(f.dst));
+  } else {
+    pam.txSrcIpAddrIs(Nelo::IpAddr(src));
+    pam.txDstIpAddrIs(Nelo::IpAddr(f.dst));
+  }
+  pam.txPortIs(port);
+  pam.txTosIs(dscp);
+}
+
 TEST_P(UdpPamFamilyTest, SourceDestinationPayloadAndDscpOnTheWire) {
   const Family f = GetParam();
   UdpReceiver rx(f.v6);
@@ -50,15 +63,7 @@ TEST_P(UdpPamFamilyTest, SourceDestinationPayloadAndDscpOnTheWire) {
        {Case{46, "first", false}, Case{0, "second", true}, Case{63, "third", false}}) {
     SCOPED_TRACE(int(c.dscp));
     const char* src = c.second ? f.src2 : f.src;
-    if (f.v6) {
-      pam->txSrcIp6AddrIs(Nelo::Ip6Addr(src));
-      pam->txDstIp6AddrIs(Nelo::Ip6Addr(f.dst));
-    } else {
-      pam->txSrcIpAddrIs(Nelo::IpAddr(src));
-      pam->txDstIpAddrIs(Nelo::IpAddr(f.dst));
-    }
-    pam->txPortIs(rx.port());
-    pam->txTosIs(c.dscp);
+    aim(*pam, f, src, rx.port(), c.dscp);
     ASSERT_TRUE(pam->txPkt(packetOf(c.payload))) << pam->lastErrno();
     auto d = rx.receive(2000ms);
     ASSERT_TRUE(d);
@@ -83,16 +88,7 @@ TEST_P(UdpPamFamilyTest, ABatchGoesOutInOrderFromItsSource) {
   // First a single packet from one source (the socket binds to it), then a batch from
   // the second: 70 packets, more than one system call's worth.
   for (int step = 0; step < 2; ++step) {
-    const char* src = step == 0 ? f.src : f.src2;
-    if (f.v6) {
-      pam->txSrcIp6AddrIs(Nelo::Ip6Addr(src));
-      pam->txDstIp6AddrIs(Nelo::Ip6Addr(f.dst));
-    } else {
-      pam->txSrcIpAddrIs(Nelo::IpAddr(src));
-      pam->txDstIpAddrIs(Nelo::IpAddr(f.dst));
-    }
-    pam->txPortIs(rx.port());
-    pam->txTosIs(10);
+    aim(*pam, f, step == 0 ? f.src : f.src2, rx.port(), 10);
     if (step == 0) {
       ASSERT_TRUE(pam->txPkt(packetOf("single")));
       continue;
