@@ -7,16 +7,19 @@
 
 namespace FlowTracking {
 
+static_assert(sizeof(DataRecord) == 64, "a record is one pool block");
+
 void DataRecord::append(const void* bytes, size_t len) {
   if (len == 0) return;
   if (len_ + len > cap_) {
     const size_t cap = std::max<size_t>(len_ + len, 2 * size_t{cap_});
-    std::unique_ptr<char[]> grown(new char[cap]);
-    std::memcpy(grown.get(), this->bytes(), len_);
-    heap_ = std::move(grown);
+    char* grown = new char[cap];
+    std::memcpy(grown, this->bytes(), len_);
+    if (onHeap()) delete[] heap();
+    std::memcpy(inline_, &grown, sizeof grown);
     cap_ = static_cast<uint32_t>(cap);
   }
-  std::memcpy((heap_ ? heap_.get() : inline_) + len_, bytes, len);
+  std::memcpy((onHeap() ? heap() : inline_) + len_, bytes, len);
   len_ += static_cast<uint32_t>(len);
 }
 

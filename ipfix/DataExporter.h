@@ -4,14 +4,16 @@
 // Zub::Ptr<const DataRecord> and never changed again.
 //
 // A record keeps up to kInlineBytes bytes inside itself (every interface, VRF and flow
-// key row fits), so a published table is one allocation per row and reading a record
-// touches one place in memory; longer records keep their bytes on the heap.
+// key row fits) in one cache line, so a published table is one block per row and
+// reading a record touches one line; longer records keep their bytes on the heap.
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string_view>
 
+#include "platform/zub/BlockPool.h"
 #include "platform/zub/Ptr.h"
 #include "platform/zub/Types.h"
 
@@ -19,9 +21,15 @@ namespace FlowTracking {
 
 class DataRecord : public Zub::PtrInterface {
  public:
-  static constexpr size_t kInlineBytes = 24;
+  // With the reference count and the length, exactly one 64-byte block.
+  static constexpr size_t kInlineBytes = 44;
 
   explicit DataRecord(std::string_view data = {}) { append(data.data(), data.size()); }
+  DataRecord(const DataRecord&) = delete;
+  DataRecord& operator=(const DataRecord&) = delete;
+  ~DataRecord() override {
+    if (onHeap()) delete[] heap();
+  }
   std::string_view data() const { return {bytes(), len_}; }
   void dataIs(std::string_view d) {
     len_ = 0;
@@ -35,12 +43,22 @@ class DataRecord : public Zub::PtrInterface {
   void appendU32(uint32_t v);
   void appendU64(uint64_t v);
 
+  // Records made one after another lie side by side (see BlockPool).
+  static void* operator new(size_t n) { return Zub::BlockPool<64>::allocate(n); }
+  static void operator delete(void* p, size_t n) noexcept { Zub::BlockPool<64>::release(p, n); }
+
  private:
-  const char* bytes() const { return heap_ ? heap_.get() : inline_; }
+  bool onHeap() const { return cap_ > kInlineBytes; }
+  // A longer record keeps its bytes on the heap and the pointer to them inline.
+  char* heap() const {
+    char* p;
+    std::memcpy(&p, inline_, sizeof p);
+    return p;
+  }
+  const char* bytes() const { return onHeap() ? heap() : inline_; }
 
   uint32_t len_ = 0;
   uint32_t cap_ = kInlineBytes;
-  std::unique_ptr<char[]> heap_;
   char inline_[kInlineBytes];
 };
 

@@ -17,13 +17,20 @@ Zub::Ptr<Nelo::Pkt> MessageBuilder::newPkt() const {
   return Nelo::globalPktManager().newPkt(maxSize_);
 }
 
-void MessageBuilder::startMsg() {
+void MessageBuilder::startMsg(Zub::Ptr<Message> reuse) {
   ZUB_ASSERT(!pkt());
   ZUB_ASSERT(offset() == 0);
-  pkt_ = newPkt();
+  if (reuse && reuse->reusable(maxSize_)) {
+    message_ = std::move(reuse);
+    message_->recordCountIs(0);
+    pkt_ = message_->pkt();
+    pkt_->bytesIs(maxSize_);
+  } else {
+    pkt_ = newPkt();
+    message_ = messageFactory(pkt_);
+  }
   buf_ = pkt_->data();
   pktBufSize_ = pkt_->bytes();
-  message_ = messageFactory(pkt_);
   offset_ = Nelo::IpfixConst::messageHeaderLen();
 }
 

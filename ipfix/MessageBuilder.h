@@ -34,6 +34,13 @@ class Message : public Zub::PtrInterface {
   uint32_t recordCount() const { return recordCount_; }
   void recordCountIs(uint32_t n) { recordCount_ = n; }
   size_t bytes() const { return pkt_->bytes(); }
+  // True when nothing but its one holder refers to this message or its packet (the
+  // message and its header view each hold the packet once) and the packet can carry
+  // `maxSize` bytes: then it may be filled anew.
+  bool reusable(size_t maxSize) const {
+    return references() == 1 && pkt_->references() == 2 &&
+           pkt_->bufSize() - pkt_->headroom() >= maxSize;
+  }
 
  private:
   Zub::Ptr<Nelo::Pkt> pkt_;
@@ -51,7 +58,9 @@ class MessageBuilder : public Zub::PtrInterface {
     return Nelo::IpfixConst::messageHeaderLen() + Nelo::IpfixConst::setHeaderLen() * n;
   }
 
-  void startMsg();
+  // Starts a message in a new buffer, or in `reuse` when it is reusable(maxSize()) (a
+  // finished message nobody else holds any more; it is overwritten).
+  void startMsg(Zub::Ptr<Message> reuse = nullptr);
   // Opens a set at the current offset; `setId` is 2, 3 or a template id.
   void startSet_(uint16_t setId);
   void finalizeSet_();

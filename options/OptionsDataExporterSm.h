@@ -12,6 +12,7 @@
 
 #include <map>
 #include <set>
+#include <vector>
 
 #include "export/ExportFamily.h"
 #include "ipfix/MessageBuilder.h"
@@ -33,16 +34,28 @@ class MessageWrapper : public Zub::PtrInterface {
  public:
   const Zub::Ptr<Message>& msg() const { return msg_; }
   void msgIs(const Zub::Ptr<Message>& m) { msg_ = m; }
-  const std::map<TemplateId, SetRecord>& setRecord() const { return setRecord_; }
+  // Empties the wrapper for another message and hands out the old one.
+  Zub::Ptr<Message> reset() {
+    setRecord_.clear();
+    return std::move(msg_);
+  }
+  // In the order the sets first appear; a message rarely holds more than two.
+  const std::vector<SetRecord>& setRecord() const { return setRecord_; }
   void setRecordInc(TemplateId id, uint64_t n = 1) {
-    setRecord_.try_emplace(id, id).first->second.count += n;
+    for (SetRecord& r : setRecord_) {
+      if (r.setId == id) {
+        r.count += n;
+        return;
+      }
+    }
+    setRecord_.emplace_back(id).count = n;
   }
   uint32_t recordCount() const { return msg_ ? msg_->recordCount() : 0; }
   size_t bytes() const { return msg_ ? msg_->bytes() : 0; }
 
  private:
   Zub::Ptr<Message> msg_;
-  std::map<TemplateId, SetRecord> setRecord_;
+  std::vector<SetRecord> setRecord_;
 };
 
 // A message builder and the wrapper of the message it is filling.
@@ -54,8 +67,22 @@ class BuilderWrapper {
   // Keeps the builder when both values are unchanged, makes a new one otherwise.
   void builderIs(uint16_t maxSize, uint32_t observationDomainId);
   void startMsg();
+  // Messages of an earlier build to fill anew where nobody else holds them, instead of
+  // allocating: rebuilding a large cache then allocates nothing.
+  void recycleFrom(Zub::LinkQueue<Zub::Ptr<MessageWrapper>>* old) { recycle_ = old; }
   // Bytes consumed, 0 when the record does not fit the current message.
-  uint32_t addSetRecord(TemplateId setId, const Zub::Ptr<const DataRecord>& record);
+  uint32_t addSetRecord(TemplateId setId, const Zub::Ptr<const DataRecord>& record) {
+    const std::string_view bytes = record->data();
+    const uint32_t consumed = addSetRecordBytes(builder_.get(), setId.value(), bytes.data(),
+                                                static_cast<uint32_t>(bytes.size()));
+    if (consumed == 0) return 0;
+    if (!(setId == runSetId_)) {
+      countRun_();
+      runSetId_ = setId;
+    }
+    ++runCount_;
+    return consumed;
+  }
   Zub::Ptr<MessageWrapper> finalizeMsg();
   bool hasRecords() const { return builder_->recordCount() > 0; }
   const Zub::Ptr<MessageBuilder>& builder() const { return builder_; }
@@ -69,6 +96,7 @@ class BuilderWrapper {
   Zub::Ptr<MessageWrapper> msgWrap_;
   TemplateId runSetId_;
   uint64_t runCount_ = 0;
+  Zub::LinkQueue<Zub::Ptr<MessageWrapper>>* recycle_ = nullptr;
 };
 
 // The records of one data set waiting to be sent as an incremental update.

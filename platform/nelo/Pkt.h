@@ -40,6 +40,11 @@ class Pkt : public Zub::PtrInterface {
     ZUB_ASSERT(len <= bytes_);
     bytes_ = len;
   }
+  // Sets the data region's length anew, e.g. to reuse a trimmed buffer whole.
+  void bytesIs(size_t len) {
+    ZUB_ASSERT(start_ + len <= size_);
+    bytes_ = len;
+  }
   // Pointer to byte `offset` of the data region (offset + n must lie within it).
   uint8_t* at(size_t offset, size_t n = 0) {
     ZUB_ASSERT(offset + n <= bytes_);

@@ -229,12 +229,17 @@ TEST_P(OptionsExportTest, TheCacheIsReusedUntilASourceOrTheMtuChanges) {
   intfTable->dataRecordIs(intfRecord(9));
   w.advance(60);
   EXPECT_EQ(sm->msgCacheBuildCount(), 1u);  // records alone are not a change
+  // A rebuild fills the old cache's messages anew, except one that somebody still holds.
+  const auto held = sm->msgCache().front();
+  const std::string heldBytes = held->msg()->pkt()->bytesString();
   intfTable->versionInc(1);
   w.advance(60);
   EXPECT_EQ(sm->msgCacheBuildCount(), 2u);
   auto rebuilt = data();
   ASSERT_EQ(rebuilt.size(), 2u);
   EXPECT_EQ(recordsOf(rebuilt[1]), 5u);
+  EXPECT_EQ(held->msg()->pkt()->bytesString(), heldBytes);
+  EXPECT_NE(sm->msgCache().front(), held);
   hw->ipfixMtuIs(IpfixMtu(1400));
   w.advance(60);
   EXPECT_EQ(sm->msgCacheBuildCount(), 3u);
