@@ -113,8 +113,8 @@ std::map<Name, uint32_t> chooseNumbers(const std::map<Name, std::optional<uint32
 void applyIntfIndexes(StatusEntities& s, const AgentConfig& cfg) {
   std::map<Nelo::IntfId, std::optional<uint32_t>> wanted;
   for (const InterfaceSpec& spec : cfg.interfaces) wanted[Nelo::IntfId(spec.name)] = spec.index;
-  std::map<Nelo::IntfId, uint32_t> current(s.intfIndexMap->intfIndexColl().begin(),
-                                           s.intfIndexMap->intfIndexColl().end());
+  std::map<Nelo::IntfId, uint32_t> current;
+  for (const auto& [intf, index] : s.intfIndexMap->intfIndexColl()) current[intf] = index;
   const auto chosen = chooseNumbers(wanted, current, 1);
   for (const auto& [intf, index] : current) {
     if (!chosen.count(intf)) s.intfIndexMap->intfDel(intf);

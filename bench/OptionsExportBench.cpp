@@ -141,7 +141,7 @@ void cacheBuild(uint32_t rows, uint32_t mtu) {
   auto* sm = rig.sm();
   const uint32_t limit = mtu - 48;
   const size_t records = rig.intfSource().dataRecordSize() + 5;  // and the other tables
-  const double ours = median(5, [&] {
+  const double ours = median(9, [&] {
     rig.intfSource().versionInc(1);  // the cache is stale
     sm->maybeBuildMsgCache();
   });
@@ -149,7 +149,7 @@ void cacheBuild(uint32_t rows, uint32_t mtu) {
   std::vector<std::string> encoded;
   for (const auto& r : rig.intfSource().dataRecordColl()) encoded.emplace_back(r->data());
   std::vector<std::vector<char>> messages;
-  const double copy = median(5, [&] {
+  const double copy = median(9, [&] {
     messages.clear();
     messages.emplace_back(limit);
     size_t off = 20;

@@ -7,7 +7,7 @@
 
 namespace FlowTracking {
 
-static_assert(sizeof(DataRecord) == 64, "a record is one pool block");
+static_assert(sizeof(DataRecord) == 48, "a record is one pool block");
 
 void DataRecord::append(const void* bytes, size_t len) {
   if (len == 0) return;

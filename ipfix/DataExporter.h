@@ -3,9 +3,9 @@
 // no set header). Records are built by appending field encodings, then published as
 // Zub::Ptr<const DataRecord> and never changed again.
 //
-// A record keeps up to kInlineBytes bytes inside itself (every interface, VRF and flow
-// key row fits) in one cache line, so a published table is one block per row and
-// reading a record touches one line; longer records keep their bytes on the heap.
+// A record keeps up to kInlineBytes bytes inside itself (interface and VRF rows with
+// names of up to 23 bytes, flow key rows), so a published table is one 48-byte block per
+// row, the rows side by side; longer records keep their bytes on the heap.
 
 #include <cstddef>
 #include <cstdint>
@@ -21,8 +21,8 @@ namespace FlowTracking {
 
 class DataRecord : public Zub::PtrInterface {
  public:
-  // With the reference count and the length, exactly one 64-byte block.
-  static constexpr size_t kInlineBytes = 44;
+  // With the reference count and the length, exactly one 48-byte block.
+  static constexpr size_t kInlineBytes = 28;
 
   explicit DataRecord(std::string_view data = {}) { append(data.data(), data.size()); }
   DataRecord(const DataRecord&) = delete;
@@ -44,8 +44,8 @@ class DataRecord : public Zub::PtrInterface {
   void appendU64(uint64_t v);
 
   // Records made one after another lie side by side (see BlockPool).
-  static void* operator new(size_t n) { return Zub::BlockPool<64>::allocate(n); }
-  static void operator delete(void* p, size_t n) noexcept { Zub::BlockPool<64>::release(p, n); }
+  static void* operator new(size_t n) { return Zub::BlockPool<48>::allocate(n); }
+  static void operator delete(void* p, size_t n) noexcept { Zub::BlockPool<48>::release(p, n); }
 
  private:
   bool onHeap() const { return cap_ > kInlineBytes; }

@@ -97,22 +97,32 @@ class OptionsDataContainer : public Zub::Entity {
   }
 };
 
+// Puts `record` (null: nothing) in the place of `key`'s row; returns the row's previous
+// record, if any.
+template <class K>
+Zub::Ptr<const DataRecord> exchangeRow(std::map<K, Zub::Ptr<const DataRecord>>& rows, const K& key,
+                                       const Zub::Ptr<const DataRecord>& record) {
+  Zub::Ptr<const DataRecord> old;
+  auto it = rows.find(key);
+  if (it != rows.end()) {
+    old = std::move(it->second);
+    rows.erase(it);
+  }
+  if (record) rows.emplace(key, record);
+  return old;
+}
+
 // One row of a source's table changed: the row's old record leaves the source; the new
 // one, if any, is pushed at once through the update and enters the source; the version
-// is raised so that the next full transmission is rebuilt.
-template <class K>
+// is raised so that the next full transmission is rebuilt. `published` is the source's
+// own row map (anything exchangeRow() takes).
+template <class Rows, class K>
 void replaceRow(OptionsDataSource& source, OptionsDataUpdate& update, TemplateId setId,
-                std::map<K, Zub::Ptr<const DataRecord>>& published, const K& key,
-                const Zub::Ptr<const DataRecord>& record) {
-  auto old = published.find(key);
-  if (old != published.end()) {
-    source.dataRecordDel(old->second);
-    published.erase(old);
-  }
+                Rows& published, const K& key, const Zub::Ptr<const DataRecord>& record) {
+  if (auto old = exchangeRow(published, key, record)) source.dataRecordDel(old);
   if (record) {
     update.addUpdate(setId, record);
     source.dataRecordIs(record);
-    published[key] = record;
   }
   source.versionInc(1);
 }

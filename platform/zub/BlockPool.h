@@ -1,17 +1,17 @@
 #pragma once
-// BlockPool<Size>: fixed-size, cache-line-aligned blocks for small objects that exist by
-// the million (encoded table rows). Blocks come from 64 KiB slabs handed out in address
-// order, so objects made one after another sit side by side and a walk over them reads
-// memory in order instead of chasing allocations scattered by everything made between
-// them. Freed blocks go to the freeing thread's list and are reused first; slabs are
-// kept for the life of the process.
+// BlockPool<Size>: fixed-size blocks for small objects that exist by the million
+// (encoded table rows), without the allocator's 8-byte header and 16-byte rounding per
+// object. Blocks come from 64 KiB slabs handed out in address order, so objects made one after
+// another sit side by side and a walk over them reads memory in order instead of chasing
+// allocations scattered by everything made between them. Freed blocks go to the freeing thread's
+// list and are reused first; slabs are kept for the life of the process.
 //
 // Under AddressSanitizer every block is an ordinary allocation, so use-after-free and
 // overflows of pooled objects stay visible.
 //
 // Use as a class's allocator:
-//   static void* operator new(size_t n) { return Zub::BlockPool<64>::allocate(n); }
-//   static void operator delete(void* p) { Zub::BlockPool<64>::release(p); }
+//   static void* operator new(size_t n) { return Zub::BlockPool<48>::allocate(n); }
+//   static void operator delete(void* p, size_t n) { Zub::BlockPool<48>::release(p, n); }
 
 #include <cstddef>
 #include <cstdint>
@@ -33,7 +33,7 @@ namespace Zub {
 template <size_t Size>
 class BlockPool {
  public:
-  static_assert(Size >= sizeof(void*) && Size % 64 == 0, "blocks are whole cache lines");
+  static_assert(Size >= sizeof(void*) && Size % 16 == 0, "blocks keep 16-byte alignment");
   static constexpr size_t kSlabBytes = 64 * 1024;
   static constexpr size_t kBlocksPerSlab = kSlabBytes / Size;
 
@@ -41,13 +41,13 @@ class BlockPool {
   static void* allocate(size_t n) {
     if (n > Size) return ::operator new(n);  // a larger derived class
 #ifdef ZUB_BLOCKPOOL_PASSTHROUGH
-    return ::operator new (Size, std::align_val_t{64});
+    return ::operator new(Size);
 #else
     Local& l = local();
     if (l.free) return std::exchange(l.free, l.free->next);
     if (l.next == l.end) {
       l.next = newSlab();
-      l.end = l.next + kSlabBytes;
+      l.end = l.next + kBlocksPerSlab * Size;
     }
     void* p = l.next;
     l.next += Size;
@@ -63,7 +63,7 @@ class BlockPool {
       return;
     }
 #ifdef ZUB_BLOCKPOOL_PASSTHROUGH
-    ::operator delete (p, std::align_val_t{64});
+    ::operator delete(p);
 #else
     Local& l = local();
     l.free = new (p) FreeBlock{l.free};
@@ -87,6 +87,7 @@ class BlockPool {
   static char* newSlab() {
     static std::mutex m;
     static std::vector<char*> slabs;
+    // The last kSlabBytes % Size bytes of a slab stay unused.
     char* s = static_cast<char*>(::operator new (kSlabBytes, std::align_val_t{64}));
     const std::lock_guard<std::mutex> g(m);
     slabs.push_back(s);

@@ -35,6 +35,7 @@
 #include <vector>
 
 #include "platform/zub/Entity.h"
+#include "platform/zub/PositionIndex.h"
 
 namespace Zub {
 
@@ -244,7 +245,7 @@ class Set {
   Set(const Set&) = delete;
   Set& operator=(const Set&) = delete;
 
-  bool has(const T& v) const { return index_.count(v) != 0; }
+  bool has(const T& v) const { return find(v) != PositionIndex::kNone; }
   size_t size() const { return items_.size(); }
   bool empty() const { return items_.empty(); }
   auto begin() const { return items_.begin(); }
@@ -256,21 +257,22 @@ class Set {
     if constexpr (kPointers) {
       if (!v) owner_.refuseNull();
     }
-    if (!index_.emplace(v, items_.size()).second) return false;
+    if (has(v)) return false;
     items_.push_back(v);
+    index_.insert(Hash<T>()(v), static_cast<uint32_t>(items_.size() - 1), hashAt());
     const T copy = v;
     signal_.emit(copy);
     return true;
   }
   bool erase(const T& v) {
-    auto it = index_.find(v);
-    if (it == index_.end()) return false;
+    const uint32_t slot = find(v);
+    if (slot == PositionIndex::kNone) return false;
     const T old = v;  // released after the notification
-    const size_t slot = it->second;
-    index_.erase(it);
-    if (slot + 1 != items_.size()) {
-      items_[slot] = std::move(items_.back());
-      index_[items_[slot]] = slot;
+    index_.erase(Hash<T>()(v), slot, hashAt());
+    const uint32_t last = static_cast<uint32_t>(items_.size() - 1);
+    if (slot != last) {
+      index_.move(Hash<T>()(items_[last]), last, slot);
+      items_[slot] = std::move(items_[last]);
     }
     items_.pop_back();
     signal_.emit(old);
@@ -283,9 +285,16 @@ class Set {
   Signal<T>& signal() { return signal_; }
 
  private:
+  uint32_t find(const T& v) const {
+    return index_.find(Hash<T>()(v), [&](uint32_t pos) { return items_[pos] == v; });
+  }
+  auto hashAt() const {
+    return [this](uint32_t pos) { return Hash<T>()(items_[pos]); };
+  }
+
   CollectionOwner owner_;
   std::vector<T> items_;
-  std::unordered_map<T, size_t, Hash<T>> index_;
+  PositionIndex index_;  // 4 bytes a slot, at most half full
   Signal<T> signal_;
 };
 

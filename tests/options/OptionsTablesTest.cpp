@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "options/OptionsDataManagerSm.h"
 #include "tests/support/Bytes.h"
 #include "tests/support/ExportWorld.h"
@@ -75,6 +77,14 @@ TEST(OptionsTables, InterfaceAndVrfTablesFollowTheirMapsPlusTheReservedRows) {
   t.intfIndexMap->intfIs("Ethernet2", 20);
   EXPECT_EQ(intfSource->dataRecordSize(), 2u + 4);
   EXPECT_EQ(hexOf(t.update->update().second), toHex(hexBytes("00000014 09") + "Ethernet2"));
+  // An index another interface holds moves: that interface's row goes with it.
+  t.intfIndexMap->intfIs("Ethernet3", 20);
+  EXPECT_FALSE(t.intfIndexMap->intfIndexHas("Ethernet2"));
+  EXPECT_EQ(t.intfIndexMap->intfId(20), Nelo::IntfId("Ethernet3"));
+  EXPECT_EQ(intfSource->dataRecordSize(), 1u + 4);
+  EXPECT_FALSE(intf->dataRecord().get("Ethernet2"));
+  EXPECT_EQ(hexOf(intf->dataRecord().get("Ethernet3")),
+            toHex(hexBytes("00000014 09") + "Ethernet3"));
 
   t.vrfIdMap->vrfIdToNameIs(5, "red");
   auto vrfSource = t.coll->sourceIs("VrfTable", VrfTableSm::setId());
@@ -86,6 +96,39 @@ TEST(OptionsTables, InterfaceAndVrfTablesFollowTheirMapsPlusTheReservedRows) {
   t.vrfIdMap->vrfIdToNameDel(5);
   EXPECT_EQ(vrfSource->dataRecordSize(), 1u);  // the reserved row stays
   EXPECT_EQ(vrf->dataRecords(), 0u);
+}
+
+// The map stays one-to-one and finds every entry both ways through a long run of
+// additions, re-indexings, take-overs and removals; the interface table follows it row
+// for row.
+TEST(OptionsTables, TheInterfaceMapAndTableStayExactThroughChurn) {
+  Tables t;
+  auto intfSource = t.coll->sourceIs("InterfaceTable", InterfaceTableSm::setId());
+  auto intf = Zub::makeReactor<InterfaceTableSm>(intfSource, t.update, t.intfIndexMap);
+  std::map<std::string, uint32_t> model;
+  uint32_t rng = 7;
+  for (int step = 0; step < 5000; ++step) {
+    rng = rng * 1103515245 + 12345;
+    const std::string name = "Ethernet" + std::to_string((rng >> 8) % 200);
+    const uint32_t index = 1 + (rng >> 16) % 150;
+    if ((rng >> 28) % 4 == 0) {
+      t.intfIndexMap->intfDel(name);
+      model.erase(name);
+    } else {
+      t.intfIndexMap->intfIs(name, index);
+      std::erase_if(model, [&](const auto& e) { return e.second == index; });
+      model[name] = index;
+    }
+  }
+  ASSERT_EQ(t.intfIndexMap->intfIndexSize(), model.size());
+  ASSERT_EQ(intf->dataRecords(), model.size());
+  ASSERT_EQ(intfSource->dataRecordSize(), model.size() + 4);
+  for (const auto& [name, index] : model) {
+    EXPECT_EQ(t.intfIndexMap->intfIndex(name), index) << name;
+    EXPECT_EQ(t.intfIndexMap->intfId(index), Nelo::IntfId(name)) << index;
+    EXPECT_EQ(hexOf(intf->dataRecord().get(name)),
+              hexOf(InterfaceTableSm::makeDataRecord(name, index)));
+  }
 }
 
 TEST(OptionsTables, FlowKeysOfCompleteConsistentTemplatesOnly) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <vector>
 
 #include "platform/zub/Collection.h"
@@ -206,6 +207,66 @@ TEST(Set, ElementsByIdentityNotifyingInsertAndRemoveOnce) {
   s->recordDelAll();
   EXPECT_EQ(s->recordSize(), 0u);
   EXPECT_EQ(seen, (std::vector<std::string>{"a", "a", "a", "a"}));
+}
+
+// Forty distinct hashes for 300 values: long probe runs that meet.
+struct Colliding {
+  int v;
+  size_t hash() const { return static_cast<size_t>(v % 40); }
+  friend bool operator==(const Colliding&, const Colliding&) = default;
+};
+
+TEST(Set, StaysExactThroughManyInsertionsAndRemovalsOfCollidingElements) {
+  Zub::Set<Colliding> set;
+  std::set<int> model;
+  uint32_t rng = 12345;
+  for (int step = 0; step < 20000; ++step) {
+    rng = rng * 1103515245 + 12345;
+    const int v = static_cast<int>((rng >> 8) % 300);
+    if ((rng >> 20) % 3 == 0) {
+      EXPECT_EQ(set.erase({v}), model.erase(v) == 1) << "step " << step;
+    } else {
+      EXPECT_EQ(set.insert({v}), model.insert(v).second) << "step " << step;
+    }
+    if (step % 997 == 0 || step == 19999) {
+      ASSERT_EQ(set.size(), model.size());
+      for (int k = 0; k < 300; ++k) ASSERT_EQ(set.has({k}), model.count(k) == 1) << k;
+    }
+  }
+  std::set<int> walked;
+  for (const Colliding& c : set) walked.insert(c.v);
+  EXPECT_EQ(walked, model);
+}
+
+// The hash whose home slot is `slot` in a table of 2^bits slots: the index multiplies by
+// an odd constant and keeps the top bits, so multiplying by its inverse picks the slot.
+size_t hashHomedAt(uint64_t slot, unsigned bits) {
+  const uint64_t k = 0x9E3779B97F4A7C15ull;
+  uint64_t inv = k;  // Newton's iteration doubles the correct low bits each step
+  for (int i = 0; i < 5; ++i) inv *= 2 - k * inv;
+  return static_cast<size_t>((slot << (64 - bits)) * inv);
+}
+
+TEST(PositionIndex, RemovalPullsLaterMembersBackAcrossTheTablesEnd) {
+  // Eight slots: a (home 6) at 6, b (home 7) at 7, c (home 7) wraps to 0, d (home 6) to 1.
+  std::vector<size_t> hashes = {hashHomedAt(6, 3), hashHomedAt(7, 3), hashHomedAt(7, 3),
+                                hashHomedAt(6, 3)};
+  auto hashOf = [&](uint32_t pos) { return hashes[pos]; };
+  Zub::PositionIndex index;
+  for (uint32_t pos = 0; pos < 4; ++pos) index.insert(hashes[pos], pos, hashOf);
+  auto find = [&](uint32_t pos) {
+    return index.find(hashes[pos], [&](uint32_t p) { return p == pos; });
+  };
+  index.erase(hashes[0], 0, hashOf);  // a: b and c stay, d moves back to 6
+  EXPECT_EQ(index.size(), 3u);
+  EXPECT_EQ(find(0), Zub::PositionIndex::kNone);
+  for (uint32_t pos : {1u, 2u, 3u}) EXPECT_EQ(find(pos), pos);
+  index.erase(hashes[1], 1, hashOf);  // b: c comes back from 0 to 7
+  for (uint32_t pos : {2u, 3u}) EXPECT_EQ(find(pos), pos);
+  index.move(hashes[3], 3, 0);  // d's element moved to position 0
+  hashes[0] = hashes[3];
+  EXPECT_EQ(find(0), 0u);
+  EXPECT_EQ(index.size(), 2u);
 }
 
 TEST(LinkQueue, IndexesIncreaseWrapAndAddressElements) {
