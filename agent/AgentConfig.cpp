@@ -7,6 +7,9 @@
 #include <fstream>
 #include <set>
 #include <sstream>
+#include <vector>
+
+#include <sys/stat.h>
 
 #include "platform/nelo/IntfId.h"
 
@@ -36,6 +39,7 @@ class Parser {
   void expectMap(const YAML::Node& n, const std::string& path,
                  std::initializer_list<const char*> known) const {
     if (!n.IsMap()) fail(n, path, "expected a mapping");
+    uniqueKeys(n, path);
     std::set<std::string> ok(known.begin(), known.end());
     for (const auto& kv : n) {
       const std::string key = keyOf(kv.first, path);
@@ -44,6 +48,16 @@ class Parser {
         for (const char* k : known) list += std::string(list.empty() ? "" : ", ") + k;
         fail(kv.first, join(path, key), "unknown field (known: " + list + ")");
       }
+    }
+  }
+
+  // YAML wants the keys of a mapping unique; the parser would keep the first silently,
+  // so a line appended to switch something off would not.
+  void uniqueKeys(const YAML::Node& n, const std::string& path) const {
+    std::set<std::string> seen;
+    for (const auto& kv : n) {
+      const std::string key = keyOf(kv.first, path);
+      if (!seen.insert(key).second) fail(kv.first, join(path, key), "given twice");
     }
   }
 
@@ -272,7 +286,7 @@ class Parser {
 
   AgentConfig document(const YAML::Node& root) const {
     AgentConfig c;
-    if (root.IsNull()) return c;
+    if (root.IsNull()) fail(root, "", kNoSection);
     expectMap(root, "", {"flow-tracking", "platform"});
     if (const YAML::Node ft = root["flow-tracking"]) {
       const std::string p = "flow-tracking";
@@ -288,6 +302,11 @@ class Parser {
       }
       std::set<std::string> names;
       if (ft["trackers"]) {
+        // Each tracker takes one observation domain id of 1..65535.
+        if (ft["trackers"].IsSequence() && ft["trackers"].size() > 65535) {
+          fail(ft["trackers"], join(p, "trackers"),
+               "at most 65535 trackers (each needs an observation domain id of 1..65535)");
+        }
         list(ft["trackers"], join(p, "trackers"), [&](const YAML::Node& t, const std::string& tp) {
           c.trackers.push_back(tracker(t, tp));
           if (!names.insert(c.trackers.back().name).second) {
@@ -298,9 +317,12 @@ class Parser {
       if (const YAML::Node intfs = ft["interfaces"]) {
         const std::string ip = join(p, "interfaces");
         if (!intfs.IsMap()) fail(intfs, ip, "expected a mapping of interface: tracker");
+        uniqueKeys(intfs, ip);
         for (const auto& kv : intfs) {
           const std::string intf = keyOf(kv.first, ip);
-          c.interfaceTracker[intf] = name(kv.second, join(ip, intf));
+          const std::string tracker = name(kv.second, join(ip, intf));
+          if (!names.count(tracker)) fail(kv.second, join(ip, intf), "no tracker named " + tracker);
+          c.interfaceTracker[intf] = tracker;
         }
       }
     }
@@ -308,6 +330,7 @@ class Parser {
       expectMap(pl, "platform", {"interfaces", "vrfs"});
       if (const YAML::Node intfs = pl["interfaces"]) {
         if (!intfs.IsMap()) fail(intfs, "platform.interfaces", "expected a mapping of interfaces");
+        uniqueKeys(intfs, "platform.interfaces");
         for (const auto& kv : intfs) {
           const std::string intf = keyOf(kv.first, "platform.interfaces");
           c.interfaces.push_back(interface(intf, kv.second, "platform.interfaces." + intf));
@@ -315,16 +338,22 @@ class Parser {
       }
       if (const YAML::Node vrfs = pl["vrfs"]) {
         if (!vrfs.IsMap()) fail(vrfs, "platform.vrfs", "expected a mapping of VRFs");
+        uniqueKeys(vrfs, "platform.vrfs");
         for (const auto& kv : vrfs) {
           const std::string v = keyOf(kv.first, "platform.vrfs");
           c.vrfs.push_back(vrfSpec(v, kv.second, "platform.vrfs." + v));
         }
       }
     }
+    // An empty or truncated file must not switch export off by accident.
+    if (!root["flow-tracking"]) fail(root, "", kNoSection);
     return c;
   }
 
  private:
+  static constexpr const char* kNoSection =
+      "no flow-tracking section; write `flow-tracking: {enabled: false}` to disable";
+
   std::string file_;
 };
 
@@ -333,7 +362,13 @@ class Parser {
 AgentConfig parseConfig(const std::string& yamlText, const std::string& fileName) {
   YAML::Node root;
   try {
-    root = YAML::Load(yamlText);
+    std::vector<YAML::Node> docs = YAML::LoadAll(yamlText);
+    if (docs.size() > 1) {
+      const int line = docs[1].Mark().line;
+      throw ConfigError(fileName, line >= 0 ? line + 1 : 0, "",
+                        "a second YAML document; the file holds one");
+    }
+    if (!docs.empty()) root = docs[0];
   } catch (const YAML::Exception& e) {
     throw ConfigError(fileName, e.mark.line >= 0 ? e.mark.line + 1 : 0, "", e.msg);
   }
@@ -347,12 +382,26 @@ AgentConfig parseConfig(const std::string& yamlText, const std::string& fileName
 }
 
 AgentConfig loadConfigFile(const std::string& path) {
-  std::ifstream in(path);
+  std::ifstream in(path, std::ios::binary);
   if (!in)
     throw ConfigError(path, 0, "", std::string("cannot read the file: ") + std::strerror(errno));
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return parseConfig(ss.str(), path);
+  struct stat st{};
+  if (::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
+    throw ConfigError(path, 0, "", "not a regular file");
+  // A file past the limit is refused before it is read whole (a device, a runaway
+  // generator).
+  std::string text;
+  char chunk[64 * 1024];
+  while (in.read(chunk, sizeof chunk) || in.gcount() > 0) {
+    text.append(chunk, static_cast<size_t>(in.gcount()));
+    if (text.size() > kMaxConfigBytes) {
+      throw ConfigError(path, 0, "",
+                        "larger than " + std::to_string(kMaxConfigBytes >> 20) + " MiB");
+    }
+  }
+  if (in.bad())
+    throw ConfigError(path, 0, "", std::string("cannot read the file: ") + std::strerror(errno));
+  return parseConfig(text, path);
 }
 
 const std::string& embeddedDefaultConfig() {

@@ -83,6 +83,8 @@ class ConfigError : public std::runtime_error {
 
 // Parses and validates; raises ConfigError.
 AgentConfig parseConfig(const std::string& yamlText, const std::string& fileName);
+// The largest configuration file read; a larger one is refused.
+inline constexpr size_t kMaxConfigBytes = 64u << 20;
 AgentConfig loadConfigFile(const std::string& path);
 
 // The configuration the agent runs on when it is given no file: one tracker whose

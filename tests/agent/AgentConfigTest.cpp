@@ -64,8 +64,18 @@ platform:
   EXPECT_FALSE(d.enabled);
   EXPECT_EQ(d.trackers[0].activeInterval.value(), 300000u);
   EXPECT_EQ(d.trackers[0].exporters[0].mtu.value(), 9152u);
-  EXPECT_EQ(parseConfig("", "empty").trackers.size(), 0u);
   EXPECT_NO_THROW(parseConfig(Agent::embeddedDefaultConfig(), "default"));
+}
+
+TEST(AgentConfig, OnlyARegularFileIsRead) {
+  for (const char* path : {"/dev/null", "/dev/zero", "."}) {
+    try {
+      Agent::loadConfigFile(path);
+      ADD_FAILURE() << path << " accepted";
+    } catch (const ConfigError& e) {
+      EXPECT_EQ(std::string(e.what()), std::string(path) + ": not a regular file");
+    }
+  }
 }
 
 TEST(AgentConfig, TheShippedExampleIsValid) {
@@ -125,6 +135,28 @@ TEST(AgentConfig, RefusalsNameFileLineFieldAndTheModelsMessage) {
        "f.yaml:3: flow-tracking.interfaces: expected a name as key"},
       {"platform:\n  interfaces:\n    Ethernet1: {members: [Ethernet2]}\n",
        "f.yaml:3: platform.interfaces.Ethernet1.members: only a Port-Channel has members"},
+      // Nothing that reads as "no configuration" switches export off: an empty, a
+      // comment-only or a section-less file is refused, saying how to disable.
+      {"", "f.yaml: no flow-tracking section; write `flow-tracking: {enabled: false}` to disable"},
+      {"# nothing yet\n", "f.yaml: no flow-tracking section"},
+      {"---\n", "f.yaml:2: no flow-tracking section"},
+      {"~\n", "f.yaml:1: no flow-tracking section"},
+      {"platform:\n  vrfs: {default: active}\n", "f.yaml:1: no flow-tracking section"},
+      // A line appended to switch export off must not be ignored, nor a second document.
+      {"flow-tracking:\n  enabled: true\nflow-tracking:\n  enabled: false\n",
+       "f.yaml:3: flow-tracking: given twice"},
+      {"flow-tracking:\n  trackers:\n    - name: t\n      exporters:\n"
+       "        - {name: e, mtu: 600, mtu: 99999}\n",
+       "f.yaml:5: flow-tracking.trackers[0].exporters[0].mtu: given twice"},
+      {"flow-tracking: {enabled: true}\nplatform:\n  vrfs: {red: active, red: inactive}\n",
+       "f.yaml:3: platform.vrfs.red: given twice"},
+      {"flow-tracking: {enabled: true}\n---\nflow-tracking: {enabled: false}\n",
+       "f.yaml:3: a second YAML document; the file holds one"},
+      {"flow-tracking:\n  trackers:\n    - name: t1\n  interfaces:\n    Ethernet1: t-one\n",
+       "f.yaml:5: flow-tracking.interfaces.Ethernet1: no tracker named t-one"},
+      // Each tracker needs an observation domain id of 1..65535.
+      {"flow-tracking:\n  trackers: [" + std::string(65535 * 2, ',').replace(0, 1, "x") + "]\n",
+       "f.yaml:2: flow-tracking.trackers: at most 65535 trackers"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.yaml);
