@@ -385,7 +385,7 @@ AgentConfig loadConfigFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in)
     throw ConfigError(path, 0, "", std::string("cannot read the file: ") + std::strerror(errno));
-  struct stat st{};
+  struct stat st {};
   if (::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
     throw ConfigError(path, 0, "", "not a regular file");
   // A file past the limit is refused before it is read whole (a device, a runaway

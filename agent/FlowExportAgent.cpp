@@ -109,6 +109,14 @@ bool FlowExportAgent::reload() {
     return false;
   }
   GLINT(trace(), 1) << "Applying " << options_.configFile;
+  if (cfg.enabled && !config_->enabled()) {
+    // Coming back from disabled: the trackers are put in place while still disabled,
+    // given the ids the state file kept for them, and only then switched on.
+    AgentConfig staged = cfg;
+    staged.enabled = false;
+    applyFlowTracking(config_, staged);
+    restoreFtIds_();
+  }
   applyPlatform(status_, cfg);
   applyFlowTracking(config_, cfg);
   FLOWEXPORT_CONFIG_LOADED.log(options_.configFile);
@@ -165,6 +173,11 @@ void FlowExportAgent::restoreFtIds_() {
 }
 
 void FlowExportAgent::saveFtIds_() {
+  // While flow tracking is disabled the trackers are gone from the hardware
+  // configuration but keep their ids: the file is left as it is and read again when
+  // tracking comes back. A file that could not be read was reported at start and is
+  // left alone too.
+  if (!config_->enabled() || !stateFile_->readable()) return;
   std::map<std::string, uint32_t> ids;
   for (const auto& [name, ft] : hwConfig_->hwFtConfigColl()) ids[name] = ft->ftId().value();
   std::string error;
@@ -178,7 +191,7 @@ void FlowExportAgent::watchConfigFile_() {
   if (dir.empty()) dir = ".";
   inotifyFd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (inotifyFd_ < 0 ||
-      ::inotify_add_watch(inotifyFd_, dir.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE) < 0) {
+      ::inotify_add_watch(inotifyFd_, dir.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO) < 0) {
     GLINT(trace(), 0) << "cannot watch " << dir << ": " << std::strerror(errno)
                       << "; reload with SIGHUP";
     return;

@@ -1,5 +1,6 @@
 #include "agent/FtIdStateFile.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,10 +11,25 @@
 
 namespace Agent {
 
-std::map<std::string, uint32_t> FtIdStateFile::load(std::string* warning) const {
+std::map<std::string, uint32_t> FtIdStateFile::load(std::string* warning) {
   std::map<std::string, uint32_t> ids;
   std::map<uint32_t, std::string> owners;  // an id belongs to the first line that names it
+  auto unreadable = [&](int err) {
+    readable_ = false;
+    if (warning) {
+      *warning += "cannot read " + path_ + ": " + std::strerror(err) +
+                  "; it is kept as it is and not written until it can be read at a start\n";
+    }
+    return std::map<std::string, uint32_t>();
+  };
+  readable_ = true;
+  struct stat st {};
+  if (::stat(path_.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) return unreadable(EISDIR);
   std::ifstream in(path_);
+  if (!in) {
+    if (errno == ENOENT) return ids;  // the first start
+    return unreadable(errno);
+  }
   std::string line;
   int lineNo = 0;
   while (std::getline(in, line)) {
@@ -49,10 +65,15 @@ std::map<std::string, uint32_t> FtIdStateFile::load(std::string* warning) const 
     owners[static_cast<uint32_t>(id)] = name;
     ids[name] = static_cast<uint32_t>(id);
   }
+  if (in.bad() || (!in.eof() && in.fail())) return unreadable(errno ? errno : EIO);
   return ids;
 }
 
 bool FtIdStateFile::save(const std::map<std::string, uint32_t>& ids, std::string* error) const {
+  if (!readable_) {
+    if (error) *error = "not writing " + path_ + ": it could not be read at start";
+    return false;
+  }
   std::error_code ec;
   const auto dir = std::filesystem::path(path_).parent_path();
   if (!dir.empty()) std::filesystem::create_directories(dir, ec);
@@ -67,7 +88,8 @@ bool FtIdStateFile::save(const std::map<std::string, uint32_t>& ids, std::string
     for (const auto& [name, id] : ids) out << id << ' ' << name << '\n';
     out.flush();
     if (!out) {
-      if (error) *error = "cannot write " + tmp;
+      if (error) *error = "cannot write " + tmp + ": " + std::strerror(errno);
+      ::unlink(tmp.c_str());
       return false;
     }
   }

@@ -12,14 +12,19 @@ class FtIdStateFile {
   explicit FtIdStateFile(std::string path) : path_(std::move(path)) {}
   const std::string& path() const { return path_; }
   // The saved assignment; empty when there is no file. Malformed lines are skipped and
-  // described in `warning`.
-  std::map<std::string, uint32_t> load(std::string* warning = nullptr) const;
+  // described in `warning`. A file that exists but cannot be read is described there
+  // too, and from then on save() refuses to replace it: the ids it holds are not lost
+  // because of a permission or an I/O error.
+  std::map<std::string, uint32_t> load(std::string* warning = nullptr);
   // Writes the assignment atomically (a temporary file renamed over the old one).
   // Returns false with the reason in `error`.
   bool save(const std::map<std::string, uint32_t>& ids, std::string* error) const;
+  // False after a load() that could not read an existing file.
+  bool readable() const { return readable_; }
 
  private:
   std::string path_;
+  bool readable_ = true;
 };
 
 }  // namespace Agent

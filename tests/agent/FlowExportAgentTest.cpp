@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "agent/FlowExportAgent.h"
+#include "agent/FtIdStateFile.h"
 #include "tests/support/Decoders.h"
 #include "tests/support/Network.h"
 
@@ -119,6 +120,75 @@ TEST_F(AgentTest, ARepeatedIdInTheStateFileIsDroppedNotFatal) {
         logged || line.find("FLOWEXPORT_STATE_ERROR: Tracker id state file: ") != std::string::npos;
   }
   EXPECT_TRUE(logged);
+}
+
+TEST_F(AgentTest, TrackerIdsSurviveADisabledPeriod) {
+  write("    - name: alpha\n", c1());
+  auto agent = makeAgent();
+  auto idOf = [&](const char* t) { return agent->hwConfig()->hwFtConfig(t)->ftId().value(); };
+  for (const char* trackers : {"    - name: alpha\n", "    - name: alpha\n    - name: beta\n",
+                               "    - name: alpha\n    - name: beta\n    - name: gamma\n"}) {
+    write(trackers, c1());
+    ASSERT_TRUE(agent->reload());
+    agent->scheduler().runReady();
+  }
+  EXPECT_EQ(idOf("gamma"), 3u);
+  auto stateFile = [&] {
+    std::ifstream in(dir.file("state/ftids"));
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  const std::string kept = stateFile();
+
+  // Disabled: the trackers go, the file stays; enabled again with one more tracker: the
+  // three keep their ids and the new one gets a free one.
+  std::ofstream(file) << "flow-tracking:\n  enabled: false\n";
+  ASSERT_TRUE(agent->reload());
+  agent->scheduler().runReady();
+  EXPECT_EQ(agent->hwConfig()->hwFtConfigSize(), 0u);
+  EXPECT_EQ(stateFile(), kept);
+  write("    - name: gamma\n    - name: delta\n    - name: beta\n    - name: alpha\n", c1());
+  ASSERT_TRUE(agent->reload());
+  agent->scheduler().runReady();
+  EXPECT_EQ(idOf("alpha"), 1u);
+  EXPECT_EQ(idOf("beta"), 2u);
+  EXPECT_EQ(idOf("gamma"), 3u);
+  EXPECT_EQ(idOf("delta"), 4u);
+}
+
+TEST_F(AgentTest, AStateFileThatCannotBeReadIsReportedAndNeverReplaced) {
+  std::filesystem::create_directories(dir.file("state"));
+  const std::string path = dir.file("state/ftids");
+  const bool root = ::geteuid() == 0;
+  if (root) {
+    std::filesystem::create_directories(path);  // root reads any file: use a directory
+  } else {
+    std::ofstream(path) << "21 alpha\n22 beta\n";
+    std::filesystem::permissions(path, std::filesystem::perms::none);
+  }
+  write("    - name: alpha\n    - name: beta\n", c1());
+  auto agent = makeAgent();
+  agent->scheduler().runReady();
+  bool logged = false;
+  for (const auto& line : logs.lines()) {
+    logged = logged || line.find("FLOWEXPORT_STATE_ERROR: Tracker id state file: cannot read " +
+                                 path) != std::string::npos;
+  }
+  EXPECT_TRUE(logged);
+  EXPECT_TRUE(agent->hwConfig()->hwFtConfig("beta"));  // exporting with fresh ids
+  if (root) {
+    EXPECT_TRUE(std::filesystem::is_directory(path));
+  } else {
+    std::filesystem::permissions(path, std::filesystem::perms::owner_read);
+    std::ifstream in(path);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "21 alpha\n22 beta\n");
+  }
+  std::string error;
+  Agent::FtIdStateFile state(path);
+  state.load();
+  if (root) {
+    EXPECT_FALSE(state.save({{"alpha", 1}}, &error));
+    EXPECT_EQ(error, "not writing " + path + ": it could not be read at start");
+  }
 }
 
 TEST_F(AgentTest, SoftwareStatusMirrorsTheDefaultFlowGroups) {
