@@ -121,6 +121,7 @@ int main(int argc, char** argv) {
   Zub::fatalHookIs(flushOnFatal);
 
   try {
+    Hollin::CAgent::blockSignals();
     Zub::Ptr<Agent::FlowExportAgent> agent(new Agent::FlowExportAgent(opt));
     agent->start();
     std::fprintf(stderr,

@@ -25,14 +25,26 @@ void CAgent::exitIs(bool exit) {
   if (exit) scheduler_->stop();
 }
 
+namespace {
+sigset_t agentSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGHUP);
+  return set;
+}
+}  // namespace
+
+void CAgent::blockSignals() {
+  const sigset_t set = agentSignals();
+  if (sigprocmask(SIG_BLOCK, &set, nullptr) < 0) throw Zub::ErrnoException("sigprocmask", errno);
+}
+
 void CAgent::run() {
   if (signalFd_ < 0) {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGHUP);
-    if (sigprocmask(SIG_BLOCK, &set, nullptr) < 0) throw Zub::ErrnoException("sigprocmask", errno);
+    blockSignals();
+    const sigset_t set = agentSignals();
     signalFd_ = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     if (signalFd_ < 0) throw Zub::ErrnoException("signalfd", errno);
     scheduler_->fdIs(signalFd_, EPOLLIN, [this](uint32_t) { handleSignalFd(); });

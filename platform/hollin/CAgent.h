@@ -23,6 +23,11 @@ class CAgent : public Zub::PtrInterface {
   // Runs until exitIs(true). Signals are blocked for the process and read from a
   // signalfd while the loop runs.
   void run();
+  // Blocks the agent's signals (SIGTERM, SIGINT, SIGHUP) for the process. A daemon calls
+  // it first thing, before it loads its configuration: a signal that arrives while the
+  // agent starts then waits and is answered as soon as the loop runs (a SIGHUP reloads
+  // once started, a SIGTERM stops cleanly) instead of killing a half-started process.
+  static void blockSignals();
 
   // Writes out whatever the agent buffers of its entity and log output before exit.
   virtual void flushEntityLog() {}

@@ -10,6 +10,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <thread>
 
 #include "tests/support/Daemon.h"
 #include "tests/support/Decoders.h"
@@ -158,6 +159,62 @@ TEST_F(AgentE2e, OperatorSession) {
   EXPECT_EQ(domains({*again}), "2\n");  // a fresh allocation would have given 1
   daemon->signal(SIGINT);
   EXPECT_EQ(daemon->wait(), 0);
+}
+
+// A signal that arrives while the daemon is still starting (here: applying a file with
+// 20,000 interfaces) waits for the loop: SIGHUP then reloads once started, SIGTERM stops
+// cleanly. Before, either one killed the half-started process and left its shared
+// memory behind.
+TEST_F(AgentE2e, SignalsDuringStartAreAnsweredOnceStarted) {
+  {
+    std::ofstream out(file);
+    out << "flow-tracking:\n  enabled: true\n  trackers:\n"
+        << tracker("t", c1()) << "  interfaces:\n";
+    for (int i = 0; i < 20000; ++i)
+      out << "    Ethernet" << i / 100 + 1 << "/" << i % 100 + 1 << ": t\n";
+    out << "platform:\n  interfaces:\n    Loopback0: {mtu: 65535, ipv4: 127.0.0.1/8}\n";
+  }
+  // The agent's signals (HUP, INT, TERM) are blocked, as /proc shows.
+  auto blocked = [](pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(in, line);) {
+      if (line.rfind("SigBlk:", 0) == 0) {
+        const unsigned long long mask = std::stoull(line.substr(7), nullptr, 16);
+        return (mask & 0x4003) == 0x4003;
+      }
+    }
+    return false;
+  };
+  auto waitBlocked = [&](const TestSupport::Daemon& d) {
+    for (int i = 0; i < 1000 && !blocked(d.pid()); ++i) std::this_thread::sleep_for(1ms);
+    return blocked(d.pid());
+  };
+  const std::string applied = "Configuration " + file + " applied.";
+  auto count = [](const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+  };
+
+  auto daemon = startDaemon();
+  ASSERT_TRUE(waitBlocked(*daemon));
+  ASSERT_EQ(daemon->log().find(applied), std::string::npos)
+      << "started before the signals were blocked";
+  daemon->signal(SIGHUP);
+  ASSERT_TRUE(daemon->waitForLog(applied, 30s)) << daemon->log();
+  for (int i = 0; i < 3000 && count(daemon->log(), applied) < 2; ++i)
+    std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(count(daemon->log(), applied), 2u) << "the SIGHUP did not reload once started";
+  daemon->signal(SIGTERM);
+  EXPECT_EQ(daemon->wait(30s), 0);
+
+  daemon = startDaemon();
+  ASSERT_TRUE(waitBlocked(*daemon));
+  daemon->signal(SIGTERM);
+  EXPECT_EQ(daemon->wait(30s), 0) << daemon->log();
+  struct stat st;
+  EXPECT_NE(::stat(("/dev/shm" + stats).c_str(), &st), 0) << "shared memory left behind";
+  EXPECT_NE(::stat(socket.c_str(), &st), 0) << "control socket left behind";
 }
 
 // The four options tables through the real daemon: decoded by tshark and ipfixDump, kept
