@@ -7,6 +7,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -15,7 +18,6 @@
 namespace Agent {
 
 namespace {
-constexpr size_t kMaxRequest = 4096;
 
 sockaddr_un addressOf(const std::string& path) {
   sockaddr_un a{};
@@ -38,18 +40,24 @@ ControlServer::ControlServer(Orrin::TaskScheduler& scheduler, std::string path,
                              std::optional<gid_t> group, Handler handler)
     : scheduler_(scheduler), path_(std::move(path)), handler_(std::move(handler)) {
   const sockaddr_un addr = addressOf(path_);
-  // A socket file left by a daemon that is gone is removed; a live daemon keeps it.
-  std::string why;
-  if (controlRequest(path_, {"ping"}, &why)) {
-    throw Zub::Exception("another flowexportd answers on " + path_);
+  // A socket file left by a daemon that is gone is removed; a live daemon keeps it, and
+  // anything that is not a socket (a configuration file given by mistake) is never
+  // touched.
+  struct stat st {};
+  if (::lstat(path_.c_str(), &st) == 0) {
+    if (!S_ISSOCK(st.st_mode)) throw Zub::Exception(path_ + " exists and is not a socket");
+    std::string why;
+    if (controlRequest(path_, {"ping"}, &why)) {
+      throw Zub::Exception("another flowexportd answers on " + path_);
+    }
+    ::unlink(path_.c_str());
   }
-  ::unlink(path_.c_str());
   listenFd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (listenFd_ < 0) throw Zub::ErrnoException("socket", errno);
   const mode_t old = ::umask(0177);
   int rc = ::bind(listenFd_, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
   ::umask(old);
-  if (rc < 0 || ::listen(listenFd_, 16) < 0) {
+  if (rc < 0 || ::listen(listenFd_, static_cast<int>(kMaxClients)) < 0) {
     int e = errno;
     ::close(listenFd_);
     throw Zub::ErrnoException("bind " + path_, e);
@@ -63,52 +71,110 @@ ControlServer::ControlServer(Orrin::TaskScheduler& scheduler, std::string path,
       throw Zub::ErrnoException("chown/chmod " + path_, e);
     }
   }
+  if (::lstat(path_.c_str(), &st) == 0) {
+    dev_ = st.st_dev;
+    ino_ = st.st_ino;
+  }
+  spareFd_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  expiry_ = new Orrin::TimerTask(scheduler_, "ControlClientExpiry", 2, [this] { expireClients(); });
   scheduler_.fdIs(listenFd_, EPOLLIN, [this](uint32_t) { handleAccept(); });
 }
 
 ControlServer::~ControlServer() {
-  for (auto& [fd, buf] : clients_) {
+  if (expiry_) expiry_->unschedule();
+  for (auto& [fd, client] : clients_) {
     scheduler_.fdDel(fd);
     ::close(fd);
   }
+  if (spareFd_ >= 0) ::close(spareFd_);
   if (listenFd_ >= 0) {
     scheduler_.fdDel(listenFd_);
     ::close(listenFd_);
-    ::unlink(path_.c_str());
+    // Only the socket this server made: another daemon may have taken the path since.
+    struct stat st {};
+    if (::lstat(path_.c_str(), &st) == 0 && st.st_dev == dev_ && st.st_ino == ino_) {
+      ::unlink(path_.c_str());
+    }
   }
 }
 
 void ControlServer::handleAccept() {
   for (int i = 0; i < 64; ++i) {
     int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (fd < 0) return;
-    clients_[fd];
+    if (fd < 0) {
+      if ((errno == EMFILE || errno == ENFILE) && spareFd_ >= 0) {
+        // Out of descriptors: the pending client would wake the loop forever. The spare
+        // descriptor makes room to take it and close it at once.
+        ::close(spareFd_);
+        const int refused = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (refused >= 0) ::close(refused);
+        spareFd_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        continue;
+      }
+      return;
+    }
+    if (clients_.size() >= kMaxClients) {
+      const char busy[] = "error: busy\n";
+      ssize_t w = ::write(fd, busy, sizeof busy - 1);
+      (void)w;
+      ::close(fd);
+      continue;
+    }
+    clients_[fd].since = scheduler_.now();
     scheduler_.fdIs(fd, EPOLLIN, [this, fd](uint32_t) { handleClient(fd); });
+    if (!expiry_->scheduled()) expiry_->scheduleTaskLowestDelay(kClientTimeout);
+  }
+}
+
+void ControlServer::expireClients() {
+  const Zub::Nanoseconds now = scheduler_.now();
+  const Zub::Nanoseconds limit = std::chrono::nanoseconds(kClientTimeout).count();
+  Zub::Nanoseconds oldest = now;
+  std::vector<int> idle;
+  for (const auto& [fd, client] : clients_) {
+    if (now - client.since >= limit) {
+      idle.push_back(fd);
+    } else {
+      oldest = std::min(oldest, client.since);
+    }
+  }
+  for (int fd : idle)
+    answer(fd, "error: no request within " + std::to_string(kClientTimeout.count()) + " s");
+  if (!clients_.empty()) {
+    expiry_->scheduleTaskLowestDelay(std::chrono::nanoseconds(oldest + limit - now));
   }
 }
 
 void ControlServer::handleClient(int fd) {
   auto it = clients_.find(fd);
   if (it == clients_.end()) return;
+  std::string& received = it->second.received;
   char buf[512];
+  bool closed = false;
   for (;;) {
     ssize_t n = ::read(fd, buf, sizeof buf);
     if (n > 0) {
-      it->second.append(buf, static_cast<size_t>(n));
-      if (it->second.size() > kMaxRequest) {
-        closeClient(fd);
+      received.append(buf, static_cast<size_t>(n));
+      if (received.find('\n') != std::string::npos) break;
+      if (received.size() > kMaxRequest) {
+        answer(fd, "error: request longer than " + std::to_string(kMaxRequest) + " bytes");
         return;
       }
       continue;
     }
-    if (n < 0 && errno == EAGAIN) break;
-    closeClient(fd);  // closed before a complete line
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) break;
+    closed = true;  // the client has sent all it will (a half-close) or failed
+    break;
+  }
+  const size_t nl = received.find('\n');
+  if (nl == std::string::npos) {
+    // A client that half-closes after its request still gets its answer; one that closes
+    // before a complete line is dropped.
+    if (closed) closeClient(fd);
     return;
   }
-  const size_t nl = it->second.find('\n');
-  if (nl == std::string::npos) return;
   std::vector<std::string> words;
-  std::string line = it->second.substr(0, nl);
+  const std::string line = received.substr(0, nl);
   size_t pos = 0;
   while (pos <= line.size()) {
     size_t tab = line.find('\t', pos);
@@ -116,10 +182,15 @@ void ControlServer::handleClient(int fd) {
     if (tab == std::string::npos) break;
     pos = tab + 1;
   }
-  std::string reply = handler_(words);
+  answer(fd, handler_(words));
+}
+
+// Sends one reply line and closes the client. A short reply on a fresh socket: one
+// write suffices; a client that stalls loses it.
+void ControlServer::answer(int fd, const std::string& line) {
+  std::string reply = line;
   if (reply.empty() || reply.back() != '\n') reply += "\n";
-  // A short reply on a fresh socket: one write suffices; a client that stalls loses it.
-  ssize_t w = ::write(fd, reply.data(), reply.size());
+  ssize_t w = ::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
   (void)w;
   closeClient(fd);
 }

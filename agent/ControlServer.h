@@ -2,9 +2,14 @@
 // The daemon's control socket: a Unix stream socket on which a client sends one
 // request line (words separated by tabs) and reads one reply line ("ok ..." or
 // "error: ..."). The socket is created with mode 0600, or 0660 and the given group.
+//
+// Clients cannot hold the daemon: one that has not sent its line within
+// kClientTimeout is closed, at most kMaxClients are served at once (more are answered
+// "error: busy"), and running out of descriptors does not make the loop spin.
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <optional>
@@ -18,25 +23,40 @@ namespace Agent {
 class ControlServer {
  public:
   using Handler = std::function<std::string(const std::vector<std::string>& words)>;
+  static constexpr std::chrono::seconds kClientTimeout{2};
+  static constexpr size_t kMaxClients = 64;
+  static constexpr size_t kMaxRequest = 4096;
   // Raises Zub::ErrnoException when the socket cannot be made, or Zub::Exception when
-  // another daemon answers on it.
+  // another daemon answers on it or the path is something other than a socket (that is
+  // never removed).
   ControlServer(Orrin::TaskScheduler& scheduler, std::string path, std::optional<gid_t> group,
                 Handler handler);
   ~ControlServer();
   ControlServer(const ControlServer&) = delete;
   ControlServer& operator=(const ControlServer&) = delete;
   const std::string& path() const { return path_; }
+  size_t clients() const { return clients_.size(); }
 
  private:
+  struct Client {
+    std::string received;
+    Zub::Nanoseconds since = 0;
+  };
   void handleAccept();
   void handleClient(int fd);
+  void answer(int fd, const std::string& line);
   void closeClient(int fd);
+  void expireClients();
 
   Orrin::TaskScheduler& scheduler_;
   std::string path_;
   Handler handler_;
   int listenFd_ = -1;
-  std::map<int, std::string> clients_;  // fd -> bytes received so far
+  dev_t dev_ = 0;  // the socket file this server made: removed at exit only if still there
+  ino_t ino_ = 0;
+  int spareFd_ = -1;  // given up to accept and refuse a client when descriptors run out
+  std::map<int, Client> clients_;
+  Zub::Ptr<Orrin::TimerTask> expiry_;
 };
 
 // Client side: sends one request and returns the reply line, or nullopt with the

@@ -149,10 +149,17 @@ void FlowExportAgent::flushEntityLog() { std::fflush(stderr); }
 std::string FlowExportAgent::handleControl(const std::vector<std::string>& words) {
   if (words.empty()) return "error: empty request";
   if (words[0] == "ping") return "ok";
-  if (words[0] == "clear-counters" && words.size() <= 3) {
+  if (words[0] == "clear-counters") {
+    if (words.size() > 3) return "error: clear-counters takes at most a tracker and an exporter";
     FlowTracking::ClearCountersReq req;
     req.tracker = words.size() > 1 ? words[1] : "";
     req.exporter = words.size() > 2 ? words[2] : "";
+    // Clearing what does not exist clears nothing: say so rather than "ok".
+    auto ft = req.tracker.empty() ? nullptr : config_->flowTrackerConfig(req.tracker);
+    if (!req.tracker.empty() && !ft) return "error: no tracker named " + req.tracker;
+    if (!req.exporter.empty() && !ft->expConfig(req.exporter)) {
+      return "error: tracker " + req.tracker + " has no exporter named " + req.exporter;
+    }
     req.reqTime = Zub::System::now();
     configReq_->clearCountersIs(req);
     return "ok";

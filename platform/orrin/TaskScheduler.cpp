@@ -195,11 +195,6 @@ void TaskScheduler::fdDel(int fd) {
 
 void TaskScheduler::run() {
   running_ = true;
-  if (epollFd_ < 0) {
-    epollFd_ = ::epoll_create1(EPOLL_CLOEXEC);
-    if (epollFd_ < 0) throw Zub::ErrnoException("epoll_create1", errno);
-  }
-  std::vector<epoll_event> events(16);
   while (running_) {
     runPass();
     if (!running_) break;
@@ -211,18 +206,34 @@ void TaskScheduler::run() {
       Zub::Nanoseconds wait = *next - now();
       timeoutMs = wait <= 0 ? 0 : static_cast<int>((wait + 999'999) / 1'000'000);
     }
-    int n = ::epoll_wait(epollFd_, events.data(), static_cast<int>(events.size()), timeoutMs);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      throw Zub::ErrnoException("epoll_wait", errno);
-    }
-    for (int i = 0; i < n; ++i) {
-      auto it = fds_.find(events[i].data.fd);
-      if (it == fds_.end()) continue;
-      std::shared_ptr<FdHandler> h = it->second;  // the handler may remove itself
-      (*h)(events[i].events);
-    }
+    waitForFds(timeoutMs);
   }
+}
+
+size_t TaskScheduler::pollFds(std::chrono::milliseconds wait) {
+  const size_t n = waitForFds(static_cast<int>(wait.count()));
+  runReady();
+  return n;
+}
+
+size_t TaskScheduler::waitForFds(int timeoutMs) {
+  if (epollFd_ < 0) {
+    epollFd_ = ::epoll_create1(EPOLL_CLOEXEC);
+    if (epollFd_ < 0) throw Zub::ErrnoException("epoll_create1", errno);
+  }
+  epoll_event events[16];
+  int n = ::epoll_wait(epollFd_, events, 16, timeoutMs);
+  if (n < 0) {
+    if (errno == EINTR) return 0;
+    throw Zub::ErrnoException("epoll_wait", errno);
+  }
+  for (int i = 0; i < n; ++i) {
+    auto it = fds_.find(events[i].data.fd);
+    if (it == fds_.end()) continue;
+    std::shared_ptr<FdHandler> h = it->second;  // the handler may remove itself
+    (*h)(events[i].events);
+  }
+  return static_cast<size_t>(n);
 }
 
 }  // namespace Orrin

@@ -120,6 +120,10 @@ class TaskScheduler {
   void fdDel(int fd);
   // Runs passes and waits for file descriptors until stop().
   void run();
+  // One wait of at most `wait` for file descriptors, their handlers, then runReady().
+  // Returns the number of descriptors that had events. For tests, which drive the loop
+  // step by step on a manual clock.
+  size_t pollFds(std::chrono::milliseconds wait);
   void stop() { running_ = false; }
 
  private:
@@ -134,6 +138,7 @@ class TaskScheduler {
   void removeTimer(Task* t);
   void moveDueTimers();
   void runOne(Task* t);
+  size_t waitForFds(int timeoutMs);
 
   Zub::Clock& clock_;
   std::set<ReadyKey> ready_;

@@ -191,6 +191,18 @@ TEST_F(AgentTest, AStateFileThatCannotBeReadIsReportedAndNeverReplaced) {
   }
 }
 
+TEST_F(AgentTest, ClearingWhatDoesNotExistIsAnError) {
+  write("    - name: t\n", c1());
+  auto agent = makeAgent();
+  EXPECT_EQ(agent->handleControl({"clear-counters"}), "ok");
+  EXPECT_EQ(agent->handleControl({"clear-counters", "t", "e"}), "ok");
+  EXPECT_EQ(agent->handleControl({"clear-counters", "nope"}), "error: no tracker named nope");
+  EXPECT_EQ(agent->handleControl({"clear-counters", "t", "x"}),
+            "error: tracker t has no exporter named x");
+  EXPECT_EQ(agent->handleControl({"clear-counters", "t", "e", "more"}),
+            "error: clear-counters takes at most a tracker and an exporter");
+}
+
 TEST_F(AgentTest, SoftwareStatusMirrorsTheDefaultFlowGroups) {
   write("    - name: t\n", c1());
   auto agent = makeAgent();

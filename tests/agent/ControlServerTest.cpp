@@ -1,0 +1,185 @@
+// The control socket against clients that misbehave: half-closed requests, idle and
+// too many clients, running out of descriptors, a path that is not a socket, another
+// daemon's socket at the path. The loop is driven step by step on a manual clock.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+
+#include "agent/ControlServer.h"
+#include "platform/zub/Exception.h"
+#include "tests/support/Decoders.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Agent::ControlServer;
+
+class ControlServerTest : public ::testing::Test {
+ protected:
+  Zub::ManualClock clock;
+  Zub::ScopedClock scoped{clock};
+  Orrin::TaskScheduler sched{clock};
+  TestSupport::TempDir dir;
+  std::string path = dir.file("ctl.sock");
+
+  std::unique_ptr<ControlServer> makeServer() {
+    return std::make_unique<ControlServer>(sched, path, std::nullopt,
+                                           [](const std::vector<std::string>& words) {
+                                             std::string s = "ok";
+                                             for (const auto& w : words) s += " " + w;
+                                             return s;
+                                           });
+  }
+  // A connected client socket (the connection completes in the listen backlog).
+  int connectClient() const {
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
+    EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0) << std::strerror(errno);
+    return fd;
+  }
+  void pump(int rounds = 5) {
+    for (int i = 0; i < rounds; ++i) sched.pollFds(10ms);
+  }
+  // What the server sent before closing (the client's end is non-blocking by then).
+  static std::string readAll(int fd) {
+    std::string s;
+    char buf[256];
+    ssize_t n;
+    while ((n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0) s.append(buf, n);
+    return s;
+  }
+  static bool closedByServer(int fd) {
+    char c;
+    return ::recv(fd, &c, 1, MSG_DONTWAIT) == 0;
+  }
+};
+
+TEST_F(ControlServerTest, HalfClosedAndOversizedRequestsAreAnswered) {
+  auto server = makeServer();
+  // What `echo ... | nc -U` and socat do: the request, then end of input.
+  int fd = connectClient();
+  ASSERT_EQ(::write(fd, "clear-counters\tt1\n", 18), 18);
+  ::shutdown(fd, SHUT_WR);
+  pump();
+  EXPECT_EQ(readAll(fd), "ok clear-counters t1\n");
+  ::close(fd);
+
+  fd = connectClient();
+  const std::string big(ControlServer::kMaxRequest + 1, 'x');
+  ASSERT_EQ(::write(fd, big.data(), big.size()), static_cast<ssize_t>(big.size()));
+  pump();
+  EXPECT_EQ(readAll(fd), "error: request longer than 4096 bytes\n");
+  ::close(fd);
+
+  // Closing before a complete line gets nothing and frees the slot.
+  fd = connectClient();
+  ASSERT_EQ(::write(fd, "ping", 4), 4);
+  ::shutdown(fd, SHUT_WR);
+  pump();
+  EXPECT_TRUE(closedByServer(fd));
+  EXPECT_EQ(server->clients(), 0u);
+  ::close(fd);
+}
+
+TEST_F(ControlServerTest, IdleClientsAreTimedOutAndTheirNumberCapped) {
+  auto server = makeServer();
+  std::vector<int> idle;
+  for (size_t i = 0; i < ControlServer::kMaxClients; ++i) {
+    idle.push_back(connectClient());
+    sched.pollFds(0ms);  // accepted before the listen backlog fills
+  }
+  pump();
+  EXPECT_EQ(server->clients(), ControlServer::kMaxClients);
+  int extra = connectClient();
+  pump();
+  EXPECT_EQ(readAll(extra), "error: busy\n");
+  ::close(extra);
+
+  sched.advance(1900ms);
+  pump();
+  EXPECT_EQ(server->clients(), ControlServer::kMaxClients);
+  sched.advance(100ms);
+  pump();
+  EXPECT_EQ(server->clients(), 0u);
+  EXPECT_EQ(readAll(idle[0]), "error: no request within 2 s\n");
+  for (int fd : idle) ::close(fd);
+
+  // Room again for a client that asks.
+  int fd = connectClient();
+  ASSERT_EQ(::write(fd, "ping\n", 5), 5);
+  pump();
+  EXPECT_EQ(readAll(fd), "ok ping\n");
+  ::close(fd);
+}
+
+TEST_F(ControlServerTest, RunningOutOfDescriptorsRefusesClientsWithoutSpinning) {
+  auto server = makeServer();
+  std::vector<int> waiting;
+  for (int i = 0; i < 3; ++i) waiting.push_back(connectClient());
+  rlimit old{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
+  // No descriptor left: the lowest free one is the limit.
+  const int probe = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(probe, 0);
+  ::close(probe);
+  rlimit tight = old;
+  tight.rlim_cur = static_cast<rlim_t>(probe);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+  const size_t first = sched.pollFds(10ms);
+  const size_t second = sched.pollFds(10ms);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
+  EXPECT_EQ(first, 1u);   // the listening socket, once
+  EXPECT_EQ(second, 0u);  // and not again: every waiting client was taken and closed
+  for (int fd : waiting) {
+    EXPECT_TRUE(closedByServer(fd));
+    ::close(fd);
+  }
+  int fd = connectClient();
+  ASSERT_EQ(::write(fd, "ping\n", 5), 5);
+  pump();
+  EXPECT_EQ(readAll(fd), "ok ping\n");
+  ::close(fd);
+}
+
+TEST_F(ControlServerTest, APathThatIsNotASocketIsRefusedAndKept) {
+  std::ofstream(path) << "flow-tracking: {enabled: true}\n";
+  try {
+    makeServer();
+    ADD_FAILURE() << "accepted";
+  } catch (const Zub::Exception& e) {
+    EXPECT_EQ(std::string(e.what()), path + " exists and is not a socket");
+  }
+  std::ifstream in(path);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}),
+            "flow-tracking: {enabled: true}\n");
+}
+
+TEST_F(ControlServerTest, AtExitOnlyItsOwnSocketIsRemoved) {
+  auto server = makeServer();
+  // Another daemon took the path meanwhile (this one seemed dead to it).
+  ASSERT_EQ(::unlink(path.c_str()), 0);
+  ControlServer other(sched, path, std::nullopt, [](const auto&) { return "ok"; });
+  struct stat before {
+  }, after{};
+  ASSERT_EQ(::lstat(path.c_str(), &before), 0);
+  server.reset();
+  ASSERT_EQ(::lstat(path.c_str(), &after), 0) << "the other daemon's socket was removed";
+  EXPECT_EQ(after.st_ino, before.st_ino);
+  int fd = connectClient();
+  ASSERT_EQ(::write(fd, "ping\n", 5), 5);
+  pump();
+  EXPECT_EQ(readAll(fd), "ok\n");
+  ::close(fd);
+}
+
+}  // namespace
