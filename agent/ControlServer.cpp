@@ -221,6 +221,19 @@ std::optional<std::string> controlRequest(const std::string& path,
     ::close(fd);
     return std::nullopt;
   }
+  // Only a daemon of this user or of root is told anything: a socket another user made
+  // at the path (a squatter) gets no request.
+  ucred peer{};
+  socklen_t len = sizeof peer;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &len) < 0 ||
+      (peer.uid != ::geteuid() && peer.uid != 0)) {
+    if (error) {
+      *error = "the process on " + path + " runs as uid " + std::to_string(peer.uid) +
+               ", neither this user nor root";
+    }
+    ::close(fd);
+    return std::nullopt;
+  }
   const std::string req = joinWords(words);
   if (::write(fd, req.data(), req.size()) != static_cast<ssize_t>(req.size())) {
     if (error) *error = std::strerror(errno);

@@ -19,7 +19,10 @@ std::string defaultControlSocket() {
   if (auto v = env("FLOWEXPORT_CONTROL_SOCKET"); !v.empty()) return v;
   if (::geteuid() == 0) return "/run/flowexportd.sock";
   if (auto run = env("XDG_RUNTIME_DIR"); !run.empty()) return run + "/flowexportd.sock";
-  return "/tmp/flowexportd-" + std::to_string(::geteuid()) + ".sock";
+  // Never a predictable name in a world-writable directory such as /tmp: another user
+  // could take it first. The user's own state directory instead.
+  if (auto home = env("HOME"); !home.empty()) return home + "/.local/state/flowexport/control.sock";
+  return "";
 }
 
 std::string defaultStateFile() {

@@ -7,11 +7,13 @@
 // on traces per facility (FtConfig, FtExport, Agent, Orrin, Nelo, Ipfix, ...).
 
 #include <grp.h>
+#include <sys/resource.h>
 #include <syslog.h>
 
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <string>
 
 #include "agent/FlowExportAgent.h"
@@ -120,6 +122,22 @@ int main(int argc, char** argv) {
   Zub::logSinkIs(logLine);
   Zub::fatalHookIs(flushOnFatal);
 
+  if (!opt.controlSocket.empty() && opt.controlSocket == Agent::defaultControlSocket()) {
+    // The default may lie in a directory of the user's that does not exist yet.
+    std::error_code ec;
+    const auto dir = std::filesystem::path(opt.controlSocket).parent_path();
+    if (std::filesystem::create_directories(dir, ec)) {
+      std::filesystem::permissions(dir, std::filesystem::perms::owner_all, ec);
+    }
+  }
+  // Each exporter holds sockets: the soft descriptor limit (1024 under systemd unless
+  // the unit says otherwise) would cap the trackers that export. The hard limit is
+  // ours to take.
+  if (rlimit nofile{};
+      ::getrlimit(RLIMIT_NOFILE, &nofile) == 0 && nofile.rlim_cur < nofile.rlim_max) {
+    nofile.rlim_cur = nofile.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &nofile);
+  }
   try {
     Hollin::CAgent::blockSignals();
     Zub::Ptr<Agent::FlowExportAgent> agent(new Agent::FlowExportAgent(opt));

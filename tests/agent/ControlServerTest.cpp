@@ -10,8 +10,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <sys/wait.h>
+
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "agent/ControlServer.h"
 #include "platform/zub/Exception.h"
@@ -180,6 +184,34 @@ TEST_F(ControlServerTest, AtExitOnlyItsOwnSocketIsRemoved) {
   pump();
   EXPECT_EQ(readAll(fd), "ok\n");
   ::close(fd);
+}
+
+TEST_F(ControlServerTest, TheClientTalksOnlyToItsOwnUsersOrRootsDaemon) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to run a squatter as another user";
+  std::filesystem::permissions(dir.path(), std::filesystem::perms::all);
+  // A squatter of another user listens on the path.
+  const pid_t child = ::fork();
+  if (child == 0) {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(2);
+    int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd, 4) != 0) {
+      ::_exit(3);
+    }
+    ::alarm(10);  // bounded whatever the parent does
+    const int c = ::accept(fd, nullptr, nullptr);
+    char buf[64];
+    ::_exit(c >= 0 && ::read(c, buf, sizeof buf) > 0 ? 4 : 0);  // 4: it was told something
+  }
+  for (int i = 0; i < 500 && !std::filesystem::exists(path); ++i) std::this_thread::sleep_for(2ms);
+  std::string error;
+  EXPECT_FALSE(Agent::controlRequest(path, {"clear-counters"}, &error));
+  EXPECT_EQ(error, "the process on " + path + " runs as uid 65534, neither this user nor root");
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "squatter status " << status;
 }
 
 }  // namespace
