@@ -6,9 +6,16 @@
 // Statistics are read from the daemon's shared memory in this process; requests go to
 // the daemon's control socket.
 
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <iterator>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -89,17 +96,55 @@ std::string num(double v) {
   return buf;
 }
 
+// The set slots a row really has: the count comes from shared memory and is not
+// trusted beyond the array.
+size_t setSlots(const Stova::Ipfix::CollectorStatisticsEntry& e) {
+  return std::min<size_t>(e.setEntryCount, std::size(e.setEntryStorage));
+}
+
+// Whether the process that wrote the table still runs.
+bool writerRuns(uint64_t pid) {
+  if (pid == 0 || pid > static_cast<uint64_t>(std::numeric_limits<pid_t>::max())) return false;
+  return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
+}
+
 int showCollectors(const std::string& statsName, bool asJson) {
   std::vector<Stova::Ipfix::CollectorStatisticsEntry> entries;
+  size_t busy = 0;
+  uint64_t writerPid = 0;
   try {
-    Stova::Ipfix::CollectorStatisticsReader reader(Stova::Segment::open(statsName));
-    entries = reader.all();
+    auto segment = Stova::Segment::open(statsName);
+    // Anybody may create a name in /dev/shm: only a table of this user or root is read.
+    if (segment->ownerUid() != ::geteuid() && segment->ownerUid() != 0) {
+      std::fprintf(stderr,
+                   "flowexportctl: shared memory %s belongs to uid %u, neither this user nor "
+                   "root: not reading it\n",
+                   statsName.c_str(), static_cast<unsigned>(segment->ownerUid()));
+      return 1;
+    }
+    Stova::Ipfix::CollectorStatisticsReader reader(std::move(segment));
+    writerPid = reader.writerPid();
+    entries = reader.all(&busy);
   } catch (const std::exception& e) {
     std::fprintf(stderr,
                  "flowexportctl: no statistics in shared memory %s (%s): is flowexportd "
                  "running?\n",
                  statsName.c_str(), e.what());
     return 1;
+  }
+  int rc = 0;
+  if (!writerRuns(writerPid)) {
+    // A daemon killed without its cleanup leaves its last counters behind: they are
+    // shown, but as what they are.
+    double asOf = 0;
+    for (const auto& e : entries) asOf = std::max({asOf, e.lastSentTime, e.lastClearedTime});
+    std::fprintf(stderr,
+                 "flowexportctl: flowexportd (pid %llu) is not running; statistics as of %s\n",
+                 static_cast<unsigned long long>(writerPid), timeText(asOf).c_str());
+    rc = 1;
+  }
+  if (busy) {
+    std::fprintf(stderr, "flowexportctl: %zu row(s) were being written and are not shown\n", busy);
   }
   std::sort(entries.begin(), entries.end(),
             [](const auto& a, const auto& b) { return a.key < b.key; });
@@ -123,7 +168,7 @@ int showCollectors(const std::string& statsName, bool asJson) {
              ", \"lastDataRecordSent\": " + num(e.lastDataRecordSentTime) +
              ", \"lastOptionsDataSent\": " + num(e.lastOptionsDataSentTime) + ", \"sets\": [";
       bool first = true;
-      for (uint8_t s = 0; s < e.setEntryCount; ++s) {
+      for (size_t s = 0; s < setSlots(e); ++s) {
         const auto& set = e.setEntryStorage[s];
         if (set.setId.isFree()) continue;
         out += std::string(first ? "" : ", ") + "{\"setId\": " + std::to_string(set.setId.value) +
@@ -141,7 +186,7 @@ int showCollectors(const std::string& statsName, bool asJson) {
     }
     out += "]}\n";
     std::fputs(out.c_str(), stdout);
-    return 0;
+    return rc;
   }
 
   std::printf("%-16s %-16s %-28s %9s %9s %11s %9s %9s  %s\n", "Tracker", "Exporter", "Collector",
@@ -157,7 +202,7 @@ int showCollectors(const std::string& statsName, bool asJson) {
                 static_cast<unsigned long long>(templates),
                 static_cast<unsigned long long>(options), timeText(e->lastSentTime).c_str());
     // Below each collector: the records of every data set it received.
-    for (uint8_t i = 0; i < e->setEntryCount; ++i) {
+    for (size_t i = 0; i < setSlots(*e); ++i) {
       const auto& set = e->setEntryStorage[i];
       if (set.setId.isFree() || set.setId.value < 256) continue;
       std::printf("    set %-5u %-20s %9llu records\n", static_cast<unsigned>(set.setId.value),
@@ -173,7 +218,7 @@ int showCollectors(const std::string& statsName, bool asJson) {
     std::printf("Counters of tracker %s last cleared %s\n", e->key.tracker().c_str(),
                 timeText(e->lastClearedTime).c_str());
   }
-  return 0;
+  return rc;
 }
 
 int clearCounters(const std::string& socket, const std::vector<std::string>& names) {

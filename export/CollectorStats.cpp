@@ -1,5 +1,7 @@
 #include "export/CollectorStats.h"
 
+#include <algorithm>
+
 #include <cstdio>
 
 #include "platform/zub/Assert.h"
@@ -106,7 +108,9 @@ SetIndex::SetIndex(int v) {
 }
 
 SetIndex CollectorStatisticsEntry::indexForSetId(SetId id) const {
-  for (uint8_t i = 0; i < setEntryCount; ++i) {
+  // The count may come from another process's memory: never past the array.
+  const uint8_t slots = std::min<uint8_t>(setEntryCount, kSetSlots);
+  for (uint8_t i = 0; i < slots; ++i) {
     if (setEntryStorage[i].setId == id) return SetIndex(i);
   }
   return SetIndex();
@@ -119,7 +123,7 @@ SetIndex CollectorStatisticsEntry::maybeNewIndexForSetId(SetId id) const {
       setEntryStorage[nextIdx.value].setId.isFree()) {
     return nextIdx;
   }
-  for (uint8_t i = 0; i < setEntryCount; ++i) {
+  for (uint8_t i = 0; i < std::min<uint8_t>(setEntryCount, kSetSlots); ++i) {
     if (setEntryStorage[i].setId.isFree()) return SetIndex(i);
   }
   return SetIndex(setEntryCount);  // past the high-water mark; 9 raises the range error

@@ -16,6 +16,7 @@ std::unique_ptr<Segment> Segment::create(const std::string& name, size_t bytes) 
   ::shm_unlink(name.c_str());  // a new writer starts from a new object
   int fd = ::shm_open(name.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0644);
   if (fd < 0) throw Zub::ErrnoException("shm_open " + name, errno);
+  ::fchmod(fd, 0644);  // readable by any process whatever the umask
   if (::ftruncate(fd, static_cast<off_t>(bytes)) < 0) {
     int e = errno;
     ::close(fd);
@@ -58,7 +59,9 @@ std::unique_ptr<Segment> Segment::open(const std::string& name) {
   void* p = ::mmap(nullptr, bytes, PROT_READ, MAP_SHARED, fd, 0);
   ::close(fd);
   if (p == MAP_FAILED) throw Zub::ErrnoException("mmap " + name, errno);
-  return mapped(name, p, bytes, st.st_ino);
+  auto s = mapped(name, p, bytes, st.st_ino);
+  s->ownerUid_ = st.st_uid;
+  return s;
 }
 
 std::unique_ptr<Segment> Segment::heap(size_t bytes) {

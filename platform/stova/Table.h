@@ -16,6 +16,7 @@
 // buffer.
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -58,6 +59,8 @@ class Segment {
   bool replaced() const;
   // Writer: removes the shared-memory name (the memory stays mapped until destruction).
   void unlink();
+  // The user that owns the shared-memory object (this process's for heap memory).
+  uid_t ownerUid() const { return ownerUid_; }
 
  private:
   Segment() = default;
@@ -69,6 +72,7 @@ class Segment {
   bool mapped_ = false;
   bool owner_ = false;  // heap memory to free
   ino_t inode_ = 0;
+  uid_t ownerUid_ = ::geteuid();
 };
 
 struct ControlBlock {
@@ -229,12 +233,27 @@ class TableReader {
   uint64_t generation() const { return raw_.generation(); }
   uint64_t writerPid() const { return raw_.writerPid(); }
   bool replaced() const { return seg_->replaced(); }
-  // The records in use (rows that stayed busy are left out).
-  std::vector<T> all() const {
+  // The records in use. Rows that stay busy (a writer that died inside one, or memory
+  // somebody else wrote) are left out and counted in `busy`; all of them together get
+  // at most `patience`, after which each busy row costs one short look.
+  std::vector<T> all(size_t* busy = nullptr,
+                     std::chrono::milliseconds patience = std::chrono::milliseconds(500)) const {
     std::vector<T> out;
     T record;
+    const auto giveUp = std::chrono::steady_clock::now() + patience;
     for (uint32_t i = 0; i < raw_.capacity(); ++i) {
-      if (raw_.read(i, &record) == RawTable::Read::present) out.push_back(record);
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          giveUp - std::chrono::steady_clock::now());
+      switch (raw_.read(i, &record, std::max(left, std::chrono::milliseconds(0)))) {
+        case RawTable::Read::present:
+          out.push_back(record);
+          break;
+        case RawTable::Read::busy:
+          if (busy) ++*busy;
+          break;
+        case RawTable::Read::absent:
+          break;
+      }
     }
     return out;
   }

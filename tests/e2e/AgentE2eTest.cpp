@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -215,6 +216,27 @@ TEST_F(AgentE2e, SignalsDuringStartAreAnsweredOnceStarted) {
   struct stat st;
   EXPECT_NE(::stat(("/dev/shm" + stats).c_str(), &st), 0) << "shared memory left behind";
   EXPECT_NE(::stat(socket.c_str(), &st), 0) << "control socket left behind";
+}
+
+// A daemon killed without its cleanup leaves its counters in shared memory:
+// flowexportctl shows them as the dead daemon's, with their time, and fails.
+TEST_F(AgentE2e, CountersOfADeadDaemonAreShownAsSuch) {
+  writeConfig(tracker("t", c1()));
+  auto daemon = startDaemon();
+  ASSERT_TRUE(rx1.receive(5000ms)) << daemon->log();
+  ASSERT_EQ(ctl("show collectors").status, 0);
+  const pid_t pid = daemon->pid();
+  daemon->signal(SIGKILL);
+  daemon->wait();
+  auto shown = ctl("show collectors");
+  ::shm_unlink(stats.c_str());
+  EXPECT_EQ(shown.status, 1);
+  EXPECT_NE(shown.err.find("flowexportctl: flowexportd (pid " + std::to_string(pid) +
+                           ") is not running; statistics as of 20"),
+            std::string::npos)
+      << shown.err;
+  EXPECT_NE(shown.out.find("127.0.0.1:" + std::to_string(rx1.port())), std::string::npos)
+      << shown.out;
 }
 
 // The four options tables through the real daemon: decoded by tshark and ipfixDump, kept
