@@ -41,6 +41,15 @@ const Zub::LogHandle FLOWEXPORT_STATE_ERROR(
     kFacility);
 
 FlowExportAgent::FlowExportAgent(AgentOptions options) : options_(std::move(options)) {
+  // One daemon per statistics name and per control socket: a second one stops here,
+  // before it could replace the first one's table or socket.
+  statsLock_ = std::make_unique<InstanceLock>(InstanceLock::forStatsName(options_.statsName),
+                                              "statistics name " + options_.statsName);
+  if (!options_.controlSocket.empty()) {
+    controlLock_ =
+        std::make_unique<InstanceLock>(InstanceLock::forControlSocket(options_.controlSocket),
+                                       "control socket " + options_.controlSocket);
+  }
   stats_ = Stova::Ipfix::CollectorStatistics::createShared(options_.statsName);
   if (!options_.stateFile.empty()) stateFile_ = std::make_unique<FtIdStateFile>(options_.stateFile);
 }
@@ -53,7 +62,7 @@ FlowExportAgent::~FlowExportAgent() {
     scheduler().fdDel(inotifyFd_);
     ::close(inotifyFd_);
   }
-  stats_->segment().unlink();
+  if (!stats_->segment().replaced()) stats_->segment().unlink();
 }
 
 void FlowExportAgent::start() {

@@ -14,6 +14,7 @@
 #include "agent/ControlServer.h"
 #include "agent/FlowExportConfigSm.h"
 #include "agent/FtIdStateFile.h"
+#include "agent/InstanceLock.h"
 #include "agent/SwStatusPublisherSm.h"
 #include "export/FlowTrackerTemplateSm.h"
 #include "ipfix/IpfixSm.h"
@@ -82,6 +83,9 @@ class FlowExportAgent : public Hollin::CAgent {
   Zub::Ptr<FlowTracking::FlowTrackingInfo> info_{
       new FlowTracking::FlowTrackingInfo("/flowtracking/info")};
   StatusEntities status_;
+  // Taken before the table and the socket they stand for are touched.
+  std::unique_ptr<InstanceLock> statsLock_;
+  std::unique_ptr<InstanceLock> controlLock_;
   std::unique_ptr<Stova::Ipfix::CollectorStatistics> stats_;
   std::unique_ptr<FtIdStateFile> stateFile_;
   std::unique_ptr<ControlServer> control_;

@@ -239,6 +239,34 @@ TEST_F(AgentE2e, CountersOfADeadDaemonAreShownAsSuch) {
       << shown.out;
 }
 
+// A second daemon with the same statistics name or control socket refuses to start
+// and leaves the running one's table and socket alone.
+TEST_F(AgentE2e, ASecondDaemonLeavesTheFirstOneAlone) {
+  writeConfig(tracker("t", c1()));
+  auto first = startDaemon();
+  ASSERT_TRUE(rx1.receive(5000ms)) << first->log();
+  struct Case {
+    std::string statsName, socketPath, refusal;
+  };
+  const Case cases[] = {
+      {stats, dir.file("other.sock"), "another flowexportd uses statistics name " + stats},
+      {stats + "-other", socket, "another flowexportd uses control socket " + socket},
+  };
+  for (const Case& c : cases) {
+    TestSupport::Daemon second(FLOWEXPORTD,
+                               {"--config", file, "--state-file", dir.file("state/other"),
+                                "--stats-name", c.statsName, "--control-socket", c.socketPath},
+                               dir.file("second.log"));
+    EXPECT_EQ(second.wait(), 1);
+    EXPECT_NE(second.log().find(c.refusal), std::string::npos) << second.log();
+    auto shown = ctl("show collectors");
+    EXPECT_EQ(shown.status, 0) << shown.err;
+    EXPECT_EQ(ctl("clear counters").status, 0);
+  }
+  first->signal(SIGTERM);
+  EXPECT_EQ(first->wait(), 0);
+}
+
 // The four options tables through the real daemon: decoded by tshark and ipfixDump, kept
 // up to date by a reload, sent whole to a collector added later, with every message's
 // sequence number counting the data records sent before it.
