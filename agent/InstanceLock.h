@@ -3,7 +3,7 @@
 // alone may use, its statistics name or its control socket. It is taken before the
 // thing it guards is touched, so a second daemon started by mistake refuses to start
 // instead of removing the first one's table or socket. The lock goes with the process,
-// however it ends; the file stays (an empty file, harmless).
+// however it ends; a daemon that ends normally also removes the file.
 
 #include <memory>
 #include <string>

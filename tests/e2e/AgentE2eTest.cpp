@@ -230,6 +230,7 @@ TEST_F(AgentE2e, CountersOfADeadDaemonAreShownAsSuch) {
   daemon->wait();
   auto shown = ctl("show collectors");
   ::shm_unlink(stats.c_str());
+  ::unlink(("/dev/shm" + stats + ".lock").c_str());
   EXPECT_EQ(shown.status, 1);
   EXPECT_NE(shown.err.find("flowexportctl: flowexportd (pid " + std::to_string(pid) +
                            ") is not running; statistics as of 20"),
