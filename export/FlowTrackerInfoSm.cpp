@@ -1,8 +1,28 @@
 #include "export/FlowTrackerInfoSm.h"
 
+#include <algorithm>
+#include <cstring>
+
 #include "export/Trace.h"
+#include "platform/zub/LogHandle.h"
 
 namespace FlowTracking {
+
+namespace {
+const Zub::LogHandle FLOWTRACKING_EXPORTER_NO_ENDPOINT(
+    "FLOWTRACKING_EXPORTER_NO_ENDPOINT", 3,
+    "Exporter %s in flow tracker %s cannot open its IPv%s socket (%s); its IPv%s collectors "
+    "receive nothing. Retrying in %s s.",
+    "The exporter could not open the UDP socket it sends from.",
+    "Check the descriptor limits of the process (LimitNOFILE) and of the system.", 60.0, 1.0,
+    "FLOWTRACKING");
+
+// Whether the exporter has collectors of the family (an endpoint is opened for those
+// families only: each one costs a descriptor).
+bool familyInUse(const HwFlowTracking::ExporterConfig& hw, bool v6) {
+  return v6 ? hw.collectorIp6AndPortSize() > 0 : hw.collectorIpAndPortSize() > 0;
+}
+}  // namespace
 
 PamFactory realPamFactory() {
   return [](const Zub::Name& name) { return Zub::Ptr<Nelo::UdpPam>(new Nelo::UdpPam(name)); };
@@ -30,8 +50,9 @@ ExporterInfoSm::ExporterInfoSm(const Zub::Name& expName, const Zub::Name& ftName
 
 void ExporterInfoSm::handleInitialized() {
   GLINT(exportTrace(), kEntry) << "ExporterInfoSm::handleInitialized for " << traceId_;
-  pamManagementTask_ = new Orrin::Task(scheduler_, "PamManagementTask-" + ftName_ + "-" + expName_,
-                                       kTaskPriority, [this] { handlePamManagementTask(); });
+  pamManagementTask_ =
+      new Orrin::TimerTask(scheduler_, "PamManagementTask-" + ftName_ + "-" + expName_,
+                           kTaskPriority, [this] { handlePamManagementTask(); });
   pamManagementTask_->schedule();
 }
 
@@ -44,6 +65,14 @@ void ExporterInfoSm::handlePamManagementTask() {
   handleCollector();
   createPam4();
   createPam6();
+  const bool missing = (familyInUse(*hwExpConfig_, false) && !expInfo_->udpPam4()) ||
+                       (familyInUse(*hwExpConfig_, true) && !expInfo_->udpPam6());
+  if (missing) {
+    pamManagementTask_->scheduleTaskLowestDelay(retry_);
+    retry_ = std::min(retry_ * 2, kRetryMax);
+  } else {
+    retry_ = kRetryMin;
+  }
 }
 
 void ExporterInfoSm::handleCollector() {
@@ -66,8 +95,11 @@ void ExporterInfoSm::handleCollector(const Zub::String& name) {
   }
   expInfo_->collInfoIs(name);
   GLINT(exportTrace(), kState) << "Initiated sequence number for " << name;
-  // An endpoint that could not be made earlier is tried again with the next change.
-  if ((!expInfo_->udpPam4() || !expInfo_->udpPam6()) && pamManagementTask_) {
+  // The first collector of a family needs that family's endpoint; one that could not be
+  // made is tried again now too.
+  const bool v6 = hwExpConfig_->collectorIp6AndPortHas(name) && !expInfo_->udpPam6();
+  const bool v4 = hwExpConfig_->collectorIpAndPortHas(name) && !expInfo_->udpPam4();
+  if ((v4 || v6) && pamManagementTask_ && !pamManagementTask_->running()) {
     pamManagementTask_->schedule();
   }
 }
@@ -77,6 +109,7 @@ void ExporterInfoSm::createPam6() { createPam_(true); }
 
 void ExporterInfoSm::createPam_(bool v6) {
   if (v6 ? expInfo_->udpPam6() : expInfo_->udpPam4()) return;
+  if (!familyInUse(*hwExpConfig_, v6)) return;
   const Zub::Name name = Zub::str(v6 ? "udpPam6-" : "udpPam4-", ftName_, "-", expName_);
   try {
     Zub::Ptr<Nelo::UdpPam> pam = pamFactory_(name);
@@ -92,6 +125,9 @@ void ExporterInfoSm::createPam_(bool v6) {
                                 << ", fd: " << pam->fd();
   } catch (const Zub::ErrnoException& e) {
     GLINT(exportTrace(), 0) << "Caught ErrnoException: " << e.what();
+    const char* family = v6 ? "6" : "4";
+    FLOWTRACKING_EXPORTER_NO_ENDPOINT.log(expName_, ftName_, family, std::strerror(e.error()),
+                                          family, std::to_string(retry_.count()));
   }
 }
 

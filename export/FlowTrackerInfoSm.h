@@ -69,7 +69,11 @@ class ExporterInfoSm : public Zub::Reactor {
   void handleCollector(const Zub::String& name);
   void createPam4();
   void createPam6();
-  const Zub::Ptr<Orrin::Task>& pamManagementTask() const { return pamManagementTask_; }
+  const Zub::Ptr<Orrin::TimerTask>& pamManagementTask() const { return pamManagementTask_; }
+  // An endpoint that could not be opened is tried again after this long, doubling up
+  // to kRetryMax while it keeps failing.
+  static constexpr std::chrono::seconds kRetryMin{2};
+  static constexpr std::chrono::seconds kRetryMax{60};
   const Zub::String& traceId() const { return traceId_; }
 
  private:
@@ -81,7 +85,8 @@ class ExporterInfoSm : public Zub::Reactor {
   Zub::Ptr<ExporterInfo> expInfo_;
   Orrin::TaskScheduler& scheduler_;
   PamFactory pamFactory_;
-  Zub::Ptr<Orrin::Task> pamManagementTask_;
+  Zub::Ptr<Orrin::TimerTask> pamManagementTask_;
+  std::chrono::seconds retry_ = kRetryMin;
   Zub::String traceId_;
 };
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "platform/zub/LogHandle.h"
 #include "tests/support/ExportWorld.h"
 
 namespace {
@@ -16,11 +17,10 @@ TEST(ExporterInfoSm, EndpointsPerExporterAndSequenceNumbersPerCollector) {
   w.collector4("T", "E", "a", "192.0.2.1", 4739);
   w.start();
   auto expInfo = w.info->ftInfo("T")->expInfo("E");
+  // An endpoint for each family the collectors use, and for no other.
   ASSERT_TRUE(expInfo->udpPam4());
-  ASSERT_TRUE(expInfo->udpPam6());
+  EXPECT_FALSE(expInfo->udpPam6());
   EXPECT_EQ(expInfo->udpPam4()->name(), "udpPam4-T-E");
-  EXPECT_EQ(expInfo->udpPam6()->name(), "udpPam6-T-E");
-  EXPECT_TRUE(expInfo->udpPam6()->ipv6En());
   EXPECT_EQ(expInfo->udpPam4()->txPrio(), 2);
   auto* sm = w.infoSm->ftInfoSm().get("T")->expInfoSm().get("E");
   EXPECT_EQ(sm->pamManagementTask()->name(), "PamManagementTask-T-E");
@@ -35,6 +35,9 @@ TEST(ExporterInfoSm, EndpointsPerExporterAndSequenceNumbersPerCollector) {
   hw->dscpValueIs(Nelo::DscpValue(8));
   w.collector6("T", "E", "b", "2001:db8::2", 4739);  // an IPv6-only collector gets one too
   w.run();
+  ASSERT_TRUE(expInfo->udpPam6());
+  EXPECT_EQ(expInfo->udpPam6()->name(), "udpPam6-T-E");
+  EXPECT_TRUE(expInfo->udpPam6()->ipv6En());
   EXPECT_EQ(w.collInfo("T", "E", "a")->ipfixMsgSeqNo().value, 10u);
   ASSERT_TRUE(w.collInfo("T", "E", "b"));
   EXPECT_FALSE(w.collInfo("T", "E", "b")->optTemplateSent());
@@ -47,8 +50,9 @@ TEST(ExporterInfoSm, EndpointsPerExporterAndSequenceNumbersPerCollector) {
 
 TEST(ExporterInfoSm, RemovingAnExporterSwitchesBothEndpointsOffFirst) {
   ExportWorld w;
-  w.exporter("T", 1, "E", "10.0.0.1");
+  w.exporter("T", 1, "E", "10.0.0.1", "2001:db8::1");
   w.collector4("T", "E", "a", "192.0.2.1", 4739);
+  w.collector6("T", "E", "b", "2001:db8::2", 4739);
   w.start();
   auto expInfo = w.info->ftInfo("T")->expInfo("E");
   auto pam4 = expInfo->udpPam4();
@@ -76,25 +80,37 @@ TEST(ExporterInfoSm, TheEndpointReactorGoingAwayClosesEveryEndpointItOpened) {
   w.infoSm = nullptr;  // no cleanup call first: its teardown does the work
   std::vector<std::string> events = w.recorder.events;
   std::sort(events.begin(), events.end());
-  EXPECT_EQ(events, (std::vector<std::string>{"close udpPam4-T-E", "close udpPam4-T-F",
-                                              "close udpPam6-T-E", "close udpPam6-T-F"}));
+  // F has no collectors, so it never opened anything.
+  EXPECT_EQ(events, (std::vector<std::string>{"close udpPam4-T-E"}));
   EXPECT_FALSE(expInfo->udpPam4());
   EXPECT_EQ(expInfo->collInfoSize(), 0u);
 }
 
-TEST(ExporterInfoSm, EndpointFailureLeavesItAbsentAndALaterChangeRetries) {
+TEST(ExporterInfoSm, AnEndpointThatCannotBeOpenedIsLoggedAndRetriedWithBackoff) {
   ExportWorld w;
-  w.recorder.failOpen = true;
+  Zub::LogCapture logs;
+  w.recorder.failOpen = true;  // out of descriptors
   w.exporter("T", 1, "E", "10.0.0.1");
+  w.collector4("T", "E", "a", "192.0.2.1", 4739);
   w.start();
   auto expInfo = w.info->ftInfo("T")->expInfo("E");
   EXPECT_FALSE(expInfo->udpPam4());
-  EXPECT_FALSE(expInfo->udpPam6());
+  ASSERT_EQ(logs.lines().size(), 1u);
+  EXPECT_EQ(logs.lines()[0],
+            "FLOWTRACKING_EXPORTER_NO_ENDPOINT: Exporter E in flow tracker T cannot open its "
+            "IPv4 socket (Too many open files); its IPv4 collectors receive nothing. Retrying "
+            "in 2 s.");
+  w.advance(2);  // failed again: the next try waits twice as long
+  EXPECT_FALSE(expInfo->udpPam4());
   w.recorder.failOpen = false;
-  w.collector4("T", "E", "a", "192.0.2.1", 4739);
-  w.run();
+  w.advance(3.9);
+  EXPECT_FALSE(expInfo->udpPam4());
+  w.advance(0.1);
   EXPECT_TRUE(expInfo->udpPam4());
-  EXPECT_TRUE(expInfo->udpPam6());
+  EXPECT_FALSE(expInfo->udpPam6());
+  // Once open, nothing is retried any more.
+  EXPECT_FALSE(
+      w.infoSm->ftInfoSm().get("T")->expInfoSm().get("E")->pamManagementTask()->scheduled());
 }
 
 }  // namespace
