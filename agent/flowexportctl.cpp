@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <iterator>
 #include <limits>
@@ -166,7 +167,10 @@ int showCollectors(const std::string& statsName, bool asJson) {
              ", \"lastSent\": " + num(e.lastSentTime) +
              ", \"lastTemplateSent\": " + num(e.lastTemplateSentTime) +
              ", \"lastDataRecordSent\": " + num(e.lastDataRecordSentTime) +
-             ", \"lastOptionsDataSent\": " + num(e.lastOptionsDataSentTime) + ", \"sets\": [";
+             ", \"lastOptionsDataSent\": " + num(e.lastOptionsDataSentTime) +
+             ", \"sendErrors\": " + std::to_string(e.sendErrorCount) + ", \"lastSendError\": " +
+             json(e.sendErrorCount ? std::strerror(e.lastSendErrno) : "") +
+             ", \"lastSendErrorTime\": " + num(e.lastSendErrorTime) + ", \"sets\": [";
       bool first = true;
       for (size_t s = 0; s < setSlots(e); ++s) {
         const auto& set = e.setEntryStorage[s];
@@ -208,6 +212,11 @@ int showCollectors(const std::string& statsName, bool asJson) {
       std::printf("    set %-5u %-20s %9llu records\n", static_cast<unsigned>(set.setId.value),
                   setName(set.setId.value).c_str(),
                   static_cast<unsigned long long>(set.exportedFlowRecordCount));
+    }
+    if (e->sendErrorCount > 0) {
+      std::printf("    send errors %llu, last %s: %s\n",
+                  static_cast<unsigned long long>(e->sendErrorCount),
+                  timeText(e->lastSendErrorTime).c_str(), std::strerror(e->lastSendErrno));
     }
     if (e->lastOptionsDataSentTime > 0) {
       std::printf("    options data last sent %s\n", timeText(e->lastOptionsDataSentTime).c_str());

@@ -1,5 +1,10 @@
 #include "export/CollectorStats.h"
 
+#include <cstring>
+
+#include "platform/zub/Clock.h"
+#include "platform/zub/LogHandle.h"
+
 #include <algorithm>
 
 #include <cstdio>
@@ -190,4 +195,37 @@ CollectorStatisticsEntry CollectorStatistics::stats(const CollectorStatisticsKey
   return e ? *e : CollectorStatisticsEntry();
 }
 
+void CollectorStatistics::sendErrorIs(const CollectorStatisticsKey& key, int error,
+                                      Zub::Seconds now) {
+  try {
+    statsUpdate(key, [&](CollectorStatisticsEntry& e) {
+      ++e.sendErrorCount;
+      e.lastSendErrno = error;
+      e.lastSendErrorTime = now;
+    });
+  } catch (const Zub::RangeException&) {
+  }
+}
+
 }  // namespace Stova::Ipfix
+
+namespace FlowTracking {
+
+namespace {
+const Zub::LogHandle FLOWTRACKING_COLLECTOR_SEND_FAILED(
+    "FLOWTRACKING_COLLECTOR_SEND_FAILED", 4,
+    "Sending to collector %s of exporter %s in flow tracker %s failed: %s.",
+    "The kernel refused a message to the collector (no route, no buffer, ...); it is counted "
+    "as a send error, not as exported.",
+    "Check the route from the exporter's source address to the collector.", 60.0, 1.0,
+    "FLOWTRACKING");
+}  // namespace
+
+void collectorSendFailed(Stova::Ipfix::CollectorStatistics* stats,
+                         const Stova::Ipfix::CollectorStatisticsKey& key, int error) {
+  if (stats) stats->sendErrorIs(key, error, Zub::System::now());
+  FLOWTRACKING_COLLECTOR_SEND_FAILED.log(key.collector.stringValue(), key.exporter(), key.tracker(),
+                                         std::strerror(error));
+}
+
+}  // namespace FlowTracking

@@ -117,6 +117,12 @@ struct CollectorStatisticsEntry {
   Zub::Seconds lastDataRecordSentTime = 0;
   Zub::Seconds lastOptionsDataSentTime = 0;
   Zub::Seconds lastClearedTime = 0;
+  // Messages the kernel refused (they count nowhere else), the last refusal's errno and
+  // time.
+  uint64_t sendErrorCount = 0;
+  Zub::Seconds lastSendErrorTime = 0;
+  int32_t lastSendErrno = 0;
+  uint32_t pad2_ = 0;
   SetIndex nextIdx;
   uint8_t setEntryCount = 0;  // slots in use (high-water mark)
   uint8_t pad_[6] = {};
@@ -163,6 +169,9 @@ class CollectorStatistics {
     table_.update(key, std::forward<F>(fn));
   }
   void statsDel(const CollectorStatisticsKey& key) { table_.del(key); }
+  // Counts a message to `key` that could not be sent (errno `error`, at `now`). A full
+  // table loses the count, never the caller's work.
+  void sendErrorIs(const CollectorStatisticsKey& key, int error, Zub::Seconds now);
   void statsDelAll() { table_.delAll(); }
   std::vector<CollectorStatisticsEntry> statsAll() const { return table_.all(); }
   size_t statsSize() const { return table_.size(); }
@@ -182,3 +191,10 @@ class CollectorStatistics {
 using CollectorStatisticsReader = TableReader<CollectorStatisticsEntry>;
 
 }  // namespace Stova::Ipfix
+
+namespace FlowTracking {
+// A message to a collector that the kernel refused: counted in the collector's row (not
+// as exported) and logged at operator level, at most once a minute.
+void collectorSendFailed(Stova::Ipfix::CollectorStatistics* stats,
+                         const Stova::Ipfix::CollectorStatisticsKey& key, int error);
+}  // namespace FlowTracking

@@ -242,8 +242,12 @@ void TemplateExporterSmBase::doTx_(const typename F::Dst& dst, const Zub::String
   TRACE_BASE(kDiag, F::kDoTx) << ",  dst ip: " << dst.addr << ", dst port: " << dst.port
                               << ", src: " << F::src(*hwExpConfig_)
                               << ", tos :" << hwExpConfig_->dscpValue();
-  F::send(templatePkt_, *hwExpConfig_, *expInfo_, dst);
-  updateStats(F::key(dst), nowNs);
+  if (F::send(templatePkt_, *hwExpConfig_, *expInfo_, dst)) {
+    updateStats(F::key(dst), nowNs);
+  } else {
+    collectorSendFailed(collStats_, {F::key(dst), ftName_, expName_},
+                        F::pam(*expInfo_)->lastErrno());
+  }
   F::state(*this).served[name] = dst;
   ++templateTxCount_;
   updateCollectorOnTx(name);

@@ -74,9 +74,9 @@ struct CollectorFamily<Ipv6Family> {
 }  // namespace
 
 template <class F>
-void Collector::send_(const ExporterInfo& expInfo,
-                      const HwFlowTracking::ExporterConfig& hwExpConfig,
-                      const Zub::Ptr<Nelo::Pkt>* pkts, size_t n, const typename F::Dst& dst) {
+size_t Collector::send_(const ExporterInfo& expInfo,
+                        const HwFlowTracking::ExporterConfig& hwExpConfig,
+                        const Zub::Ptr<Nelo::Pkt>* pkts, size_t n, const typename F::Dst& dst) {
   const auto src = F::src(hwExpConfig);
   ZUB_ASSERT_TEXT(!src.isZero(), CollectorFamily<F>::kSrcAssert);
   ZUB_ASSERT_TEXT(F::pam(expInfo), "_pam");
@@ -85,11 +85,14 @@ void Collector::send_(const ExporterInfo& expInfo,
   if (optionsTrace().enabled(kDump)) {
     for (size_t i = 0; i < n; ++i) GLINT(optionsTrace(), kDump) << pkts[i]->hexdump();
   }
-  if (n == 1) {
-    F::send(pkts[0], hwExpConfig, expInfo, dst);
-  } else {
-    F::sendBatch(pkts, n, hwExpConfig, expInfo, dst);
+  const size_t sent = n == 1 ? (F::send(pkts[0], hwExpConfig, expInfo, dst) ? 1 : 0)
+                             : F::sendBatch(pkts, n, hwExpConfig, expInfo, dst);
+  if (sent < n) {
+    const Stova::Ipfix::CollectorStatisticsKey key(F::key(dst), ftName_, expName_);
+    const int error = F::pam(expInfo)->lastErrno();
+    for (size_t i = sent; i < n; ++i) collectorSendFailed(stats_, key, error);
   }
+  return sent;
 }
 
 void Collector::sendMessage(const ExporterInfo& expInfo,
@@ -99,12 +102,9 @@ void Collector::sendMessage(const ExporterInfo& expInfo,
   const uint32_t seqNo = info_->ipfixMsgSeqNo().value;
   info_->ipfixMsgSeqNoInc(msgWrap.recordCount());
   const Zub::Ptr<Nelo::Pkt> pkt = msgWrap.msg()->pkt(seqNo);
-  if (isIpv4_) {
-    send_<Ipv4Family>(expInfo, hwExpConfig, &pkt, 1, dst4_);
-  } else {
-    send_<Ipv6Family>(expInfo, hwExpConfig, &pkt, 1, dst6_);
-  }
-  updateStats(msgWrap);
+  const size_t sent = isIpv4_ ? send_<Ipv4Family>(expInfo, hwExpConfig, &pkt, 1, dst4_)
+                              : send_<Ipv6Family>(expInfo, hwExpConfig, &pkt, 1, dst6_);
+  if (sent) updateStats(msgWrap);
 }
 
 void Collector::sendMessages(const ExporterInfo& expInfo,
@@ -116,13 +116,10 @@ void Collector::sendMessages(const ExporterInfo& expInfo,
   size_t n = 0;
   auto flush = [&] {
     if (n == 0) return;
-    if (isIpv4_) {
-      send_<Ipv4Family>(expInfo, hwExpConfig, pkts, n, dst4_);
-    } else {
-      send_<Ipv6Family>(expInfo, hwExpConfig, pkts, n, dst6_);
-    }
+    const size_t sent = isIpv4_ ? send_<Ipv4Family>(expInfo, hwExpConfig, pkts, n, dst4_)
+                                : send_<Ipv6Family>(expInfo, hwExpConfig, pkts, n, dst6_);
     for (size_t i = 0; i < n; ++i) {
-      updateStats(*wraps[i]);
+      if (i < sent) updateStats(*wraps[i]);  // only what the kernel took counts as exported
       pkts[i] = nullptr;
     }
     n = 0;

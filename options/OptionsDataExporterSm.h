@@ -136,9 +136,11 @@ class Collector : public Zub::Entity {
   void updateStats(const MessageWrapper& msgWrap);
 
  private:
+  // Sends `n` messages; returns how many the kernel took (in order), the rest counted as
+  // send errors.
   template <class F>
-  void send_(const ExporterInfo& expInfo, const HwFlowTracking::ExporterConfig& hwExpConfig,
-             const Zub::Ptr<Nelo::Pkt>* pkts, size_t n, const typename F::Dst& dst);
+  size_t send_(const ExporterInfo& expInfo, const HwFlowTracking::ExporterConfig& hwExpConfig,
+               const Zub::Ptr<Nelo::Pkt>* pkts, size_t n, const typename F::Dst& dst);
 
   Zub::Ptr<CollectorInfo> info_;
   Nelo::IpAndPort dst4_;

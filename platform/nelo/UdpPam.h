@@ -70,6 +70,10 @@ class UdpPam : public Zub::PtrInterface {
   uint64_t txErrors() const { return txErrors_; }
   int lastErrno() const { return lastErrno_; }
 
+ protected:
+  // For endpoints that stand in for a socket (tests): the error of a refused send.
+  void lastErrnoIs(int e) { lastErrno_ = e; }
+
  private:
   // Where one datagram goes: its destination and the ancillary data naming its source.
   struct TxAddr {

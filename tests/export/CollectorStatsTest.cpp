@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
+#include "platform/zub/LogHandle.h"
+
 #include "tests/support/ExportWorld.h"
 
 namespace {
@@ -86,6 +90,39 @@ TEST(CollectorStats, TextForms) {
   CollectorStatisticsKey k;
   k.trackerIs(std::string(128, 't'));  // exactly the storage: no terminator needed
   EXPECT_EQ(k.tracker(), std::string(128, 't'));
+}
+
+// What the kernel refuses is a send error with its errno and time, never "exported";
+// both the template and the options data exporters count that way, and say so in the
+// operator log.
+TEST(CollectorStats, RefusedSendsAreErrorsNotExports) {
+  Zub::LogCapture logs;
+  TestSupport::ExportWorld w;
+  w.recorder.failSend = ENETUNREACH;
+  w.exporter("T", 1, "E", "10.0.0.1");
+  w.flowGroup("T", 261, {{Ipfix::RecordType::srcIp, 4}});
+  w.collector4("T", "E", "c", "192.0.2.1", 4739);
+  w.start();
+  const CollectorStatisticsKey key(CollectorInfo::fromIpAndPort({Nelo::IpAddr("192.0.2.1"), 4739}),
+                                   "T", "E");
+  auto e = w.stats->stats(key);
+  EXPECT_EQ(e.exportedMessageTotalCount, 0u);
+  EXPECT_EQ(e.exportedOctetTotalCount, 0u);
+  EXPECT_GE(e.sendErrorCount, 1u);
+  EXPECT_EQ(e.lastSendErrno, ENETUNREACH);
+  EXPECT_GT(e.lastSendErrorTime, 0);
+  ASSERT_FALSE(logs.lines().empty());
+  EXPECT_EQ(logs.lines()[0],
+            "FLOWTRACKING_COLLECTOR_SEND_FAILED: Sending to collector 192.0.2.1:4739 of exporter "
+            "E in flow tracker T failed: Network is unreachable.");
+
+  // The route comes back: the next period's sends count, the errors stay as they were.
+  const uint64_t errors = e.sendErrorCount;
+  w.recorder.failSend = 0;
+  w.advance(3600);  // the longest template interval
+  e = w.stats->stats(key);
+  EXPECT_GT(e.exportedMessageTotalCount, 0u);
+  EXPECT_EQ(e.sendErrorCount, errors);
 }
 
 TEST(CollectorStats, AFullTableLosesStatisticsNotExport) {

@@ -24,6 +24,10 @@ class RecordingPam : public Nelo::UdpPam {
   }
   bool txPkt(const Zub::Ptr<Nelo::Pkt>& pkt) override {
     if (mode_ != modeOn) return false;
+    if (rec_->failSend) {
+      lastErrnoIs(rec_->failSend);
+      return false;
+    }
     SentPkt s;
     s.pam = name();
     if (ipv6En()) {

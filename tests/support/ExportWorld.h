@@ -28,6 +28,7 @@ class PamRecorder {
   std::vector<SentPkt> sent;
   std::vector<std::string> events;  // "open udpPam4-T-E", "close udpPam4-T-E"
   bool failOpen = false;            // modeIs(on) raises ErrnoException
+  int failSend = 0;                 // non-zero: every send is refused with this errno
   std::vector<SentPkt> take() {
     std::vector<SentPkt> s;
     s.swap(sent);
