@@ -127,6 +127,11 @@ TEST_F(ControlServerTest, IdleClientsAreTimedOutAndTheirNumberCapped) {
 }
 
 TEST_F(ControlServerTest, RunningOutOfDescriptorsRefusesClientsWithoutSpinning) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_UNDEFINED__)
+  // The sanitizers' runtime opens files of its own (/proc/self/maps) to check a pointer;
+  // with no descriptor left it reports a false error.
+  GTEST_SKIP() << "not under the sanitizers: their runtime needs descriptors too";
+#endif
   auto server = makeServer();
   std::vector<int> waiting;
   for (int i = 0; i < 3; ++i) waiting.push_back(connectClient());
