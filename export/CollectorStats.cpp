@@ -219,7 +219,18 @@ const Zub::LogHandle FLOWTRACKING_COLLECTOR_SEND_FAILED(
     "as a send error, not as exported.",
     "Check the route from the exporter's source address to the collector.", 60.0, 1.0,
     "FLOWTRACKING");
+const Zub::LogHandle FLOWTRACKING_COLLECTOR_STATS_LOST(
+    "FLOWTRACKING_COLLECTOR_STATS_LOST", 4,
+    "Statistics of collector %s of exporter %s in flow tracker %s are not kept: the "
+    "statistics table is full, or its row has no room for another set.",
+    "Export goes on; flowexportctl does not show this collector's counters.",
+    "Clear the counters (flowexportctl clear counters) to free the table.", 60.0, 1.0,
+    "FLOWTRACKING");
 }  // namespace
+
+void collectorStatsLost(const Stova::Ipfix::CollectorStatisticsKey& key) {
+  FLOWTRACKING_COLLECTOR_STATS_LOST.log(key.collector.stringValue(), key.exporter(), key.tracker());
+}
 
 void collectorSendFailed(Stova::Ipfix::CollectorStatistics* stats,
                          const Stova::Ipfix::CollectorStatisticsKey& key, int error) {

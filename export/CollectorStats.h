@@ -197,4 +197,7 @@ namespace FlowTracking {
 // as exported) and logged at operator level, at most once a minute.
 void collectorSendFailed(Stova::Ipfix::CollectorStatistics* stats,
                          const Stova::Ipfix::CollectorStatisticsKey& key, int error);
+// A collector's statistics could not be kept (the table is full, or its row has no room
+// for another set): logged at operator level, at most once a minute.
+void collectorStatsLost(const Stova::Ipfix::CollectorStatisticsKey& key);
 }  // namespace FlowTracking

@@ -1,5 +1,7 @@
 #include "export/TemplateSmBase.h"
 
+#include <algorithm>
+
 #include "export/ExportFamily.h"
 #include "export/Trace.h"
 #include "platform/nelo/IpfixHeaders.h"
@@ -126,6 +128,29 @@ void TemplateExporterSmBase::handleDestroyed() {
   TRACE_BASE(kLife, "handleDestroyed");
   templateCreationTaskDel();
   periodicTemplateTxTaskDel();
+  dropStaleStats_(false);  // the exporter (or its tracker) is gone: so are its rows
+}
+
+// Deletes the statistics rows of this exporter whose collector is no longer one of its
+// destinations (all of them when `keepLive` is false), so that rows of collectors that
+// left never pile up until the table is full. Rows that record a clearing stay.
+void TemplateExporterSmBase::dropStaleStats_(bool keepLive) {
+  if (!collStats_) return;
+  std::vector<Stova::Ipfix::CollectorInfo> live;
+  if (keepLive) {
+    for (const auto& [name, dst] : hwExpConfig_->collectorIpAndPortColl()) {
+      live.push_back(Ipv4Family::key(dst));
+    }
+    for (const auto& [name, dst] : hwExpConfig_->collectorIp6AndPortColl()) {
+      live.push_back(Ipv6Family::key(dst));
+    }
+  }
+  for (const auto& e : collStats_->statsAll()) {
+    if (!e.key.collector || e.key.tracker() != ftName_ || e.key.exporter() != expName_) continue;
+    if (std::find(live.begin(), live.end(), e.key.collector) == live.end()) {
+      collStats_->statsDel(e.key);
+    }
+  }
 }
 
 void TemplateExporterSmBase::scheduleTemplateCreation() {
@@ -263,11 +288,12 @@ void TemplateExporterSmBase::handleCollector_(const Zub::String& name) {
   if (!dst || !expInfo_->collInfoHas(name)) {
     // Removed, or its information has not arrived yet: nothing is sent and the family's
     // state stays; it is sent to when it comes back complete.
-    st.served.erase(name);
+    if (st.served.erase(name) && !dst) dropStaleStats_(true);
     return;
   }
   auto served = st.served.find(name);
   if (served != st.served.end() && served->second == *dst) return;  // it has the packet
+  if (served != st.served.end()) dropStaleStats_(true);             // it moved: the old row goes
   if (st.sending) {
     doTx_<F>(typename F::Dst(*dst), name);
     schedulePeriodicTemplateTx_();
@@ -311,6 +337,7 @@ void TemplateExporterSmBase::updateStats(const Stova::Ipfix::CollectorInfo& coll
     // A full table loses this collector's statistics, not its export.
     TRACE_BASE(Zub::Glint::kError, "updateStats")
         << " statistics of " << key.stovaString() << " not kept: " << e.what();
+    collectorStatsLost(key);
   }
 }
 

@@ -135,6 +135,8 @@ class TemplateExporterSmBase : public Zub::Reactor {
   void schedulePeriodicTemplateTx_();
   void stopPeriodicTemplateTx_();
 
+  void dropStaleStats_(bool keepLive);
+
   Zub::Name ftName_;
   Zub::Name expName_;
   FtId ftId_;

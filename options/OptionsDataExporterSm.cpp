@@ -162,6 +162,7 @@ void Collector::updateStats(const MessageWrapper& msgWrap) {
     // A full table loses this collector's statistics, not its export.
     GLINT(optionsTrace(), Zub::Glint::kError)
         << "statistics of " << key.stovaString() << " not kept: " << e.what();
+    collectorStatsLost(key);
   }
 }
 

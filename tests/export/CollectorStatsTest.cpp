@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "platform/zub/LogHandle.h"
@@ -126,6 +127,7 @@ TEST(CollectorStats, RefusedSendsAreErrorsNotExports) {
 }
 
 TEST(CollectorStats, AFullTableLosesStatisticsNotExport) {
+  Zub::LogCapture logs;
   TestSupport::ExportWorld w;
   w.stats = CollectorStatistics::createLocal(2);
   w.exporter("T", 1, "E", "10.0.0.1");
@@ -138,6 +140,62 @@ TEST(CollectorStats, AFullTableLosesStatisticsNotExport) {
   EXPECT_EQ(w.recorder.count(2), 3u);  // all three get the data templates
   EXPECT_EQ(w.recorder.count(3), 3u);  // and the options templates
   EXPECT_EQ(w.stats->statsSize(), 2u);
+  ASSERT_FALSE(logs.lines().empty());
+  // One of the three, whichever came last.
+  EXPECT_EQ(logs.lines()[0].rfind("FLOWTRACKING_COLLECTOR_STATS_LOST: Statistics of collector "
+                                  "192.0.2.",
+                                  0),
+            0u)
+      << logs.lines()[0];
+  EXPECT_NE(logs.lines()[0].find(":4739 of exporter E in flow tracker T are not kept: the "
+                                 "statistics table is full, or its row has no room for "
+                                 "another set."),
+            std::string::npos)
+      << logs.lines()[0];
+}
+
+// Rows follow the collectors: a collector that moves, goes, or whose exporter or tracker
+// goes takes its row with it, so that removed collectors never fill the table. What
+// records a clearing stays.
+TEST(CollectorStats, RowsGoWithTheirCollectorExporterOrTracker) {
+  TestSupport::ExportWorld w;
+  w.exporter("T", 1, "E", "10.0.0.1");
+  w.exporter("T", 1, "F", "10.0.0.1");
+  w.flowGroup("T", 261, {{Ipfix::RecordType::srcIp, 4}});
+  w.start();
+  w.collector4("T", "E", "a", "192.0.2.1", 4739);
+  w.collector4("T", "E", "b", "192.0.2.2", 4739);
+  w.collector4("T", "F", "c", "192.0.2.3", 4739);
+  w.run();
+  auto rows = [&] {
+    std::vector<std::string> out;
+    for (const auto& e : w.stats->statsAll()) {
+      out.push_back(e.key.exporter() + " " +
+                    (!e.key.collector ? "cleared" : e.key.collector.stringValue()));
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+  };
+  ASSERT_EQ(rows(),
+            (std::vector<std::string>{"E 192.0.2.1:4739", "E 192.0.2.2:4739", "F 192.0.2.3:4739"}));
+  auto hwE = w.hwConfig->hwFtConfig("T")->expConfig("E");
+  hwE->collectorIpAndPortIs("a", Nelo::IpAndPort{Nelo::IpAddr("192.0.2.1"), 4740});  // moves
+  w.run();
+  EXPECT_EQ(rows(),
+            (std::vector<std::string>{"E 192.0.2.1:4740", "E 192.0.2.2:4739", "F 192.0.2.3:4739"}));
+  hwE->collectorIpAndPortDel("b");  // goes
+  w.run();
+  EXPECT_EQ(rows(), (std::vector<std::string>{"E 192.0.2.1:4740", "F 192.0.2.3:4739"}));
+  w.hwConfig->hwFtConfig("T")->expConfigDel("F");  // its exporter goes
+  w.run();
+  EXPECT_EQ(rows(), (std::vector<std::string>{"E 192.0.2.1:4740"}));
+  // A clearing marker of the tracker survives the tracker's exporters going.
+  Stova::Ipfix::CollectorStatisticsEntry marker{CollectorStatisticsKey(CollectorInfo(), "T", "")};
+  marker.lastClearedTime = 1;
+  w.stats->statsIs(marker);
+  w.hwConfig->hwFtConfigDel("T");  // the tracker goes
+  w.run();
+  EXPECT_EQ(rows(), (std::vector<std::string>{" cleared"}));
 }
 
 TEST(CollectorStatsDeathTest, KeysAndEntriesHaveNoTextForm) {
