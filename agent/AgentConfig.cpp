@@ -314,7 +314,8 @@ class Parser {
           }
         });
       }
-      if (const YAML::Node intfs = ft["interfaces"]) {
+      // A key with nothing under it (`interfaces:`) means none.
+      if (const YAML::Node intfs = ft["interfaces"]; intfs && !intfs.IsNull()) {
         const std::string ip = join(p, "interfaces");
         if (!intfs.IsMap()) fail(intfs, ip, "expected a mapping of interface: tracker");
         uniqueKeys(intfs, ip);
@@ -328,7 +329,7 @@ class Parser {
     }
     if (const YAML::Node pl = root["platform"]) {
       expectMap(pl, "platform", {"interfaces", "vrfs"});
-      if (const YAML::Node intfs = pl["interfaces"]) {
+      if (const YAML::Node intfs = pl["interfaces"]; intfs && !intfs.IsNull()) {
         if (!intfs.IsMap()) fail(intfs, "platform.interfaces", "expected a mapping of interfaces");
         uniqueKeys(intfs, "platform.interfaces");
         for (const auto& kv : intfs) {
@@ -336,7 +337,7 @@ class Parser {
           c.interfaces.push_back(interface(intf, kv.second, "platform.interfaces." + intf));
         }
       }
-      if (const YAML::Node vrfs = pl["vrfs"]) {
+      if (const YAML::Node vrfs = pl["vrfs"]; vrfs && !vrfs.IsNull()) {
         if (!vrfs.IsMap()) fail(vrfs, "platform.vrfs", "expected a mapping of VRFs");
         uniqueKeys(vrfs, "platform.vrfs");
         for (const auto& kv : vrfs) {

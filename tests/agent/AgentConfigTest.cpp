@@ -65,6 +65,12 @@ platform:
   EXPECT_EQ(d.trackers[0].activeInterval.value(), 300000u);
   EXPECT_EQ(d.trackers[0].exporters[0].mtu.value(), 9152u);
   EXPECT_NO_THROW(parseConfig(Agent::embeddedDefaultConfig(), "default"));
+  // An empty list of interfaces or VRFs is written as a key with nothing under it.
+  const auto none = parseConfig(
+      "flow-tracking:\n  enabled: true\n  interfaces:\nplatform:\n  interfaces:\n  vrfs:\n", "n");
+  EXPECT_TRUE(none.interfaceTracker.empty());
+  EXPECT_TRUE(none.interfaces.empty());
+  EXPECT_TRUE(none.vrfs.empty());
 }
 
 TEST(AgentConfig, OnlyARegularFileIsRead) {
