@@ -65,6 +65,8 @@ void ExporterInfoSm::handlePamManagementTask() {
   handleCollector();
   createPam4();
   createPam6();
+  closeUnusedPam_(false);
+  closeUnusedPam_(true);
   const bool missing = (familyInUse(*hwExpConfig_, false) && !expInfo_->udpPam4()) ||
                        (familyInUse(*hwExpConfig_, true) && !expInfo_->udpPam6());
   if (missing) {
@@ -86,6 +88,8 @@ void ExporterInfoSm::handleCollector(const Zub::String& name) {
                                << ", collector " << name;
   if (!hwExpConfig_->collectorIpAndPortHas(name) && !hwExpConfig_->collectorIp6AndPortHas(name)) {
     expInfo_->collInfoDel(name);
+    // The last collector of a family may have gone: its endpoint is given back.
+    if (pamManagementTask_ && !pamManagementTask_->running()) pamManagementTask_->schedule();
     return;
   }
   if (auto info = expInfo_->collInfo(name)) {
@@ -129,6 +133,19 @@ void ExporterInfoSm::createPam_(bool v6) {
     FLOWTRACKING_EXPORTER_NO_ENDPOINT.log(expName_, ftName_, family, std::strerror(e.error()),
                                           family, std::to_string(retry_.count()));
   }
+}
+
+// An endpoint whose family has no collector left is closed: each one holds a descriptor.
+void ExporterInfoSm::closeUnusedPam_(bool v6) {
+  auto pam = v6 ? expInfo_->udpPam6() : expInfo_->udpPam4();
+  if (!pam || familyInUse(*hwExpConfig_, v6)) return;
+  pam->modeIs(Nelo::UdpPam::modeOff);
+  if (v6) {
+    expInfo_->udpPam6Is(nullptr);
+  } else {
+    expInfo_->udpPam4Is(nullptr);
+  }
+  GLINT(exportTrace(), kLife) << "Closed Pam: " << pam->name() << ", no collector left";
 }
 
 void ExporterInfoSm::handleDestroyed() {

@@ -85,6 +85,8 @@ class ExporterInfoSm : public Zub::Reactor {
   Zub::Ptr<ExporterInfo> expInfo_;
   Orrin::TaskScheduler& scheduler_;
   PamFactory pamFactory_;
+  void closeUnusedPam_(bool v6);
+
   Zub::Ptr<Orrin::TimerTask> pamManagementTask_;
   std::chrono::seconds retry_ = kRetryMin;
   Zub::String traceId_;

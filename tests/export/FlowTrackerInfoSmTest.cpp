@@ -41,6 +41,14 @@ TEST(ExporterInfoSm, EndpointsPerExporterAndSequenceNumbersPerCollector) {
   EXPECT_EQ(w.collInfo("T", "E", "a")->ipfixMsgSeqNo().value, 10u);
   ASSERT_TRUE(w.collInfo("T", "E", "b"));
   EXPECT_FALSE(w.collInfo("T", "E", "b")->optTemplateSent());
+  // The last IPv6 collector going gives its endpoint back; IPv4 goes on as it was.
+  w.recorder.events.clear();
+  hw->collectorIp6AndPortDel("b");
+  w.run();
+  EXPECT_FALSE(expInfo->udpPam6());
+  EXPECT_EQ(w.recorder.events, (std::vector<std::string>{"close udpPam6-T-E"}));
+  ASSERT_TRUE(expInfo->udpPam4());
+  EXPECT_EQ(w.collInfo("T", "E", "a")->ipfixMsgSeqNo().value, 10u);
   // Removing and re-adding restarts at 0.
   hw->collectorIpAndPortDel("a");
   EXPECT_FALSE(w.collInfo("T", "E", "a"));
