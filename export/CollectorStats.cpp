@@ -196,10 +196,10 @@ CollectorStatisticsEntry CollectorStatistics::stats(const CollectorStatisticsKey
 }
 
 void CollectorStatistics::sendErrorIs(const CollectorStatisticsKey& key, int error,
-                                      Zub::Seconds now) {
+                                      Zub::Seconds now, uint64_t count) {
   try {
     statsUpdate(key, [&](CollectorStatisticsEntry& e) {
-      ++e.sendErrorCount;
+      e.sendErrorCount += count;
       e.lastSendErrno = error;
       e.lastSendErrorTime = now;
     });
@@ -233,8 +233,9 @@ void collectorStatsLost(const Stova::Ipfix::CollectorStatisticsKey& key) {
 }
 
 void collectorSendFailed(Stova::Ipfix::CollectorStatistics* stats,
-                         const Stova::Ipfix::CollectorStatisticsKey& key, int error) {
-  if (stats) stats->sendErrorIs(key, error, Zub::System::now());
+                         const Stova::Ipfix::CollectorStatisticsKey& key, int error,
+                         uint64_t count) {
+  if (stats) stats->sendErrorIs(key, error, Zub::System::now(), count);
   FLOWTRACKING_COLLECTOR_SEND_FAILED.log(key.collector.stringValue(), key.exporter(), key.tracker(),
                                          std::strerror(error));
 }

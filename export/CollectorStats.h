@@ -171,7 +171,8 @@ class CollectorStatistics {
   void statsDel(const CollectorStatisticsKey& key) { table_.del(key); }
   // Counts a message to `key` that could not be sent (errno `error`, at `now`). A full
   // table loses the count, never the caller's work.
-  void sendErrorIs(const CollectorStatisticsKey& key, int error, Zub::Seconds now);
+  void sendErrorIs(const CollectorStatisticsKey& key, int error, Zub::Seconds now,
+                   uint64_t count = 1);
   void statsDelAll() { table_.delAll(); }
   std::vector<CollectorStatisticsEntry> statsAll() const { return table_.all(); }
   size_t statsSize() const { return table_.size(); }
@@ -193,10 +194,11 @@ using CollectorStatisticsReader = TableReader<CollectorStatisticsEntry>;
 }  // namespace Stova::Ipfix
 
 namespace FlowTracking {
-// A message to a collector that the kernel refused: counted in the collector's row (not
-// as exported) and logged at operator level, at most once a minute.
+// `count` messages to a collector that the kernel refused: counted in the collector's row
+// (not as exported) in one update and logged at operator level, at most once a minute.
 void collectorSendFailed(Stova::Ipfix::CollectorStatistics* stats,
-                         const Stova::Ipfix::CollectorStatisticsKey& key, int error);
+                         const Stova::Ipfix::CollectorStatisticsKey& key, int error,
+                         uint64_t count = 1);
 // A collector's statistics could not be kept (the table is full, or its row has no room
 // for another set): logged at operator level, at most once a minute.
 void collectorStatsLost(const Stova::Ipfix::CollectorStatisticsKey& key);

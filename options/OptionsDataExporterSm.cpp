@@ -90,7 +90,7 @@ size_t Collector::send_(const ExporterInfo& expInfo,
   if (sent < n) {
     const Stova::Ipfix::CollectorStatisticsKey key(F::key(dst), ftName_, expName_);
     const int error = F::pam(expInfo)->lastErrno();
-    for (size_t i = sent; i < n; ++i) collectorSendFailed(stats_, key, error);
+    collectorSendFailed(stats_, key, error, n - sent);
   }
   return sent;
 }
@@ -389,31 +389,29 @@ void OptionsDataExporterSm::sendDataTables() {
   TRACE_SM(kDiag, "sendDataTables") << "msgCache count: " << msgCache_.size();
   // Collector by collector, every cached message in queue order: each collector's
   // messages go out in batches.
-  TRACE_SM(kDiag, "sendDataTables")
-      << "collectors: " << collectorSize() << " (IPv4: " << collector4Size()
-      << ", IPv6: " << collector6Size() << ")";
-  auto sendAll = [&](auto& coll) {
-    for (const Zub::String& name : coll.keys()) {
-      if (auto c = coll.get(name)) c->sendMessages(*expInfo_, *hwExpConfig_, msgCache_);
-    }
-  };
-  if (v4Ready()) sendAll(collector4Coll());
-  if (v6Ready()) sendAll(collector6Coll());
+  forEachReadyCollector_(
+      "sendDataTables", [&](Collector& c) { c.sendMessages(*expInfo_, *hwExpConfig_, msgCache_); });
   processing_ = false;
   maybeSchedulePeriodic();
 }
 
 void OptionsDataExporterSm::sendMessageToCollectors(const MessageWrapper& msg) {
-  TRACE_SM(kDiag, "sendMessageToCollectors")
-      << "collectors: " << collectorSize() << " (IPv4: " << collector4Size()
-      << ", IPv6: " << collector6Size() << ")";
-  auto sendAll = [&](auto& coll) {
+  forEachReadyCollector_("sendMessageToCollectors",
+                         [&](Collector& c) { c.sendMessage(*expInfo_, *hwExpConfig_, msg); });
+}
+
+// Every collector of a family whose source is ready, IPv4 first.
+template <class F>
+void OptionsDataExporterSm::forEachReadyCollector_(const char* handler, F&& fn) {
+  TRACE_SM(kDiag, handler) << "collectors: " << collectorSize() << " (IPv4: " << collector4Size()
+                           << ", IPv6: " << collector6Size() << ")";
+  auto each = [&](auto& coll) {
     for (const Zub::String& name : coll.keys()) {
-      if (auto c = coll.get(name)) c->sendMessage(*expInfo_, *hwExpConfig_, msg);
+      if (auto c = coll.get(name)) fn(*c);
     }
   };
-  if (v4Ready()) sendAll(collector4Coll());
-  if (v6Ready()) sendAll(collector6Coll());
+  if (v4Ready()) each(collector4Coll());
+  if (v6Ready()) each(collector6Coll());
 }
 
 void OptionsDataExporterSm::handleSrc4() { handleSrc_<V4>(); }

@@ -225,6 +225,8 @@ class OptionsDataExporterSm : public Zub::Reactor {
   void handleSrc_();
   template <class F>
   void handleCollector_(const Zub::String& name);
+  template <class F>
+  void forEachReadyCollector_(const char* handler, F&& fn);
   void handleCollInfo_(const Zub::String& name);
   void bindUpdate_(OptionsDataScope scope);
   bool taskRunning_(const Orrin::Task& task, const char* taskName) const;

@@ -62,6 +62,15 @@ class ControlServerTest : public ::testing::Test {
     while ((n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0) s.append(buf, n);
     return s;
   }
+  // One request on a fresh connection, the loop run, the reply read.
+  std::string ask(const std::string& request) {
+    int fd = connectClient();
+    EXPECT_EQ(::write(fd, request.data(), request.size()), static_cast<ssize_t>(request.size()));
+    pump();
+    std::string reply = readAll(fd);
+    ::close(fd);
+    return reply;
+  }
   static bool closedByServer(int fd) {
     char c;
     return ::recv(fd, &c, 1, MSG_DONTWAIT) == 0;
@@ -78,12 +87,8 @@ TEST_F(ControlServerTest, HalfClosedAndOversizedRequestsAreAnswered) {
   EXPECT_EQ(readAll(fd), "ok clear-counters t1\n");
   ::close(fd);
 
-  fd = connectClient();
-  const std::string big(ControlServer::kMaxRequest + 1, 'x');
-  ASSERT_EQ(::write(fd, big.data(), big.size()), static_cast<ssize_t>(big.size()));
-  pump();
-  EXPECT_EQ(readAll(fd), "error: request longer than 4096 bytes\n");
-  ::close(fd);
+  EXPECT_EQ(ask(std::string(ControlServer::kMaxRequest + 1, 'x')),
+            "error: request longer than 4096 bytes\n");
 
   // Closing before a complete line gets nothing and frees the slot.
   fd = connectClient();
@@ -119,11 +124,7 @@ TEST_F(ControlServerTest, IdleClientsAreTimedOutAndTheirNumberCapped) {
   for (int fd : idle) ::close(fd);
 
   // Room again for a client that asks.
-  int fd = connectClient();
-  ASSERT_EQ(::write(fd, "ping\n", 5), 5);
-  pump();
-  EXPECT_EQ(readAll(fd), "ok ping\n");
-  ::close(fd);
+  EXPECT_EQ(ask("ping\n"), "ok ping\n");
 }
 
 TEST_F(ControlServerTest, RunningOutOfDescriptorsRefusesClientsWithoutSpinning) {
@@ -153,11 +154,7 @@ TEST_F(ControlServerTest, RunningOutOfDescriptorsRefusesClientsWithoutSpinning) 
     EXPECT_TRUE(closedByServer(fd));
     ::close(fd);
   }
-  int fd = connectClient();
-  ASSERT_EQ(::write(fd, "ping\n", 5), 5);
-  pump();
-  EXPECT_EQ(readAll(fd), "ok ping\n");
-  ::close(fd);
+  EXPECT_EQ(ask("ping\n"), "ok ping\n");
 }
 
 TEST_F(ControlServerTest, APathThatIsNotASocketIsRefusedAndKept) {
@@ -184,11 +181,7 @@ TEST_F(ControlServerTest, AtExitOnlyItsOwnSocketIsRemoved) {
   server.reset();
   ASSERT_EQ(::lstat(path.c_str(), &after), 0) << "the other daemon's socket was removed";
   EXPECT_EQ(after.st_ino, before.st_ino);
-  int fd = connectClient();
-  ASSERT_EQ(::write(fd, "ping\n", 5), 5);
-  pump();
-  EXPECT_EQ(readAll(fd), "ok\n");
-  ::close(fd);
+  EXPECT_EQ(ask("ping\n"), "ok\n");
 }
 
 TEST_F(ControlServerTest, TheClientTalksOnlyToItsOwnUsersOrRootsDaemon) {
