@@ -90,6 +90,9 @@ void FlowExportAgent::start() {
   configSm_ =
       flowExportConfigSmFactory(config_, agentDir_, hwConfig_, status_.ethPhy, status_.ethLag,
                                 status_.ip, status_.ip6, status_.vrfs, status_.allIntf);
+  names_ = std::make_shared<FlowTracking::NameResolver>(
+      std::make_shared<FlowTracking::SystemResolver>(), &scheduler());
+  configSm_->namesIs(names_);
 
   if (stateFile_) {
     saveTask_ = new Orrin::Task(scheduler(), "FtIdStateSave", 2, [this] { saveFtIds_(); });
@@ -151,6 +154,9 @@ void FlowExportAgent::handleTerminate(int signal) {
 void FlowExportAgent::handleHangup() {
   GLINT(trace(), 1) << "SIGHUP: reloading";
   reload();
+  // Every collector name is looked up again: an address that moved is followed, and the
+  // collectors whose address stayed keep their sequence numbers.
+  if (names_) names_->refresh();
 }
 
 void FlowExportAgent::flushEntityLog() { std::fflush(stderr); }

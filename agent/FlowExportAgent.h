@@ -90,6 +90,8 @@ class FlowExportAgent : public Hollin::CAgent {
   std::unique_ptr<FtIdStateFile> stateFile_;
   std::unique_ptr<ControlServer> control_;
 
+  // Collector names, looked up in the background; outlives the reactors that watch it.
+  std::shared_ptr<FlowTracking::NameResolver> names_;
   Zub::Ptr<Ipfix::IpfixInitSm> ipfixInitSm_;
   Zub::Ptr<FlowTracking::ConfigSmBase> configSm_;
   Zub::Ptr<FlowTracking::FlowTrackingInfoSm> flowTrackingInfoSm_;

@@ -65,32 +65,14 @@ const Zub::LogHandle FLOWTRACKING_COLLECTOR_INACTIVE(
     "%s collector %s for exporter %s in %s flow tracker %s is inactive.",
     "Packets will not be exported to this collector.",
     "Ensure that if collector is configured, its IP address is valid.", 0.0, 1.0, kFacility);
+const Zub::LogHandle FLOWTRACKING_COLLECTOR_NOT_RESOLVED(
+    "FLOWTRACKING_COLLECTOR_NOT_RESOLVED", 4,
+    "%s collector %s for exporter %s in %s flow tracker %s does not resolve (%s); %s",
+    "The collector's host name could not be turned into an address. It is looked up again "
+    "after 2 s, then at doubling intervals up to a minute, and at every reload.",
+    "Check the name and the name service (/etc/hosts, /etc/resolv.conf).", 0.0, 1.0, kFacility);
 
 // ---- helpers --------------------------------------------------------------------------
-
-std::optional<Nelo::IpGenAddr> SystemResolver::resolve(const std::string& host) {
-  addrinfo hints{};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = 0;
-  addrinfo* result = nullptr;
-  if (::getaddrinfo(host.c_str(), nullptr, &hints, &result) != 0 || !result) {
-    if (result) ::freeaddrinfo(result);
-    return std::nullopt;
-  }
-  std::optional<Nelo::IpGenAddr> out;
-  if (result->ai_family == AF_INET) {
-    auto* sa = reinterpret_cast<const sockaddr_in*>(result->ai_addr);
-    out = Nelo::IpGenAddr(Nelo::IpAddr::fromNbo(sa->sin_addr.s_addr));
-  } else if (result->ai_family == AF_INET6) {
-    auto* sa = reinterpret_cast<const sockaddr_in6*>(result->ai_addr);
-    Nelo::Ip6Addr::Bytes b;
-    std::memcpy(b.data(), &sa->sin6_addr, 16);
-    out = Nelo::IpGenAddr(Nelo::Ip6Addr(b));
-  }
-  ::freeaddrinfo(result);
-  return out;
-}
 
 bool verifyIpAddr(const Nelo::IpAddr& a) {
   return !a.isZero() && !a.isBroadcast() && !a.isMulticast();
@@ -126,7 +108,7 @@ ConfigSmBase::ConfigSmBase(const Zub::Ptr<Config>& config, const Zub::Ptr<Zub::D
   ctx_->ip6Status = ip6Status;
   ctx_->allVrfStatusLocal = allVrfStatusLocal;
   ctx_->allIntfStatusDir = allIntfStatusDir;
-  ctx_->resolver = std::make_shared<SystemResolver>();
+  ctx_->names = std::make_shared<NameResolver>(std::make_shared<SystemResolver>());
   watch(config_->enabledSignal(), [this] { handleConfigEnabled(); });
   watch(config_->sampleRateSignal(), [this] { handleSampleRate(); });
   watch(config_->flowTrackerConfigSignal(),
@@ -814,6 +796,8 @@ void ExpConfigSm::handleCollectorHostAndPort() {
   for (const Zub::String& key : hwExpConfig_->collectorIp6AndPortColl().keys()) {
     if (!expConfig_->collectorHostAndPortHas(key)) deleteCollector(key);
   }
+  std::erase_if(collectorNames_,
+                [this](const auto& kv) { return !expConfig_->collectorHostAndPortHas(kv.first); });
   handleSrcAddress();
   for (const Zub::String& key : expConfig_->collectorHostAndPortColl().keys()) {
     handleCollectorHostAndPort(key);
@@ -829,11 +813,54 @@ void ExpConfigSm::handleCollectorHostAndPort(const Zub::String& key) {
     handleSrcAddress();
     return;
   }
-  auto addr = ctx_->resolver->resolve(hp.host);
-  if (!addr) {
+  CollectorName& cn = collectorNames_[key];
+  cn.hostAndPort = hp;
+  // A new watch looks the name up again; the previous one stops with it.
+  std::optional<Resolution> now;
+  cn.watch = ctx_->names->watch(
+      hp.host, [this, key](const Resolution& r) { handleCollectorResolution(key, r); }, now);
+  if (!now) {
+    GLINT(trace(), kState) << "Hostname: " << hp.host << " is being resolved";
+    return;
+  }
+  handleCollectorResolution(key, *now);
+}
+
+void ExpConfigSm::handleCollectorResolution(const Zub::String& key, const Resolution& r) {
+  auto it = collectorNames_.find(key);
+  if (it == collectorNames_.end()) return;
+  CollectorName& cn = it->second;
+  const Nelo::HostAndPort hp = cn.hostAndPort;
+  if (!r.addr) {
     // Keep what an earlier resolution gave: a transient failure changes nothing.
     GLINT(trace(), kState) << "Hostname: " << hp.host << " was not resolved";
+    if (cn.unresolvedLogged) return;
+    cn.unresolvedLogged = true;
+    std::string kept;
+    if (hwExpConfig_->collectorIpAndPortHas(key)) {
+      kept = hwExpConfig_->collectorIpAndPort(key).stringValue();
+    } else if (hwExpConfig_->collectorIp6AndPortHas(key)) {
+      kept = hwExpConfig_->collectorIp6AndPort(key).stringValue();
+    }
+    const Zub::String& type = ctx_->trackingType;
+    FLOWTRACKING_COLLECTOR_NOT_RESOLVED.logFacility(
+        kIpfixFacility, type, key, expName_, type, ftName_, r.error,
+        kept.empty() ? std::string("nothing is exported to it until it does.")
+                     : "export goes on to its previous address " + kept + ".");
     return;
+  }
+  const Nelo::IpGenAddr* addr = &*r.addr;
+  if (cn.unresolvedLogged) {
+    cn.unresolvedLogged = false;
+    // Resolved again to the address it kept: say so, as a new address would.
+    const bool same =
+        addr->family == Nelo::IpGenAddr::ipv4
+            ? hwExpConfig_->collectorIpAndPortHas(key) &&
+                  hwExpConfig_->collectorIpAndPort(key) == Nelo::IpAndPort{addr->ipAddr(), hp.port}
+            : hwExpConfig_->collectorIp6AndPortHas(key) &&
+                  hwExpConfig_->collectorIp6AndPort(key) ==
+                      Nelo::Ip6AndPort{addr->ip6Addr(), hp.port};
+    if (same) logCollector_(true, key);
   }
   if (addr->family == Nelo::IpGenAddr::ipv4) {
     const Nelo::IpAndPort dst{addr->ipAddr(), hp.port};
@@ -865,6 +892,7 @@ void ExpConfigSm::handleCollectorHostAndPort(const Zub::String& key) {
 }
 
 void ExpConfigSm::deleteCollector(const Zub::String& key) {
+  if (!expConfig_->collectorHostAndPortHas(key)) collectorNames_.erase(key);
   const bool had4 = hwExpConfig_->collectorIpAndPortDel(key);
   const bool had6 = hwExpConfig_->collectorIp6AndPortDel(key);
   if (!had4 && !had6) return;

@@ -16,6 +16,7 @@
 #include <set>
 
 #include "config/HwFlowTrackingConfig.h"
+#include "config/NameResolver.h"
 #include "platform/hollin/CAgent.h"
 #include "platform/status/Interface.h"
 #include "platform/status/Ip.h"
@@ -34,19 +35,7 @@ extern const Zub::LogHandle FLOWTRACKING_EXPORTER_ACTIVE;
 extern const Zub::LogHandle FLOWTRACKING_EXPORTER_INACTIVE;
 extern const Zub::LogHandle FLOWTRACKING_COLLECTOR_ACTIVE;
 extern const Zub::LogHandle FLOWTRACKING_COLLECTOR_INACTIVE;
-
-// Collector name resolution: the first address the resolver returns, or nothing.
-class Resolver {
- public:
-  virtual ~Resolver() = default;
-  virtual std::optional<Nelo::IpGenAddr> resolve(const std::string& host) = 0;
-};
-
-// The C library's resolver (getaddrinfo: any family, stream sockets, first result).
-class SystemResolver : public Resolver {
- public:
-  std::optional<Nelo::IpGenAddr> resolve(const std::string& host) override;
-};
+extern const Zub::LogHandle FLOWTRACKING_COLLECTOR_NOT_RESOLVED;
 
 // Address checks for sources and collectors.
 bool verifyIpAddr(const Nelo::IpAddr& a);    // not 0.0.0.0, broadcast or multicast
@@ -77,7 +66,7 @@ struct ConfigContext : Zub::PtrInterface {
   Zub::Ptr<Ip6::Status> ip6Status;
   Zub::Ptr<Ip::AllVrfStatusLocal> allVrfStatusLocal;
   Zub::Ptr<Interface::AllIntfStatusDir> allIntfStatusDir;
-  std::shared_ptr<Resolver> resolver;
+  std::shared_ptr<NameResolver> names;
   Zub::String trackingType;  // the agent's word for its flow tracking, in log messages
 };
 
@@ -136,6 +125,8 @@ class ExpConfigSm : public Zub::Reactor {
   void handleCollectorHostAndPort();
   void handleCollectorHostAndPort(const Zub::String& key);
   void deleteCollector(const Zub::String& key);
+  // An answer for the collector's host, now or later from the background.
+  void handleCollectorResolution(const Zub::String& key, const Resolution& r);
 
   Nelo::IpAddr getIpAddr() const;
   Nelo::Ip6Addr getIp6Addr() const;
@@ -158,6 +149,13 @@ class ExpConfigSm : public Zub::Reactor {
   void logExporter_(bool active) const;
   void logCollector_(bool active, const Zub::String& key) const;
 
+  // A configured collector's host as followed by the name resolver.
+  struct CollectorName {
+    Nelo::HostAndPort hostAndPort;
+    NameResolver::WatchPtr watch;
+    bool unresolvedLogged = false;
+  };
+
   Zub::Name expName_;
   Zub::Name ftName_;
   Zub::Ptr<ExporterConfig> expConfig_;
@@ -171,6 +169,7 @@ class ExpConfigSm : public Zub::Reactor {
   Zub::Ptr<L3::IntfStatus> l3Status_;
   Zub::Ptr<Ip::VrfStatusLocal> vrfStatusLocal_;
   Zub::Subscriptions localIntfSubs_, ipIntfSubs_, ip6IntfSubs_, l3Subs_, vrfSubs_;
+  std::map<Zub::String, CollectorName> collectorNames_;
   bool initialized_ = false;
 };
 
@@ -229,9 +228,14 @@ class ConfigSmBase : public Zub::Reactor {
   void releaseFtId(FtId ftId);
   Zub::String ftIdToName(FtId ftId) const;
 
-  // Name resolution for collectors; the system resolver unless a test installs one.
-  Resolver& resolver() const { return *ctx_->resolver; }
-  void resolverIs(std::shared_ptr<Resolver> r) { ctx_->resolver = std::move(r); }
+  // Name resolution for collectors: the system resolver, inline, unless the agent
+  // installs one that resolves in the background or a test installs a scripted one.
+  // Exporters made afterwards use it.
+  NameResolver& names() const { return *ctx_->names; }
+  void namesIs(std::shared_ptr<NameResolver> n) { ctx_->names = std::move(n); }
+  void resolverIs(std::shared_ptr<Resolver> r) {
+    ctx_->names = std::make_shared<NameResolver>(std::move(r));
+  }
 
   const Zub::Ptr<Config>& config() const { return config_; }
   const Zub::Ptr<Zub::Dir>& agentDir() const { return agentDir_; }

@@ -11,10 +11,17 @@ namespace FlowTracking {
 namespace {
 const Zub::LogHandle FLOWTRACKING_EXPORTER_NO_ENDPOINT(
     "FLOWTRACKING_EXPORTER_NO_ENDPOINT", 3,
-    "Exporter %s in flow tracker %s cannot open its IPv%s socket (%s); its IPv%s collectors "
-    "receive nothing. Retrying in %s s.",
-    "The exporter could not open the UDP socket it sends from.",
+    "Exporter %s in flow tracker %s is inactive for its IPv%s collectors: it cannot open its "
+    "IPv%s socket (%s). Retrying in %s s.",
+    "The exporter could not open the UDP socket it sends from; nothing is sent to the "
+    "collectors of that family until it can.",
     "Check the descriptor limits of the process (LimitNOFILE) and of the system.", 60.0, 1.0,
+    "FLOWTRACKING");
+const Zub::LogHandle FLOWTRACKING_EXPORTER_ENDPOINT_OPEN(
+    "FLOWTRACKING_EXPORTER_ENDPOINT_OPEN", 5,
+    "Exporter %s in flow tracker %s opened its IPv%s socket; its IPv%s collectors are "
+    "exported to again.",
+    "The socket that could not be opened before is open now.", Zub::NoActionRequired, 0.0, 1.0,
     "FLOWTRACKING");
 
 // Whether the exporter has collectors of the family (an endpoint is opened for those
@@ -115,6 +122,7 @@ void ExporterInfoSm::createPam_(bool v6) {
   if (v6 ? expInfo_->udpPam6() : expInfo_->udpPam4()) return;
   if (!familyInUse(*hwExpConfig_, v6)) return;
   const Zub::Name name = Zub::str(v6 ? "udpPam6-" : "udpPam4-", ftName_, "-", expName_);
+  const char* family = v6 ? "6" : "4";
   try {
     Zub::Ptr<Nelo::UdpPam> pam = pamFactory_(name);
     pam->ipv6EnIs(v6);
@@ -127,11 +135,15 @@ void ExporterInfoSm::createPam_(bool v6) {
     }
     GLINT(exportTrace(), kLife) << "Created Pam: " << name << ", txPrio: " << kTxPrio
                                 << ", fd: " << pam->fd();
+    if (noEndpoint_[v6]) {
+      noEndpoint_[v6] = false;
+      FLOWTRACKING_EXPORTER_ENDPOINT_OPEN.log(expName_, ftName_, family, family);
+    }
   } catch (const Zub::ErrnoException& e) {
     GLINT(exportTrace(), 0) << "Caught ErrnoException: " << e.what();
-    const char* family = v6 ? "6" : "4";
-    FLOWTRACKING_EXPORTER_NO_ENDPOINT.log(expName_, ftName_, family, std::strerror(e.error()),
-                                          family, std::to_string(retry_.count()));
+    noEndpoint_[v6] = true;
+    FLOWTRACKING_EXPORTER_NO_ENDPOINT.log(expName_, ftName_, family, family,
+                                          std::strerror(e.error()), std::to_string(retry_.count()));
   }
 }
 

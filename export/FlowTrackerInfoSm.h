@@ -89,6 +89,8 @@ class ExporterInfoSm : public Zub::Reactor {
 
   Zub::Ptr<Orrin::TimerTask> pamManagementTask_;
   std::chrono::seconds retry_ = kRetryMin;
+  // Per family (IPv4, IPv6): its endpoint failed to open and was logged so.
+  bool noEndpoint_[2] = {false, false};
   Zub::String traceId_;
 };
 

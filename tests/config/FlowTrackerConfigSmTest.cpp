@@ -269,6 +269,12 @@ TEST_F(ExporterTest, ResolverFailureKeepsThePreviousAddressAndALaterChangeRetrie
   w.collector("T", "E", "c.example", 4740);
   EXPECT_EQ(hw->collectorIpAndPort("c.example").stringValue(), "192.0.2.30:4739");
   EXPECT_TRUE(hw->exporterReady());
+  EXPECT_EQ(take(), (Lines{"FLOWTRACKING_COLLECTOR_NOT_RESOLVED: dummy collector c.example for "
+                           "exporter E in dummy flow tracker T does not resolve (Name or service "
+                           "not known); export goes on to its previous address "
+                           "192.0.2.30:4739."}));
+  // Failing again says nothing more.
+  w.collector("T", "E", "c.example", 4742);
   EXPECT_TRUE(take().empty());
   w.resolver->answerIs("c.example", "2001:db8::30");
   w.collector("T", "E", "c.example", 4741);
@@ -282,9 +288,65 @@ TEST_F(ExporterTest, ResolverFailureKeepsThePreviousAddressAndALaterChangeRetrie
   // The same answer again changes and logs nothing.
   w.collector("T", "E", "c.example", 4741);
   take();
-  const int calls = w.resolver->calls;
+  const int calls = w.resolver->calls();
   w.sm->ftConfigSm().get("T")->expConfigSm().get("E")->handleCollectorHostAndPort("c.example");
-  EXPECT_EQ(w.resolver->calls, calls + 1);
+  EXPECT_EQ(w.resolver->calls(), calls + 1);
+  EXPECT_TRUE(take().empty());
+}
+
+// A collector configured by a name that does not resolve yet (DNS not up at boot) is
+// reported, and followed once it resolves; an address that moves is followed too. A
+// lookup that gives the same address changes and logs nothing.
+TEST_F(ExporterTest, ANameThatDoesNotResolveIsReportedAndFollowedOnceItDoes) {
+  w.resolver->failIs("late.example");
+  w.exporter("T", "E", "Loopback0");
+  take();
+  w.collector("T", "E", "late.example", 4739);
+  auto hw = w.hwExporter("T", "E");
+  EXPECT_FALSE(hw->collectorIpAndPortHas("late.example"));
+  EXPECT_EQ(take(), (Lines{"FLOWTRACKING_COLLECTOR_NOT_RESOLVED: dummy collector late.example "
+                           "for exporter E in dummy flow tracker T does not resolve (Name or "
+                           "service not known); nothing is exported to it until it does."}));
+  w.sm->names().refresh();
+  EXPECT_TRUE(take().empty());
+
+  w.resolver->answerIs("late.example", "192.0.2.40");
+  w.sm->names().refresh();
+  EXPECT_EQ(hw->collectorIpAndPort("late.example").stringValue(), "192.0.2.40:4739");
+  EXPECT_TRUE(hw->exporterReady());
+  EXPECT_EQ(take(),
+            (Lines{"FLOWTRACKING_COLLECTOR_ACTIVE: dummy collector late.example for exporter E "
+                   "in dummy flow tracker T is active.",
+                   "FLOWTRACKING_EXPORTER_ACTIVE: dummy exporter E in VRF default, in dummy "
+                   "flow tracker T is active."}));
+  w.sm->names().refresh();
+  EXPECT_TRUE(take().empty());
+
+  w.resolver->answerIs("late.example", "192.0.2.41");
+  w.sm->names().refresh();
+  EXPECT_EQ(hw->collectorIpAndPort("late.example").stringValue(), "192.0.2.41:4739");
+  EXPECT_EQ(take().size(), 1u);
+
+  // Failing, then resolving to the address it kept: said both ways.
+  w.resolver->failIs("late.example", "Temporary failure in name resolution");
+  w.sm->names().refresh();
+  w.resolver->answerIs("late.example", "192.0.2.41");
+  w.sm->names().refresh();
+  EXPECT_EQ(take(),
+            (Lines{"FLOWTRACKING_COLLECTOR_NOT_RESOLVED: dummy collector late.example for "
+                   "exporter E in dummy flow tracker T does not resolve (Temporary failure in "
+                   "name resolution); export goes on to its previous address 192.0.2.41:4739.",
+                   "FLOWTRACKING_COLLECTOR_ACTIVE: dummy collector late.example for exporter E "
+                   "in dummy flow tracker T is active."}));
+
+  // A collector removed before it ever resolved is no longer followed.
+  w.resolver->failIs("never.example");
+  w.collector("T", "E", "never.example", 4739);
+  take();
+  w.config->flowTrackerConfig("T")->expConfig("E")->collectorHostAndPortDel("never.example");
+  const int calls = w.resolver->calls();
+  w.sm->names().refresh();
+  EXPECT_EQ(w.resolver->calls(), calls + 1);  // late.example only
   EXPECT_TRUE(take().empty());
 }
 
@@ -370,16 +432,20 @@ TEST_F(ExporterTest, SameConfigurationTwiceWritesNothingAndAChangePlusItsReverse
 
 TEST(ConfigSmResolution, RealResolverForLocalhostAndLiteralsOfBothFamilies) {
   FlowTracking::SystemResolver r;
-  auto v4 = r.resolve("127.0.0.1");
+  auto v4 = r.resolve("127.0.0.1").addr;
   ASSERT_TRUE(v4);
   EXPECT_EQ(v4->stringValue(), "127.0.0.1");
-  auto v6 = r.resolve("::1");
+  auto v6 = r.resolve("::1").addr;
   ASSERT_TRUE(v6);
   EXPECT_EQ(v6->stringValue(), "::1");
-  auto local = r.resolve("localhost");
+  auto local = r.resolve("localhost").addr;
   ASSERT_TRUE(local);
   EXPECT_TRUE(local->stringValue() == "127.0.0.1" || local->stringValue() == "::1")
       << local->stringValue();
+  // A name that cannot exist says why.
+  auto none = r.resolve("no-such-host.invalid");
+  EXPECT_FALSE(none.addr);
+  EXPECT_FALSE(none.error.empty());
 
   // Through the reactor with the system resolver.
   ConfigWorld w;

@@ -105,9 +105,9 @@ TEST(ExporterInfoSm, AnEndpointThatCannotBeOpenedIsLoggedAndRetriedWithBackoff) 
   EXPECT_FALSE(expInfo->udpPam4());
   ASSERT_EQ(logs.lines().size(), 1u);
   EXPECT_EQ(logs.lines()[0],
-            "FLOWTRACKING_EXPORTER_NO_ENDPOINT: Exporter E in flow tracker T cannot open its "
-            "IPv4 socket (Too many open files); its IPv4 collectors receive nothing. Retrying "
-            "in 2 s.");
+            "FLOWTRACKING_EXPORTER_NO_ENDPOINT: Exporter E in flow tracker T is inactive for "
+            "its IPv4 collectors: it cannot open its IPv4 socket (Too many open files). "
+            "Retrying in 2 s.");
   w.advance(2);  // failed again: the next try waits twice as long
   EXPECT_FALSE(expInfo->udpPam4());
   w.recorder.failOpen = false;
@@ -116,6 +116,9 @@ TEST(ExporterInfoSm, AnEndpointThatCannotBeOpenedIsLoggedAndRetriedWithBackoff) 
   w.advance(0.1);
   EXPECT_TRUE(expInfo->udpPam4());
   EXPECT_FALSE(expInfo->udpPam6());
+  EXPECT_EQ(logs.lines().back(),
+            "FLOWTRACKING_EXPORTER_ENDPOINT_OPEN: Exporter E in flow tracker T opened its IPv4 "
+            "socket; its IPv4 collectors are exported to again.");
   // Once open, nothing is retried any more.
   EXPECT_FALSE(
       w.infoSm->ftInfoSm().get("T")->expInfoSm().get("E")->pamManagementTask()->scheduled());

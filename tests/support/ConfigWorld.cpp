@@ -4,24 +4,46 @@
 
 namespace TestSupport {
 
-std::optional<Nelo::IpGenAddr> FakeResolver::resolve(const std::string& host) {
-  ++calls;
+FlowTracking::Resolution FakeResolver::resolve(const std::string& host) {
+  std::unique_lock lk(mu_);
+  ++calls_;
+  released_.wait(lk, [&] { return !held_.count(host); });
   auto it = answers_.find(host);
   if (it != answers_.end()) return it->second;
-  if (auto a = Nelo::IpAddr::parse(host)) return Nelo::IpGenAddr(*a);
-  if (auto a = Nelo::Ip6Addr::parse(host)) return Nelo::IpGenAddr(*a);
-  return std::nullopt;
+  if (auto a = Nelo::IpAddr::parse(host)) return {Nelo::IpGenAddr(*a), {}};
+  if (auto a = Nelo::Ip6Addr::parse(host)) return {Nelo::IpGenAddr(*a), {}};
+  return {std::nullopt, "Name or service not known"};
 }
 
 void FakeResolver::answerIs(const std::string& host, const std::string& address) {
+  std::lock_guard lk(mu_);
   if (auto a = Nelo::IpAddr::parse(address)) {
-    answers_[host] = Nelo::IpGenAddr(*a);
+    answers_[host] = {Nelo::IpGenAddr(*a), {}};
   } else {
-    answers_[host] = Nelo::IpGenAddr(Nelo::Ip6Addr(address));
+    answers_[host] = {Nelo::IpGenAddr(Nelo::Ip6Addr(address)), {}};
   }
 }
 
-void FakeResolver::failIs(const std::string& host) { answers_[host] = std::nullopt; }
+void FakeResolver::failIs(const std::string& host, const std::string& error) {
+  std::lock_guard lk(mu_);
+  answers_[host] = {std::nullopt, error};
+}
+
+void FakeResolver::hold(const std::string& host) {
+  std::lock_guard lk(mu_);
+  held_.insert(host);
+}
+
+void FakeResolver::release(const std::string& host) {
+  std::lock_guard lk(mu_);
+  held_.erase(host);
+  released_.notify_all();
+}
+
+int FakeResolver::calls() const {
+  std::lock_guard lk(mu_);
+  return calls_;
+}
 
 ConfigWorld::ConfigWorld()
     : config(new FlowTracking::Config("config")),

@@ -3,8 +3,11 @@
 // ConfigSmBase, for scenario tests: helpers set up interfaces, trackers, exporters and
 // collectors the way the command layer and the platform would.
 
+#include <condition_variable>
 #include <map>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -14,16 +17,23 @@
 namespace TestSupport {
 
 // A resolver with scripted answers; address literals resolve to themselves unless
-// scripted otherwise.
+// scripted otherwise. Safe to call from the resolver's worker threads. A held name
+// blocks its callers until it is released, as a name server that does not answer.
 class FakeResolver : public FlowTracking::Resolver {
  public:
-  std::optional<Nelo::IpGenAddr> resolve(const std::string& host) override;
+  FlowTracking::Resolution resolve(const std::string& host) override;
   void answerIs(const std::string& host, const std::string& address);
-  void failIs(const std::string& host);
-  int calls = 0;
+  void failIs(const std::string& host, const std::string& error = "Name or service not known");
+  void hold(const std::string& host);
+  void release(const std::string& host);
+  int calls() const;
 
  private:
-  std::map<std::string, std::optional<Nelo::IpGenAddr>> answers_;
+  mutable std::mutex mu_;
+  std::condition_variable released_;
+  std::map<std::string, FlowTracking::Resolution> answers_;
+  std::set<std::string> held_;
+  int calls_ = 0;
 };
 
 struct ConfigWorld {

@@ -79,7 +79,7 @@ std::vector<Datagram> ofSet(const std::vector<Datagram>& datagrams, uint16_t set
   return out;
 }
 
-UdpReceiver::UdpReceiver(bool ipv6, uint16_t port) : ipv6_(ipv6) {
+UdpReceiver::UdpReceiver(bool ipv6, uint16_t port, const char* ipv4) : ipv6_(ipv6) {
   fd_ = ::socket(ipv6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd_ < 0) throw std::runtime_error("socket");
   int on = 1;
@@ -102,7 +102,7 @@ UdpReceiver::UdpReceiver(bool ipv6, uint16_t port) : ipv6_(ipv6) {
     ::setsockopt(fd_, IPPROTO_IP, IP_RECVTOS, &on, sizeof on);
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::inet_pton(AF_INET, ipv4, &a.sin_addr) != 1) throw std::runtime_error("address");
     a.sin_port = htons(port);
     if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0)
       throw std::runtime_error("bind4");

@@ -39,8 +39,9 @@ std::vector<MessageCount> countRecords(const std::vector<Datagram>& datagrams);
 
 class UdpReceiver {
  public:
-  // Binds 127.0.0.1 or ::1 on a free port (or `port`).
-  explicit UdpReceiver(bool ipv6, uint16_t port = 0);
+  // Binds 127.0.0.1 or ::1 on a free port (or `port`); `ipv4` picks another loopback
+  // address.
+  explicit UdpReceiver(bool ipv6, uint16_t port = 0, const char* ipv4 = "127.0.0.1");
   ~UdpReceiver();
   UdpReceiver(const UdpReceiver&) = delete;
   UdpReceiver& operator=(const UdpReceiver&) = delete;
