@@ -13,6 +13,7 @@
 #include <fstream>
 #include <thread>
 
+#include "export/CollectorStats.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/Decoders.h"
 #include "tests/support/Network.h"
@@ -238,6 +239,29 @@ TEST_F(AgentE2e, CountersOfADeadDaemonAreShownAsSuch) {
       << shown.err;
   EXPECT_NE(shown.out.find("127.0.0.1:" + std::to_string(rx1.port())), std::string::npos)
       << shown.out;
+}
+
+// The table is shared memory any process of the user may write: names in it reach the
+// terminal and the JSON output with their control characters and stray bytes escaped.
+TEST_F(AgentE2e, NamesFromTheTableAreShownEscaped) {
+  auto table = Stova::Ipfix::CollectorStatistics::createShared(stats);
+  Stova::Ipfix::CollectorStatisticsKey key(
+      Stova::Ipfix::CollectorInfo::fromIpAndPort({Nelo::IpAddr("127.0.0.1"), 4739}),
+      "t\x1b]0;pwned\x07\x1b[2J\xc2\x9b", "e\xff\xc3\xa9");
+  table->statsIs(Stova::Ipfix::CollectorStatisticsEntry(key));
+  auto shown = ctl("show collectors");
+  auto json = ctl("show collectors --json");
+  table->segment().unlink();
+  ASSERT_EQ(shown.status, 0) << shown.err;
+  EXPECT_NE(shown.out.find("t\\x1b]0;pwned\\x07\\x1b[2J\\xc2\\x9b e\\xff\xc3\xa9"),
+            std::string::npos)
+      << shown.out;
+  EXPECT_EQ(shown.out.find('\x1b'), std::string::npos);
+  ASSERT_EQ(json.status, 0) << json.err;
+  EXPECT_NE(json.out.find("\"tracker\": \"t\\\\x1b]0;pwned\\\\x07\\\\x1b[2J\\\\xc2\\\\x9b\", "
+                          "\"exporter\": \"e\\\\xff\xc3\xa9\""),
+            std::string::npos)
+      << json.out;
 }
 
 // A second daemon with the same statistics name or control socket refuses to start
