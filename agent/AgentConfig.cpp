@@ -383,6 +383,10 @@ AgentConfig parseConfig(const std::string& yamlText, const std::string& fileName
 }
 
 AgentConfig loadConfigFile(const std::string& path) {
+  return parseConfig(readConfigFile(path), path);
+}
+
+std::string readConfigFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in)
     throw ConfigError(path, 0, "", std::string("cannot read the file: ") + std::strerror(errno));
@@ -402,7 +406,7 @@ AgentConfig loadConfigFile(const std::string& path) {
   }
   if (in.bad())
     throw ConfigError(path, 0, "", std::string("cannot read the file: ") + std::strerror(errno));
-  return parseConfig(text, path);
+  return text;
 }
 
 const std::string& embeddedDefaultConfig() {

@@ -85,6 +85,8 @@ class ConfigError : public std::runtime_error {
 AgentConfig parseConfig(const std::string& yamlText, const std::string& fileName);
 // The largest configuration file read; a larger one is refused.
 inline constexpr size_t kMaxConfigBytes = 64u << 20;
+// The file's text, checked to be a regular file within the limit; raises ConfigError.
+std::string readConfigFile(const std::string& path);
 AgentConfig loadConfigFile(const std::string& path);
 
 // The configuration the agent runs on when it is given no file: one tracker whose

@@ -25,6 +25,10 @@ const Zub::LogHandle FLOWEXPORT_CONFIG_LOADED(
     "FLOWEXPORT_CONFIG_LOADED", 6, "Configuration %s applied.",
     "The agent read its configuration file and applied the differences.", Zub::NoActionRequired,
     0.0, 1.0, kFacility);
+const Zub::LogHandle FLOWEXPORT_CONFIG_UNCHANGED(
+    "FLOWEXPORT_CONFIG_UNCHANGED", 6, "Configuration %s is unchanged; nothing to apply.",
+    "The configuration file was read again and holds what the agent runs on.",
+    Zub::NoActionRequired, 0.0, 1.0, kFacility);
 const Zub::LogHandle FLOWEXPORT_CONFIG_REFUSED(
     "FLOWEXPORT_CONFIG_REFUSED", 3, "Configuration refused: %s",
     "The configuration file could not be read or holds a value out of range; the agent "
@@ -66,9 +70,10 @@ FlowExportAgent::~FlowExportAgent() {
 }
 
 void FlowExportAgent::start() {
+  if (!options_.configFile.empty()) appliedText_ = readConfigFile(options_.configFile);
   const AgentConfig cfg = options_.configFile.empty()
                               ? parseConfig(embeddedDefaultConfig(), "(embedded default)")
-                              : loadConfigFile(options_.configFile);
+                              : parseConfig(appliedText_, options_.configFile);
   restoreFtIds_();
   applyPlatform(status_, cfg);
   applyFlowTracking(config_, cfg);
@@ -114,8 +119,16 @@ void FlowExportAgent::start() {
 bool FlowExportAgent::reload() {
   if (options_.configFile.empty() || shuttingDown_) return false;
   AgentConfig cfg;
+  std::string text;
   try {
-    cfg = loadConfigFile(options_.configFile);
+    text = readConfigFile(options_.configFile);
+    // The same text is the same configuration: a large file is not parsed and compared
+    // again for nothing.
+    if (text == appliedText_) {
+      FLOWEXPORT_CONFIG_UNCHANGED.log(options_.configFile);
+      return true;
+    }
+    cfg = parseConfig(text, options_.configFile);
   } catch (const ConfigError& e) {
     FLOWEXPORT_CONFIG_REFUSED.log(e.what());
     return false;
@@ -131,6 +144,7 @@ bool FlowExportAgent::reload() {
   }
   applyPlatform(status_, cfg);
   applyFlowTracking(config_, cfg);
+  appliedText_ = std::move(text);
   FLOWEXPORT_CONFIG_LOADED.log(options_.configFile);
   return true;
 }

@@ -104,6 +104,8 @@ class FlowExportAgent : public Hollin::CAgent {
   Zub::Ptr<Orrin::TimerTask> reloadTask_;
   int inotifyFd_ = -1;
   bool shuttingDown_ = false;
+  // The text of the configuration file last applied.
+  std::string appliedText_;
 };
 
 }  // namespace Agent
