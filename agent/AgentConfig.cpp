@@ -1,5 +1,6 @@
 #include "agent/AgentConfig.h"
 
+#include <yaml-cpp/depthguard.h>
 #include <yaml-cpp/yaml.h>
 
 #include <cerrno>
@@ -260,9 +261,10 @@ class Parser {
     return i;
   }
 
-  VrfSpec vrfSpec(const std::string& vrfName, const YAML::Node& n, const std::string& path) const {
+  // `key` is the VRF's name as written, so that a refusal of the name has its line.
+  VrfSpec vrfSpec(const YAML::Node& key, const YAML::Node& n, const std::string& path) const {
     VrfSpec v;
-    v.name = vrf(YAML::Node(vrfName), path);
+    v.name = vrf(key, path);
     auto state = [&](const YAML::Node& s, const std::string& p) {
       const std::string t = str(s, p);
       if (t == "active") return Ip::VrfState::vrfActive;
@@ -342,7 +344,7 @@ class Parser {
         uniqueKeys(vrfs, "platform.vrfs");
         for (const auto& kv : vrfs) {
           const std::string v = keyOf(kv.first, "platform.vrfs");
-          c.vrfs.push_back(vrfSpec(v, kv.second, "platform.vrfs." + v));
+          c.vrfs.push_back(vrfSpec(kv.first, kv.second, "platform.vrfs." + v));
         }
       }
     }
@@ -370,6 +372,9 @@ AgentConfig parseConfig(const std::string& yamlText, const std::string& fileName
                         "a second YAML document; the file holds one");
     }
     if (!docs.empty()) root = docs[0];
+  } catch (const YAML::DeepRecursion& e) {
+    throw ConfigError(fileName, e.mark.line >= 0 ? e.mark.line + 1 : 0, "",
+                      "nested deeper than " + std::to_string(e.depth() - 1) + " levels");
   } catch (const YAML::Exception& e) {
     throw ConfigError(fileName, e.mark.line >= 0 ? e.mark.line + 1 : 0, "", e.msg);
   }

@@ -95,7 +95,7 @@ TEST(AgentConfig, TheShippedExampleIsValid) {
 TEST(AgentConfig, RefusalsNameFileLineFieldAndTheModelsMessage) {
   struct Case {
     std::string yaml;
-    const char* what;
+    std::string what;
   };
   const Case cases[] = {
       {"flow-tracking:\n  trackers:\n    - name: t\n      active-interval: 4\n",
@@ -121,6 +121,13 @@ TEST(AgentConfig, RefusalsNameFileLineFieldAndTheModelsMessage) {
        "          vrf: " +
            std::string(101, 'v') + "\n",
        "VrfName::bytes > VrfName::maxLength not allowed"},
+      {"flow-tracking: {enabled: false}\nplatform:\n  vrfs:\n    " + std::string(101, 'v') +
+           ": active\n",
+       "f.yaml:4: platform.vrfs." + std::string(101, 'v') +
+           ": VrfName::bytes > VrfName::maxLength not allowed"},
+      {"flow-tracking: {enabled: false}\nplatform: " + std::string(600, '[') +
+           std::string(600, ']') + "\n",
+       "f.yaml:2: nested deeper than 499 levels"},
       // A newline in a name would break the line-oriented tracker-id state file.
       {"flow-tracking:\n  trackers:\n    - name: \"note\\n2 aaa\"\n",
        "f.yaml:3: flow-tracking.trackers[0].name: a name must not contain control characters"},
