@@ -65,6 +65,15 @@ const Zub::LogHandle FLOWTRACKING_COLLECTOR_INACTIVE(
     "%s collector %s for exporter %s in %s flow tracker %s is inactive.",
     "Packets will not be exported to this collector.",
     "Ensure that if collector is configured, its IP address is valid.", 0.0, 1.0, kFacility);
+const Zub::LogHandle FLOWTRACKING_EXPORTER_NO_SOURCE(
+    "FLOWTRACKING_EXPORTER_NO_SOURCE", 4,
+    "%s exporter %s in %s flow tracker %s has IPv%s collectors, but its local interface %s "
+    "has no usable IPv%s address%s; they receive nothing.",
+    "Packets to a collector are sent from an address of the exporter's local interface of "
+    "the collector's family.",
+    "Give the local interface an address of that family, or use collectors of the family it "
+    "has.",
+    0.0, 1.0, kFacility);
 const Zub::LogHandle FLOWTRACKING_COLLECTOR_NOT_RESOLVED(
     "FLOWTRACKING_COLLECTOR_NOT_RESOLVED", 4,
     "%s collector %s for exporter %s in %s flow tracker %s does not resolve (%s); %s",
@@ -780,7 +789,24 @@ bool ExpConfigSm::isValidIpAddr() const {
 
 void ExpConfigSm::updateExporterReady() {
   // IPv6 first; the IPv6 path does not look at the VRF.
-  const bool ready = isValidIp6Addr() || isValidIpAddr();
+  const bool valid6 = isValidIp6Addr();
+  const bool valid4 = isValidIpAddr();
+  // Collectors of a family the exporter cannot send from receive nothing: said once each
+  // time it happens, whether or not the other family keeps the exporter active.
+  const bool stranded[2] = {hwExpConfig_->collectorIpAndPortSize() > 0 && !valid4,
+                            hwExpConfig_->collectorIp6AndPortSize() > 0 && !valid6};
+  for (int v6 = 0; v6 < 2; ++v6) {
+    if (stranded[v6] && !stranded_[v6]) {
+      const Zub::String& type = ctx_->trackingType;
+      const char* family = v6 ? "6" : "4";
+      FLOWTRACKING_EXPORTER_NO_SOURCE.logFacility(
+          kIpfixFacility, type, expName_, type, ftName_, family,
+          localIntfName_.empty() ? std::string("(none)") : std::string(localIntfName_), family,
+          v6 ? "" : " in an active VRF");
+    }
+    stranded_[v6] = stranded[v6];
+  }
+  const bool ready = valid6 || valid4;
   if (ready == hwExpConfig_->exporterReady()) return;
   GLINT(trace(), kState) << "Updating exporterReady to " << ready;
   hwExpConfig_->exporterReadyIs(ready);

@@ -36,6 +36,7 @@ extern const Zub::LogHandle FLOWTRACKING_EXPORTER_INACTIVE;
 extern const Zub::LogHandle FLOWTRACKING_COLLECTOR_ACTIVE;
 extern const Zub::LogHandle FLOWTRACKING_COLLECTOR_INACTIVE;
 extern const Zub::LogHandle FLOWTRACKING_COLLECTOR_NOT_RESOLVED;
+extern const Zub::LogHandle FLOWTRACKING_EXPORTER_NO_SOURCE;
 
 // Address checks for sources and collectors.
 bool verifyIpAddr(const Nelo::IpAddr& a);    // not 0.0.0.0, broadcast or multicast
@@ -170,6 +171,8 @@ class ExpConfigSm : public Zub::Reactor {
   Zub::Ptr<Ip::VrfStatusLocal> vrfStatusLocal_;
   Zub::Subscriptions localIntfSubs_, ipIntfSubs_, ip6IntfSubs_, l3Subs_, vrfSubs_;
   std::map<Zub::String, CollectorName> collectorNames_;
+  // Per family (IPv4, IPv6): it has collectors and no source, and was logged so.
+  bool stranded_[2] = {false, false};
   bool initialized_ = false;
 };
 

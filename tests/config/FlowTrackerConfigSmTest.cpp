@@ -350,6 +350,32 @@ TEST_F(ExporterTest, ANameThatDoesNotResolveIsReportedAndFollowedOnceItDoes) {
   EXPECT_TRUE(take().empty());
 }
 
+// An IPv6 collector on an exporter whose local interface has only IPv4 receives nothing;
+// the operator is told so, also while IPv4 collectors keep the exporter active.
+TEST_F(ExporterTest, CollectorsOfAFamilyTheInterfaceLacksAreReported) {
+  w.exporter("T", "E", "Loopback0");
+  take();
+  w.collector("T", "E", "2001:db8::10");
+  auto hw = w.hwExporter("T", "E");
+  EXPECT_FALSE(hw->exporterReady());
+  const std::string noV6 =
+      "FLOWTRACKING_EXPORTER_NO_SOURCE: dummy exporter E in dummy flow tracker T has IPv6 "
+      "collectors, but its local interface Loopback0 has no usable IPv6 address; they "
+      "receive nothing.";
+  EXPECT_EQ(take(), (Lines{"FLOWTRACKING_COLLECTOR_ACTIVE: dummy collector 2001:db8::10 for "
+                           "exporter E in dummy flow tracker T is active.",
+                           noV6}));
+  w.collector("T", "E", "192.0.2.10");
+  EXPECT_TRUE(hw->exporterReady());
+  EXPECT_EQ(take().size(), 2u);  // collector and exporter active; IPv6 said once
+  w.localIntf("Loopback0", 9214, "10.0.0.1/32", {"2001:db8::1/64"});
+  EXPECT_EQ(hw->srcIp6Addr().stringValue(), "2001:db8::1");
+  EXPECT_TRUE(take().empty());
+  w.ip6Status->intf(Nelo::IntfId("Loopback0"))
+      ->addrDel(*Nelo::Ip6AddrWithMask::parse("2001:db8::1/64"));
+  EXPECT_EQ(take(), (Lines{noV6}));
+}
+
 TEST_F(ExporterTest, MtuIsFittedToTheLocalInterface) {
   w.localIntf("Ethernet9", 1500, "10.9.0.1/24");
   w.exporter("T", "E", "Ethernet9");
