@@ -221,31 +221,62 @@ void FlowExportAgent::saveFtIds_() {
 }
 
 void FlowExportAgent::watchConfigFile_() {
-  // Watch the directory: editors replace files by renaming a new one over them.
-  const std::filesystem::path file(options_.configFile);
-  std::string dir = file.parent_path().string();
-  if (dir.empty()) dir = ".";
   inotifyFd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  if (inotifyFd_ < 0 ||
-      ::inotify_add_watch(inotifyFd_, dir.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO) < 0) {
-    GLINT(trace(), 0) << "cannot watch " << dir << ": " << std::strerror(errno)
+  if (inotifyFd_ < 0) {
+    GLINT(trace(), 0) << "cannot watch " << options_.configFile << ": " << std::strerror(errno)
                       << "; reload with SIGHUP";
     return;
   }
-  reloadTask_ = new Orrin::TimerTask(scheduler(), "ConfigReload", 2, [this] { reload(); });
+  reloadTask_ = new Orrin::TimerTask(scheduler(), "ConfigReload", 2, [this] {
+    // A directory being replaced may not be back yet: try again shortly.
+    if (!watchConfigDirs_()) {
+      reloadTask_->scheduleTaskAfter(std::chrono::seconds(1));
+      return;
+    }
+    reload();
+  });
   scheduler().fdIs(inotifyFd_, EPOLLIN, [this](uint32_t) { handleInotify_(); });
+  watchConfigDirs_();
+}
+
+bool FlowExportAgent::watchConfigDirs_() {
+  // The directories are watched, not the file: editors replace files by renaming a new
+  // one over them. A symbolic link is followed to the file it names, whose directory is
+  // watched too; a directory that is deleted or moved away is watched again once back.
+  namespace fs = std::filesystem;
+  std::vector<fs::path> paths = {fs::path(options_.configFile)};
+  std::error_code ec;
+  const fs::path target = fs::canonical(paths[0], ec);
+  if (!ec && target != fs::absolute(paths[0], ec)) paths.push_back(target);
+  const uint32_t mask = IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF;
+  configWatches_.clear();
+  bool ok = true;
+  for (const fs::path& p : paths) {
+    std::string dir = p.parent_path().string();
+    if (dir.empty()) dir = ".";
+    const int wd = ::inotify_add_watch(inotifyFd_, dir.c_str(), mask);
+    if (wd < 0) {
+      GLINT(trace(), 0) << "cannot watch " << dir << ": " << std::strerror(errno);
+      ok = false;
+      continue;
+    }
+    configWatches_.push_back({wd, p.filename().string()});
+  }
+  return ok;
 }
 
 void FlowExportAgent::handleInotify_() {
   alignas(inotify_event) char buf[4096];
-  const std::string name = std::filesystem::path(options_.configFile).filename().string();
   bool ours = false;
   for (;;) {
     ssize_t n = ::read(inotifyFd_, buf, sizeof buf);
     if (n <= 0) break;
     for (char* p = buf; p < buf + n;) {
       auto* ev = reinterpret_cast<inotify_event*>(p);
-      if (ev->len && name == ev->name) ours = true;
+      if (ev->mask & (IN_DELETE_SELF | IN_MOVE_SELF)) ours = true;
+      for (const ConfigWatch& w : configWatches_) {
+        if (w.wd == ev->wd && ev->len && w.name == ev->name) ours = true;
+      }
       p += sizeof(inotify_event) + ev->len;
     }
   }

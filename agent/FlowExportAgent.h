@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "agent/AgentConfig.h"
 #include "agent/ConfigApplier.h"
@@ -69,6 +70,7 @@ class FlowExportAgent : public Hollin::CAgent {
   void restoreFtIds_();
   void saveFtIds_();
   void watchConfigFile_();
+  bool watchConfigDirs_();
   void handleInotify_();
 
   AgentOptions options_;
@@ -103,6 +105,12 @@ class FlowExportAgent : public Hollin::CAgent {
   Zub::Ptr<Orrin::Task> saveTask_;
   Zub::Ptr<Orrin::TimerTask> reloadTask_;
   int inotifyFd_ = -1;
+  // A watched directory and the name in it that is (or leads to) the configuration.
+  struct ConfigWatch {
+    int wd;
+    std::string name;
+  };
+  std::vector<ConfigWatch> configWatches_;
   bool shuttingDown_ = false;
   // The text of the configuration file last applied.
   std::string appliedText_;

@@ -33,7 +33,9 @@ class AgentE2e : public ::testing::Test {
 
   // Replaces the file the way editors do: a new file renamed over the old one.
   // `platform` adds lines to the platform section's interfaces (and may add "  vrfs:").
-  void writeConfig(const std::string& trackers, const std::string& platform = "") {
+  void writeConfig(const std::string& trackers, const std::string& platform = "",
+                   const std::string& to = "") {
+    const std::string& file = to.empty() ? this->file : to;
     std::ofstream(file + ".new")
         << "# test configuration\n"
         << "flow-tracking:\n  enabled: true\n  trackers:\n"
@@ -50,12 +52,12 @@ class AgentE2e : public ::testing::Test {
   std::string c1() const { return "\"127.0.0.1:" + std::to_string(rx1.port()) + "\""; }
   std::string c2() const { return "\"[::1]:" + std::to_string(rx2.port()) + "\""; }
 
-  std::unique_ptr<TestSupport::Daemon> startDaemon() {
+  std::unique_ptr<TestSupport::Daemon> startDaemon(const std::string& config = "") {
     return std::make_unique<TestSupport::Daemon>(
         FLOWEXPORTD,
-        std::vector<std::string>{"--config", file, "--state-file", dir.file("state/ftids"),
-                                 "--stats-name", stats, "--control-socket", socket, "--log",
-                                 "stderr"},
+        std::vector<std::string>{"--config", config.empty() ? file : config, "--state-file",
+                                 dir.file("state/ftids"), "--stats-name", stats, "--control-socket",
+                                 socket, "--log", "stderr"},
         dir.file("daemon.log"));
   }
   TestSupport::CommandResult ctl(const std::string& args) const {
@@ -240,6 +242,33 @@ TEST_F(AgentE2e, CountersOfADeadDaemonAreShownAsSuch) {
       << shown.err;
   EXPECT_NE(shown.out.find("127.0.0.1:" + std::to_string(rx1.port())), std::string::npos)
       << shown.out;
+}
+
+// Saving the file is a reload, also where the file is a symbolic link into another
+// directory, and after the configuration directory itself was replaced.
+TEST_F(AgentE2e, ReloadsFollowALinkedFileAndAReplacedDirectory) {
+  const std::string real = dir.file("real"), conf = dir.file("conf");
+  ASSERT_EQ(::mkdir(real.c_str(), 0700), 0);
+  ASSERT_EQ(::mkdir(conf.c_str(), 0700), 0);
+  writeConfig(tracker("one", c1()), "", real + "/a.yaml");
+  ASSERT_EQ(::symlink("../real/a.yaml", (conf + "/flowexport.yaml").c_str()), 0);
+  auto daemon = startDaemon(conf + "/flowexport.yaml");
+  ASSERT_TRUE(rx1.receive(5000ms)) << daemon->log();
+  auto active = [](const std::string& t) {
+    return "FLOWTRACKING_EXPORTER_ACTIVE: Sampled exporter e in VRF default, in Sampled flow "
+           "tracker " +
+           t + " is active.";
+  };
+
+  writeConfig(tracker("one", c1()) + tracker("two", c1()), "", real + "/a.yaml");
+  EXPECT_TRUE(daemon->waitForLog(active("two"), 5s)) << daemon->log();
+
+  ASSERT_EQ(::rename(conf.c_str(), (conf + ".old").c_str()), 0);
+  ASSERT_EQ(::mkdir(conf.c_str(), 0700), 0);
+  writeConfig(tracker("three", c1()), "", conf + "/flowexport.yaml");
+  EXPECT_TRUE(daemon->waitForLog(active("three"), 5s)) << daemon->log();
+  daemon->signal(SIGTERM);
+  EXPECT_EQ(daemon->wait(), 0);
 }
 
 // The table is shared memory any process of the user may write: names in it reach the
