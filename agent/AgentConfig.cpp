@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 
 #include "platform/nelo/IntfId.h"
+#include "platform/zub/Text.h"
 
 namespace Agent {
 
@@ -69,12 +70,17 @@ class Parser {
     return s;
   }
 
-  // Names end up in log lines, the statistics table and the line-oriented tracker-id
-  // state file: a control character (a newline above all) has no place in them.
+  // Names end up in log lines, the statistics table, JSON and the line-oriented
+  // tracker-id state file: they are UTF-8 text, and a control character (a newline above
+  // all, or a terminal's escape) has no place in them.
   void refuseControlCharacters(const YAML::Node& n, const std::string& path,
                                const std::string& s) const {
-    for (unsigned char c : s) {
-      if (c < 0x20 || c == 0x7f) fail(n, path, "a name must not contain control characters");
+    for (size_t i = 0; i < s.size();) {
+      uint32_t cp = 0;
+      const size_t len = Zub::utf8SequenceAt(s, i, &cp);
+      if (len == 0) fail(n, path, "a name must be UTF-8 text");
+      if (Zub::isControl(cp)) fail(n, path, "a name must not contain control characters");
+      i += len;
     }
   }
 

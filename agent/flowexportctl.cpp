@@ -23,6 +23,7 @@
 #include "agent/ControlServer.h"
 #include "agent/Paths.h"
 #include "export/CollectorStats.h"
+#include "platform/zub/Text.h"
 
 namespace {
 
@@ -43,57 +44,6 @@ std::string timeText(double t) {
   char buf[32];
   std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
   return buf;
-}
-
-// A name as it may be shown on a terminal: control characters (C0, DEL, C1) and bytes
-// that are not UTF-8 become "\xNN", so that nothing read from the table reaches the
-// terminal as an escape sequence and the JSON output stays valid UTF-8.
-std::string printable(const std::string& s) {
-  std::string out;
-  auto escape = [&out](unsigned char c) {
-    char buf[8];
-    std::snprintf(buf, sizeof buf, "\\x%02x", c);
-    out += buf;
-  };
-  const auto* p = reinterpret_cast<const unsigned char*>(s.data());
-  const size_t n = s.size();
-  for (size_t i = 0; i < n;) {
-    const unsigned char c = p[i];
-    if (c < 0x80) {
-      if (c < 0x20 || c == 0x7f) {
-        escape(c);
-      } else {
-        out += static_cast<char>(c);
-      }
-      ++i;
-      continue;
-    }
-    // The length and smallest code point of the sequence this lead byte starts.
-    size_t len = 0;
-    uint32_t cp = 0, min = 0;
-    if ((c & 0xe0) == 0xc0) {
-      len = 2, cp = c & 0x1f, min = 0x80;
-    } else if ((c & 0xf0) == 0xe0) {
-      len = 3, cp = c & 0x0f, min = 0x800;
-    } else if ((c & 0xf8) == 0xf0) {
-      len = 4, cp = c & 0x07, min = 0x10000;
-    }
-    bool ok = len > 0 && i + len <= n;
-    for (size_t k = 1; ok && k < len; ++k) {
-      ok = (p[i + k] & 0xc0) == 0x80;
-      cp = (cp << 6) | (p[i + k] & 0x3f);
-    }
-    ok = ok && cp >= min && cp <= 0x10ffff && !(cp >= 0xd800 && cp <= 0xdfff) &&
-         !(cp >= 0x80 && cp <= 0x9f);
-    if (!ok) {
-      escape(c);
-      ++i;
-      continue;
-    }
-    out.append(s, i, len);
-    i += len;
-  }
-  return out;
 }
 
 std::string json(const std::string& s) {
@@ -207,8 +157,8 @@ int showCollectors(const std::string& statsName, bool asJson) {
     std::string out = "{\"collectors\": [";
     for (size_t i = 0; i < rows.size(); ++i) {
       const auto& e = *rows[i];
-      out += std::string(i ? ", " : "") + "{\"tracker\": " + json(printable(e.key.tracker())) +
-             ", \"exporter\": " + json(printable(e.key.exporter())) +
+      out += std::string(i ? ", " : "") + "{\"tracker\": " + json(Zub::printable(e.key.tracker())) +
+             ", \"exporter\": " + json(Zub::printable(e.key.exporter())) +
              ", \"collector\": " + json(e.key.collector.stringValue()) +
              ", \"address\": " + json(e.key.collector.addr.stringValue()) +
              ", \"port\": " + std::to_string(e.key.collector.port) +
@@ -237,7 +187,7 @@ int showCollectors(const std::string& statsName, bool asJson) {
     out += "], \"cleared\": [";
     for (size_t i = 0; i < cleared.size(); ++i) {
       out += std::string(i ? ", " : "") +
-             "{\"tracker\": " + json(printable(cleared[i]->key.tracker())) +
+             "{\"tracker\": " + json(Zub::printable(cleared[i]->key.tracker())) +
              ", \"time\": " + num(cleared[i]->lastClearedTime) + "}";
     }
     out += "]}\n";
@@ -251,7 +201,7 @@ int showCollectors(const std::string& statsName, bool asJson) {
     const auto templates = e->setEntry(Stova::Ipfix::SetId(2)).exportedTemplateCount;
     const auto options = e->setEntry(Stova::Ipfix::SetId(3)).exportedTemplateCount;
     std::printf("%-16s %-16s %-28s %9llu %9llu %11llu %9llu %9llu  %s\n",
-                printable(e->key.tracker()).c_str(), printable(e->key.exporter()).c_str(),
+                Zub::printable(e->key.tracker()).c_str(), Zub::printable(e->key.exporter()).c_str(),
                 e->key.collector.stringValue().c_str(),
                 static_cast<unsigned long long>(e->exportedMessageTotalCount),
                 static_cast<unsigned long long>(e->exportedFlowRecordTotalCount),
@@ -277,8 +227,8 @@ int showCollectors(const std::string& statsName, bool asJson) {
   }
   if (rows.empty()) std::printf("(nothing exported yet)\n");
   for (const auto* e : cleared) {
-    std::printf("Counters of tracker %s last cleared %s\n", printable(e->key.tracker()).c_str(),
-                timeText(e->lastClearedTime).c_str());
+    std::printf("Counters of tracker %s last cleared %s\n",
+                Zub::printable(e->key.tracker()).c_str(), timeText(e->lastClearedTime).c_str());
   }
   return rc;
 }
