@@ -74,6 +74,13 @@ const Zub::LogHandle FLOWTRACKING_EXPORTER_NO_SOURCE(
     "Give the local interface an address of that family, or use collectors of the family it "
     "has.",
     0.0, 1.0, kFacility);
+const Zub::LogHandle FLOWTRACKING_COLLECTOR_SAME_DESTINATION(
+    "FLOWTRACKING_COLLECTOR_SAME_DESTINATION", 4,
+    "%s collector %s for exporter %s in %s flow tracker %s is the same destination (%s) as "
+    "collector %s; it receives everything twice.",
+    "Two collectors of one exporter, given by different names, reach the same address and "
+    "port.",
+    "Configure the collector once.", 0.0, 1.0, kFacility);
 const Zub::LogHandle FLOWTRACKING_COLLECTOR_NOT_RESOLVED(
     "FLOWTRACKING_COLLECTOR_NOT_RESOLVED", 4,
     "%s collector %s for exporter %s in %s flow tracker %s does not resolve (%s); %s",
@@ -595,6 +602,18 @@ void ExpConfigSm::logCollector_(bool active, const Zub::String& key) const {
       .logFacility(kIpfixFacility, type, key, expName_, type, ftName_);
 }
 
+template <class Coll, class Dst>
+void ExpConfigSm::logSameDestination_(const Zub::String& key, const Coll& coll,
+                                      const Dst& dst) const {
+  for (const auto& [other, otherDst] : coll) {
+    if (other == key || !(otherDst == dst)) continue;
+    const Zub::String& type = ctx_->trackingType;
+    FLOWTRACKING_COLLECTOR_SAME_DESTINATION.logFacility(kIpfixFacility, type, key, expName_, type,
+                                                        ftName_, dst.stringValue(), other);
+    return;
+  }
+}
+
 void ExpConfigSm::handleVrfName() {
   GLINT(trace(), kEntry) << "ExpConfigSm::handleVrfName"
                          << " for " << expName_ << ", vrf: " << expConfig_->vrfName();
@@ -897,6 +916,7 @@ void ExpConfigSm::handleCollectorResolution(const Zub::String& key, const Resolu
       GLINT(trace(), kState) << "Updating Ip Addr for " << key << " with " << dst;
       hwExpConfig_->collectorIpAndPortIs(key, dst);
       logCollector_(true, key);
+      logSameDestination_(key, hwExpConfig_->collectorIpAndPortColl(), dst);
     } else {
       deleteCollector(key);
     }
@@ -910,6 +930,7 @@ void ExpConfigSm::handleCollectorResolution(const Zub::String& key, const Resolu
       GLINT(trace(), kState) << "Updating Ipv6 Addr for " << key << " with " << dst;
       hwExpConfig_->collectorIp6AndPortIs(key, dst);
       logCollector_(true, key);
+      logSameDestination_(key, hwExpConfig_->collectorIp6AndPortColl(), dst);
     } else {
       deleteCollector(key);
     }

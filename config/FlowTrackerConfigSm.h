@@ -37,6 +37,7 @@ extern const Zub::LogHandle FLOWTRACKING_COLLECTOR_ACTIVE;
 extern const Zub::LogHandle FLOWTRACKING_COLLECTOR_INACTIVE;
 extern const Zub::LogHandle FLOWTRACKING_COLLECTOR_NOT_RESOLVED;
 extern const Zub::LogHandle FLOWTRACKING_EXPORTER_NO_SOURCE;
+extern const Zub::LogHandle FLOWTRACKING_COLLECTOR_SAME_DESTINATION;
 
 // Address checks for sources and collectors.
 bool verifyIpAddr(const Nelo::IpAddr& a);    // not 0.0.0.0, broadcast or multicast
@@ -149,6 +150,9 @@ class ExpConfigSm : public Zub::Reactor {
   void bindVrfStatusLocal_(const Zub::Ptr<Ip::VrfStatusLocal>& s);
   void logExporter_(bool active) const;
   void logCollector_(bool active, const Zub::String& key) const;
+  // Says so when another collector of this exporter already has the destination `dst`.
+  template <class Coll, class Dst>
+  void logSameDestination_(const Zub::String& key, const Coll& coll, const Dst& dst) const;
 
   // A configured collector's host as followed by the name resolver.
   struct CollectorName {

@@ -265,6 +265,16 @@ TEST_F(ExporterTest, ResolverFailureKeepsThePreviousAddressAndALaterChangeRetrie
   w.collector("T", "E", "c.example", 4739);
   auto hw = w.hwExporter("T", "E");
   take();
+  // The same destination under another name is configured, and pointed out.
+  w.collector("T", "E", "192.0.2.30", 4739);
+  EXPECT_EQ(take(),
+            (Lines{"FLOWTRACKING_COLLECTOR_ACTIVE: dummy collector 192.0.2.30 for exporter E in "
+                   "dummy flow tracker T is active.",
+                   "FLOWTRACKING_COLLECTOR_SAME_DESTINATION: dummy collector 192.0.2.30 for "
+                   "exporter E in dummy flow tracker T is the same destination (192.0.2.30:4739) "
+                   "as collector c.example; it receives everything twice."}));
+  w.config->flowTrackerConfig("T")->expConfig("E")->collectorHostAndPortDel("192.0.2.30");
+  take();
   w.resolver->failIs("c.example");
   w.collector("T", "E", "c.example", 4740);
   EXPECT_EQ(hw->collectorIpAndPort("c.example").stringValue(), "192.0.2.30:4739");
