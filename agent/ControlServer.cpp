@@ -1,5 +1,7 @@
 #include "agent/ControlServer.h"
 
+#include "agent/Paths.h"
+
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -221,15 +223,14 @@ std::optional<std::string> controlRequest(const std::string& path,
     ::close(fd);
     return std::nullopt;
   }
-  // Only a daemon of this user or of root is told anything: a socket another user made
-  // at the path (a squatter) gets no request.
+  // Only a daemon of this user, of root or the packaged service is told anything: a
+  // socket another user made at the path (a squatter) gets no request.
   ucred peer{};
   socklen_t len = sizeof peer;
-  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &len) < 0 ||
-      (peer.uid != ::geteuid() && peer.uid != 0)) {
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &len) < 0 || !trustedDaemonUid(peer.uid)) {
     if (error) {
       *error = "the process on " + path + " runs as uid " + std::to_string(peer.uid) +
-               ", neither this user nor root";
+               ", neither this user, root nor the flowexport service";
     }
     ::close(fd);
     return std::nullopt;

@@ -30,6 +30,7 @@ namespace {
 int usage(FILE* out, int rc) {
   std::fprintf(out,
                "usage: flowexportctl [--stats-name NAME] [--control-socket PATH] COMMAND\n"
+               "       flowexportctl --help | --version\n"
                "  show collectors [--json]            export statistics per collector\n"
                "  clear counters [TRACKER [EXPORTER]] reset them (all, one tracker, or one\n"
                "                                      exporter of a tracker)\n");
@@ -116,11 +117,12 @@ int showCollectors(const std::string& statsName, bool asJson) {
   uint64_t writerPid = 0;
   try {
     auto segment = Stova::Segment::open(statsName);
-    // Anybody may create a name in /dev/shm: only a table of this user or root is read.
-    if (segment->ownerUid() != ::geteuid() && segment->ownerUid() != 0) {
+    // Anybody may create a name in /dev/shm: only a table of this user, root or the
+    // packaged service is read.
+    if (!Agent::trustedDaemonUid(segment->ownerUid())) {
       std::fprintf(stderr,
-                   "flowexportctl: shared memory %s belongs to uid %u, neither this user nor "
-                   "root: not reading it\n",
+                   "flowexportctl: shared memory %s belongs to uid %u, neither this user, root "
+                   "nor the flowexport service: not reading it\n",
                    statsName.c_str(), static_cast<unsigned>(segment->ownerUid()));
       return 1;
     }
@@ -254,7 +256,7 @@ int clearCounters(const std::string& socket, const std::vector<std::string>& nam
 
 int main(int argc, char** argv) {
   std::string statsName = Agent::defaultStatsName();
-  std::string socket = Agent::defaultControlSocket();
+  std::string socket = Agent::defaultClientControlSocket();
   std::vector<std::string> args;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
@@ -262,6 +264,9 @@ int main(int argc, char** argv) {
       (a == "--stats-name" ? statsName : socket) = argv[++i];
     } else if (a == "--help" || a == "-h") {
       return usage(stdout, 0);
+    } else if (a == "--version") {
+      std::printf("flowexportctl %s\n", FLOWEXPORT_VERSION);
+      return 0;
     } else {
       args.push_back(a);
     }

@@ -9,6 +9,7 @@
 #include <grp.h>
 #include <sys/resource.h>
 #include <syslog.h>
+#include <systemd/sd-daemon.h>
 
 #include <cstdio>
 #include <cstring>
@@ -36,7 +37,8 @@ void usage(FILE* out) {
                "  --log stderr|syslog|both  where operator log messages go (default stderr; a\n"
                "                         service runs with --log syslog)\n"
                "  --trace FACILITY/LEVELS  switch traces on, e.g. FtExport/0-5 or '*/1'\n"
-               "  --help\n",
+               "  --default-config       print the embedded default configuration\n"
+               "  --help, --version\n",
                Agent::defaultStateFile().c_str(), Agent::defaultStatsName().c_str(),
                Agent::defaultControlSocket().c_str());
 }
@@ -110,6 +112,12 @@ int main(int argc, char** argv) {
     } else if (a == "--help" || a == "-h") {
       usage(stdout);
       return 0;
+    } else if (a == "--default-config") {
+      std::fputs(Agent::embeddedDefaultConfig().c_str(), stdout);
+      return 0;
+    } else if (a == "--version") {
+      std::printf("flowexportd %s\n", FLOWEXPORT_VERSION);
+      return 0;
     } else {
       std::fprintf(stderr, "flowexportd: unknown option %s\n", a.c_str());
       usage(stderr);
@@ -142,6 +150,10 @@ int main(int argc, char** argv) {
     Hollin::CAgent::blockSignals();
     Zub::Ptr<Agent::FlowExportAgent> agent(new Agent::FlowExportAgent(opt));
     agent->start();
+    // Under systemd (Type=notify): started means the configuration is applied, so a
+    // reload or a dependent unit never finds the daemon half-started.
+    ::sd_notifyf(0, "READY=1\nSTATUS=running %s",
+                 opt.configFile.empty() ? "the embedded default" : opt.configFile.c_str());
     std::fprintf(stderr,
                  "flowexportd: running %s; statistics in shared memory %s; control socket %s; "
                  "SIGHUP re-reads the configuration, SIGTERM or Ctrl-C stops\n",

@@ -84,11 +84,11 @@ std::optional<RecordType> recordTypeFromString(std::string_view name);
 const std::vector<RecordType>& allRecordTypes();
 
 // The IANA private enterprise number written with this system's enterprise-specific
-// field specifiers: a deployment constant, set at build time (FLOWEXPORT_PEN). The
-// default, 32473, is the number IANA reserves for documentation and examples
-// (RFC 5612).
+// field specifiers: a deployment constant, set at build time (the FLOWEXPORT_PEN cache
+// variable, which the ipfix target passes on). Its default, 32473, is the number IANA
+// reserves for documentation and examples (RFC 5612).
 #ifndef FLOWEXPORT_PEN
-#define FLOWEXPORT_PEN 32473
+#error "FLOWEXPORT_PEN (the private enterprise number) is not defined: link the ipfix target"
 #endif
 constexpr uint32_t privateEnterpriseNumber() { return FLOWEXPORT_PEN; }
 

@@ -206,7 +206,9 @@ TEST_F(ControlServerTest, TheClientTalksOnlyToItsOwnUsersOrRootsDaemon) {
   for (int i = 0; i < 500 && !std::filesystem::exists(path); ++i) std::this_thread::sleep_for(2ms);
   std::string error;
   EXPECT_FALSE(Agent::controlRequest(path, {"clear-counters"}, &error));
-  EXPECT_EQ(error, "the process on " + path + " runs as uid 65534, neither this user nor root");
+  EXPECT_EQ(error, "the process on " + path +
+                       " runs as uid 65534, neither this user, root nor the flowexport "
+                       "service");
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "squatter status " << status;
