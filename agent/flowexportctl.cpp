@@ -31,7 +31,8 @@ int usage(FILE* out, int rc) {
   std::fprintf(out,
                "usage: flowexportctl [--stats-name NAME] [--control-socket PATH] COMMAND\n"
                "       flowexportctl --help | --version\n"
-               "  show collectors [--json]            export statistics per collector\n"
+               "  show collectors [--json | --format table|json|prometheus]\n"
+               "                                      export statistics per collector\n"
                "  clear counters [TRACKER [EXPORTER]] reset them (all, one tracker, or one\n"
                "                                      exporter of a tracker)\n");
   return rc;
@@ -111,7 +112,63 @@ bool writerRuns(uint64_t pid) {
   return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
 }
 
-int showCollectors(const std::string& statsName, bool asJson) {
+// The Prometheus text exposition format, for node_exporter's textfile collector: one
+// metric family per counter, labelled by tracker, exporter, collector (and set id).
+std::string prometheus(const std::vector<const Stova::Ipfix::CollectorStatisticsEntry*>& rows) {
+  using Entry = Stova::Ipfix::CollectorStatisticsEntry;
+  auto label = [](const std::string& v) {
+    std::string out;
+    for (char c : Zub::printable(v)) {
+      if (c == '\\' || c == '"') out += '\\';
+      out += c;
+    }
+    return out;
+  };
+  auto labels = [&](const Entry& e) {
+    return "tracker=\"" + label(e.key.tracker()) + "\",exporter=\"" + label(e.key.exporter()) +
+           "\",collector=\"" + label(e.key.collector.stringValue()) + "\"";
+  };
+  std::string out;
+  auto family = [&](const char* name, const char* type, const char* help, auto value) {
+    out += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
+    for (const Entry* e : rows) {
+      out += std::string(name) + "{" + labels(*e) + "} " + value(*e) + "\n";
+    }
+  };
+  family("flowexport_messages_total", "counter", "IPFIX messages sent to the collector.",
+         [](const Entry& e) { return std::to_string(e.exportedMessageTotalCount); });
+  family("flowexport_records_total", "counter", "Data records sent to the collector.",
+         [](const Entry& e) { return std::to_string(e.exportedFlowRecordTotalCount); });
+  family("flowexport_octets_total", "counter", "Octets of IPFIX messages sent to the collector.",
+         [](const Entry& e) { return std::to_string(e.exportedOctetTotalCount); });
+  family("flowexport_send_errors_total", "counter",
+         "Messages to the collector that the kernel refused.",
+         [](const Entry& e) { return std::to_string(e.sendErrorCount); });
+  family("flowexport_last_sent_timestamp_seconds", "gauge",
+         "When a message last went to the collector (Unix time, 0 never).",
+         [](const Entry& e) { return num(e.lastSentTime); });
+  auto perSet = [&](const char* name, const char* help, bool templates) {
+    out += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " counter\n";
+    for (const Entry* e : rows) {
+      for (size_t i = 0; i < setSlots(*e); ++i) {
+        const auto& set = e->setEntryStorage[i];
+        if (set.setId.isFree() || (set.setId.value < 256) != templates) continue;
+        const uint64_t v = templates ? set.exportedTemplateCount : set.exportedFlowRecordCount;
+        out += std::string(name) + "{" + labels(*e) + ",set_id=\"" +
+               std::to_string(set.setId.value) + "\"} " + std::to_string(v) + "\n";
+      }
+    }
+  };
+  perSet("flowexport_set_templates_total",
+         "Templates sent to the collector (set_id 2 data templates, 3 options templates).", true);
+  perSet("flowexport_set_records_total", "Data records sent to the collector, per data set.",
+         false);
+  return out;
+}
+
+enum class Format { table, json, prometheus };
+
+int showCollectors(const std::string& statsName, Format format) {
   std::vector<Stova::Ipfix::CollectorStatisticsEntry> entries;
   size_t busy = 0;
   uint64_t writerPid = 0;
@@ -155,7 +212,11 @@ int showCollectors(const std::string& statsName, bool asJson) {
   std::vector<const Stova::Ipfix::CollectorStatisticsEntry*> rows, cleared;
   for (const auto& e : entries) (!e.key.collector ? cleared : rows).push_back(&e);
 
-  if (asJson) {
+  if (format == Format::prometheus) {
+    std::fputs(prometheus(rows).c_str(), stdout);
+    return rc;
+  }
+  if (format == Format::json) {
     std::string out = "{\"collectors\": [";
     for (size_t i = 0; i < rows.size(); ++i) {
       const auto& e = *rows[i];
@@ -272,8 +333,13 @@ int main(int argc, char** argv) {
     }
   }
   if (args.size() >= 2 && args[0] == "show" && args[1] == "collectors") {
-    if (args.size() == 2) return showCollectors(statsName, false);
-    if (args.size() == 3 && args[2] == "--json") return showCollectors(statsName, true);
+    if (args.size() == 2) return showCollectors(statsName, Format::table);
+    if (args.size() == 3 && args[2] == "--json") return showCollectors(statsName, Format::json);
+    if (args.size() == 4 && args[2] == "--format") {
+      if (args[3] == "table") return showCollectors(statsName, Format::table);
+      if (args[3] == "json") return showCollectors(statsName, Format::json);
+      if (args[3] == "prometheus") return showCollectors(statsName, Format::prometheus);
+    }
   }
   if (args.size() >= 2 && args.size() <= 4 && args[0] == "clear" && args[1] == "counters") {
     return clearCounters(socket, std::vector<std::string>(args.begin() + 2, args.end()));

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Configures and builds the tree; prints the build directory on stdout (everything else
-# goes to stderr). Usage: scripts/build.sh [--sanitize]
-# Build directories: build/ (default), build-asan/ (--sanitize: ASan + UBSan).
+# goes to stderr). Usage: scripts/build.sh [--sanitize | --release]
+# Build directories: build/ (default, RelWithDebInfo), build-asan/ (--sanitize: ASan +
+# UBSan), build-rel/ (--release: Release, as packagers build).
+# The Debian packages are installed first on a fresh tree, or when configuring fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 dir=build
@@ -9,10 +11,13 @@ args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo)
 for a in "$@"; do
   case "$a" in
     --sanitize) dir=build-asan; args=(-DCMAKE_BUILD_TYPE=Debug -DFLOWEXPORT_SANITIZE=ON) ;;
+    --release) dir=build-rel; args=(-DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF) ;;
     *) echo "unknown option $a" >&2; exit 2 ;;
   esac
 done
-scripts/install-deps.sh >&2
-cmake -S . -B "$dir" -G Ninja "${args[@]}" >&2
+if [ ! -f "$dir/CMakeCache.txt" ] || ! cmake -S . -B "$dir" -G Ninja "${args[@]}" >&2; then
+  scripts/install-deps.sh >&2
+  cmake -S . -B "$dir" -G Ninja "${args[@]}" >&2
+fi
 cmake --build "$dir" >&2
 echo "$dir"

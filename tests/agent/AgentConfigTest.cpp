@@ -133,7 +133,8 @@ TEST(AgentConfig, RefusalsNameFileLineFieldAndTheModelsMessage) {
        "f.yaml:3: flow-tracking.trackers[0].name: a name must not contain control characters"},
       {"platform:\n  interfaces:\n    \"Eth\\tx\": {}\n",
        "f.yaml:3: platform.interfaces: a name must not contain control characters"},
-      {"flow-tracking:\n  trackers:\n    - name: \"t\xc2\x9b" "2J\"\n",
+      {"flow-tracking:\n  trackers:\n    - name: \"t\xc2\x9b"
+       "2J\"\n",
        "f.yaml:3: flow-tracking.trackers[0].name: a name must not contain control characters"},
       {"flow-tracking:\n  trackers:\n    - name: \"t\xff\"\n",
        "f.yaml:3: flow-tracking.trackers[0].name: a name must be UTF-8 text"},
