@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config clang-format
-  libgtest-dev libgmock-dev libyaml-cpp-dev libsystemd-dev dpkg-dev file adduser
+  libgtest-dev libgmock-dev libyaml-cpp-dev libsystemd-dev libmnl-dev dpkg-dev file adduser
   tshark libfixbuf-tools
 )
 

@@ -1,0 +1,208 @@
+// The kernel status source's model, on rtnetlink messages the test builds with libmnl:
+// VRF devices and their members, bonds and their members, addresses of both families
+// added and removed, an MTU change, a deleted link, and a re-dump after lost events that
+// differs in one link, applied through the platform applier as exactly that change.
+
+#include "agent/KernelStatus.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <libmnl/libmnl.h>
+#include <linux/if.h>
+#include <linux/if_addr.h>
+#include <linux/if_arp.h>
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+
+#include "agent/ConfigApplier.h"
+
+namespace {
+
+using Agent::KernelStatus;
+
+// One rtnetlink message, built as the kernel would send it.
+class Msg {
+ public:
+  nlmsghdr* nlh;
+  Msg() : nlh(mnl_nlmsg_put_header(buf_)) {}
+
+  static Msg link(uint16_t type, int index, const char* name, uint32_t mtu, bool up,
+                  const char* kind = nullptr, uint32_t master = 0, uint32_t vrfTable = 0,
+                  uint16_t arphrd = ARPHRD_ETHER) {
+    Msg m;
+    m.nlh->nlmsg_type = type;
+    auto* ifm = static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(m.nlh, sizeof(ifinfomsg)));
+    ifm->ifi_family = AF_UNSPEC;
+    ifm->ifi_index = index;
+    ifm->ifi_type = arphrd;
+    ifm->ifi_flags = up ? IFF_UP | IFF_RUNNING | IFF_LOWER_UP : 0;
+    mnl_attr_put_strz(m.nlh, IFLA_IFNAME, name);
+    mnl_attr_put_u32(m.nlh, IFLA_MTU, mtu);
+    mnl_attr_put_u8(m.nlh, IFLA_OPERSTATE, up ? IF_OPER_UP : IF_OPER_DOWN);
+    if (master) mnl_attr_put_u32(m.nlh, IFLA_MASTER, master);
+    if (kind) {
+      nlattr* info = mnl_attr_nest_start(m.nlh, IFLA_LINKINFO);
+      mnl_attr_put_strz(m.nlh, IFLA_INFO_KIND, kind);
+      if (vrfTable) {
+        nlattr* data = mnl_attr_nest_start(m.nlh, IFLA_INFO_DATA);
+        mnl_attr_put_u32(m.nlh, IFLA_VRF_TABLE, vrfTable);
+        mnl_attr_nest_end(m.nlh, data);
+      }
+      mnl_attr_nest_end(m.nlh, info);
+    }
+    return m;
+  }
+  static Msg addr(uint16_t type, int index, const char* text, uint8_t len, bool secondary = false) {
+    Msg m;
+    m.nlh->nlmsg_type = type;
+    auto* ifa = static_cast<ifaddrmsg*>(mnl_nlmsg_put_extra_header(m.nlh, sizeof(ifaddrmsg)));
+    ifa->ifa_index = static_cast<uint32_t>(index);
+    ifa->ifa_prefixlen = len;
+    ifa->ifa_flags = secondary ? IFA_F_SECONDARY : 0;
+    unsigned char bytes[16];
+    if (::inet_pton(AF_INET, text, bytes) == 1) {
+      ifa->ifa_family = AF_INET;
+      mnl_attr_put(m.nlh, IFA_LOCAL, 4, bytes);
+      mnl_attr_put(m.nlh, IFA_ADDRESS, 4, bytes);
+    } else {
+      ::inet_pton(AF_INET6, text, bytes);
+      ifa->ifa_family = AF_INET6;
+      mnl_attr_put(m.nlh, IFA_ADDRESS, 16, bytes);
+    }
+    return m;
+  }
+  Msg(const Msg& o) : nlh(reinterpret_cast<nlmsghdr*>(buf_)) {
+    std::memcpy(buf_, o.buf_, sizeof buf_);
+  }
+
+ private:
+  alignas(nlmsghdr) char buf_[1024];
+};
+
+// The platform as the file's applier would get it: one line per interface.
+std::vector<std::string> described(const KernelStatus& k, const KernelStatus::NameMap& names = {}) {
+  Agent::AgentConfig cfg;
+  k.platform(names, cfg);
+  std::vector<std::string> out;
+  for (const auto& i : cfg.interfaces) {
+    std::string line = i.name + " #" + std::to_string(*i.index) + " mtu " + std::to_string(i.mtu) +
+                       (i.linkUp ? " up " : " down ") +
+                       Interface::stringValue(i.forwardingModel).substr(19) + " vrf " +
+                       i.vrf.name();
+    if (i.ipv4) line += " " + i.ipv4->stringValue();
+    for (const auto& a : i.ipv6) line += " " + a.stringValue();
+    for (const auto& m : i.members) line += " member " + m;
+    out.push_back(line);
+  }
+  for (const auto& v : cfg.vrfs) {
+    out.push_back("vrf " + v.name.name() + (v.id ? " id " + std::to_string(*v.id) : "") +
+                  (v.state == Ip::VrfState::vrfActive ? " active" : " inactive"));
+  }
+  return out;
+}
+
+TEST(KernelStatus, LinksAddressesBondsAndVrfsBecomeThePlatform) {
+  KernelStatus k;
+  for (const Msg& m : {
+           Msg::link(RTM_NEWLINK, 1, "lo", 65536, true, nullptr, 0, 0, ARPHRD_LOOPBACK),
+           Msg::link(RTM_NEWLINK, 2, "eth1", 1500, true),
+           Msg::link(RTM_NEWLINK, 3, "bond1", 9000, true, "bond"),
+           Msg::link(RTM_NEWLINK, 4, "eth2", 9000, true, nullptr, 3),
+           Msg::link(RTM_NEWLINK, 5, "eth3", 9000, false, nullptr, 3),
+           Msg::link(RTM_NEWLINK, 6, "red", 65575, true, "vrf", 0, 10),
+           Msg::link(RTM_NEWLINK, 7, "eth4", 1500, true, nullptr, 6),
+           Msg::addr(RTM_NEWADDR, 1, "127.0.0.1", 8),
+           Msg::addr(RTM_NEWADDR, 1, "::1", 128),
+           Msg::addr(RTM_NEWADDR, 2, "192.0.2.1", 24),
+           Msg::addr(RTM_NEWADDR, 2, "192.0.2.2", 24, true),  // secondary: never the source
+           Msg::addr(RTM_NEWADDR, 2, "2001:db8::1", 64),
+           Msg::addr(RTM_NEWADDR, 2, "fe80::1", 64),
+           Msg::addr(RTM_NEWADDR, 7, "198.51.100.1", 24),
+       }) {
+    ASSERT_TRUE(k.apply(m.nlh));
+  }
+  const KernelStatus::NameMap names = {{"eth1", "Ethernet1"},
+                                       {"eth2", "Ethernet2"},
+                                       {"eth3", "Ethernet3"},
+                                       {"bond1", "Port-Channel1"},
+                                       {"lo", "Loopback0"}};
+  EXPECT_EQ(described(k, names),
+            (std::vector<std::string>{
+                "Loopback0 #1 mtu 65536 up Routed vrf default 127.0.0.1/8 ::1/128",
+                "Ethernet1 #2 mtu 1500 up Routed vrf default 192.0.2.1/24 2001:db8::1/64 "
+                "fe80::1/64",
+                "Port-Channel1 #3 mtu 9000 up Routed vrf default member Ethernet2 member Ethernet3",
+                "Ethernet2 #4 mtu 9000 up DataLink vrf default",
+                "Ethernet3 #5 mtu 9000 down DataLink vrf default",
+                "eth4 #7 mtu 1500 up Routed vrf red 198.51.100.1/24", "vrf default active",
+                "vrf red id 10 active"}));
+
+  // Without the map, the bond cannot be a port-channel and is left out; Ethernet-type
+  // links keep their kernel names as generic interfaces.
+  auto plain = described(k);
+  EXPECT_EQ(plain.size(), 7u);
+  EXPECT_EQ(plain[1].rfind("eth1 #2", 0), 0u);
+  // A name the map makes into an id of another kind is left out too.
+  auto wrong = described(k, {{"lo", "Ethernet9"}});
+  EXPECT_EQ(wrong.front().rfind("eth1", 0), 0u);
+
+  // Changes: an address goes, the primary moves, the MTU changes, a link goes.
+  for (const Msg& m : {
+           Msg::addr(RTM_DELADDR, 2, "192.0.2.1", 24),
+           Msg::addr(RTM_NEWADDR, 2, "192.0.2.3", 24),
+           Msg::addr(RTM_DELADDR, 2, "fe80::1", 64),
+           Msg::link(RTM_NEWLINK, 2, "eth1", 9214, true),
+           Msg::link(RTM_DELLINK, 5, "eth3", 0, false),
+       }) {
+    ASSERT_TRUE(k.apply(m.nlh));
+  }
+  auto after = described(k, names);
+  EXPECT_EQ(after[1], "Ethernet1 #2 mtu 9214 up Routed vrf default 192.0.2.3/24 2001:db8::1/64");
+  EXPECT_EQ(after[2], "Port-Channel1 #3 mtu 9000 up Routed vrf default member Ethernet2");
+  EXPECT_EQ(after.size(), 7u);
+
+  // A message too short to hold its header is refused and changes nothing.
+  Msg broken = Msg::link(RTM_NEWLINK, 2, "eth1", 1, true);
+  broken.nlh->nlmsg_len = sizeof(nlmsghdr);
+  EXPECT_FALSE(k.apply(broken.nlh));
+  EXPECT_EQ(described(k, names), after);
+}
+
+// After lost events the agent dumps again into a fresh model and applies the result:
+// only the link that differs changes, every other status object stays as it was.
+TEST(KernelStatus, ARedumpAppliesOnlyWhatDiffers) {
+  auto dump = [](uint32_t eth2Mtu) {
+    KernelStatus k;
+    for (const Msg& m : {Msg::link(RTM_NEWLINK, 1, "lo", 65536, true, nullptr, 0, 0, 772),
+                         Msg::link(RTM_NEWLINK, 2, "eth1", 1500, true),
+                         Msg::link(RTM_NEWLINK, 3, "eth2", eth2Mtu, true),
+                         Msg::addr(RTM_NEWADDR, 2, "192.0.2.1", 24)}) {
+      EXPECT_TRUE(k.apply(m.nlh));
+    }
+    return k;
+  };
+  const KernelStatus::NameMap names = {{"eth1", "Ethernet1"}, {"eth2", "Ethernet2"}};
+  Agent::StatusEntities status;
+  Agent::AgentConfig cfg;
+  dump(1500).platform(names, cfg);
+  Agent::applyPlatform(status, cfg);
+  auto eth1 = status.allIntf->intfStatus(Nelo::IntfId("Ethernet1"));
+  auto eth1Ip = status.ip->ipIntfStatus(Nelo::IntfId("Ethernet1"));
+  int mtuChanges = 0, eth1Changes = 0;
+  Zub::Subscriptions subs;
+  subs.add(status.allIntf->intfStatus(Nelo::IntfId("Ethernet2"))->mtuSignal().connect(nullptr, [&] {
+    ++mtuChanges;
+  }));
+  subs.add(eth1->mtuSignal().connect(nullptr, [&] { ++eth1Changes; }));
+  subs.add(eth1Ip->activeAddrWithMaskSignal().connect(nullptr, [&] { ++eth1Changes; }));
+
+  dump(9000).platform(names, cfg);
+  Agent::applyPlatform(status, cfg);
+  EXPECT_EQ(mtuChanges, 1);
+  EXPECT_EQ(status.allIntf->intfStatus(Nelo::IntfId("Ethernet2"))->mtu(), 9000u);
+  EXPECT_EQ(eth1Changes, 0);
+  EXPECT_EQ(status.allIntf->intfStatus(Nelo::IntfId("Ethernet1")), eth1);
+  EXPECT_EQ(status.ip->ipIntfStatus(Nelo::IntfId("Ethernet1")), eth1Ip);
+}
+
+}  // namespace
