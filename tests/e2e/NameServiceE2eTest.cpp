@@ -11,11 +11,8 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <net/if.h>
 #include <netinet/in.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -26,6 +23,7 @@
 
 #include "tests/support/Daemon.h"
 #include "tests/support/Decoders.h"
+#include "tests/support/Namespace.h"
 #include "tests/support/Network.h"
 
 namespace {
@@ -43,30 +41,8 @@ bool writeFile(const std::string& path, const std::string& text) {
 }
 
 std::string enterPrivateNameService(const std::string& dir) {
+  if (std::string why = TestSupport::enterNetworkNamespace(true); !why.empty()) return why;
   auto fail = [](const std::string& what) { return what + ": " + std::strerror(errno); };
-  if (::unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) {
-    // Not privileged: a user namespace in which this process is root.
-    const uid_t uid = ::getuid();
-    const gid_t gid = ::getgid();
-    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWNET) != 0) {
-      return fail("cannot make a network and mount namespace");
-    }
-    writeFile("/proc/self/setgroups", "deny");
-    if (!writeFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1\n") ||
-        !writeFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1\n")) {
-      return "cannot map this user into the namespace";
-    }
-  }
-  if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    return fail("cannot make the mounts private");
-  }
-  const int s = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  ifreq ifr{};
-  std::strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-  const bool up = s >= 0 && ::ioctl(s, SIOCGIFFLAGS, &ifr) == 0 &&
-                  (ifr.ifr_flags |= IFF_UP, ::ioctl(s, SIOCSIFFLAGS, &ifr) == 0);
-  if (s >= 0) ::close(s);
-  if (!up) return fail("cannot bring the loopback interface up");
   // Each lookup that reaches the name server waits 2 s for nothing.
   const std::string resolv = dir + "/resolv.conf";
   gHosts = dir + "/hosts";

@@ -1,0 +1,106 @@
+// The kernel status source against the real kernel, in a network namespace this program
+// makes before the tests run (skipped with the reason where it cannot): veth links
+// appear, get addresses, an MTU and their link state, lose them and go; a burst of
+// events that overruns a small receive buffer ends in a fresh dump that has them all.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "agent/KernelStatusSource.h"
+#include "tests/support/Decoders.h"
+#include "tests/support/Namespace.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string gSkip;
+
+class KernelStatusE2e : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!gSkip.empty()) GTEST_SKIP() << "no network namespace: " << gSkip;
+  }
+  Orrin::TaskScheduler sched;
+  int changes = 0;
+  Agent::KernelStatusSource source{sched, [this](const Agent::KernelStatus&) { ++changes; }};
+
+  // The kernel link `name` as the agent describes it ("" when it has none).
+  std::string described(const std::string& name) const {
+    Agent::AgentConfig cfg;
+    source.status().platform({}, cfg);
+    for (const auto& i : cfg.interfaces) {
+      if (i.name != name) continue;
+      std::string line = "mtu " + std::to_string(i.mtu) + (i.linkUp ? " up" : " down");
+      if (i.ipv4) line += " " + i.ipv4->stringValue();
+      for (const auto& a : i.ipv6) line += " " + a.stringValue();
+      return line;
+    }
+    return "";
+  }
+  // Runs the loop until `name` is described as `want` (bounded).
+  bool waitFor(const std::string& name, const std::string& want) {
+    for (int i = 0; i < 300 && described(name) != want; ++i) sched.pollFds(10ms);
+    return described(name) == want;
+  }
+  static void ip(const std::string& args) {
+    auto r = TestSupport::runCommand("ip " + args);
+    ASSERT_EQ(r.status, 0) << "ip " << args << ": " << r.err;
+  }
+};
+
+TEST_F(KernelStatusE2e, LinksAndAddressesAreFollowedLive) {
+  std::string error;
+  ASSERT_TRUE(source.start(&error)) << error;
+  EXPECT_EQ(described("lo"), "mtu 65536 up 127.0.0.1/8 ::1/128");
+
+  ip("link add v0 type veth peer name v1");
+  ASSERT_TRUE(waitFor("v0", "mtu 1500 down"));
+  ip("link set v0 mtu 1400");
+  ip("addr add 10.1.0.1/24 dev v0");
+  ip("-6 addr add 2001:db8::1/64 dev v0 nodad");
+  ip("link set v1 up");
+  ip("link set v0 up");
+  // The link-local address the kernel adds once up comes too.
+  for (int i = 0; i < 300 && described("v0").find("fe80::") == std::string::npos; ++i) {
+    sched.pollFds(10ms);
+  }
+  const std::string up = described("v0");
+  EXPECT_EQ(up.rfind("mtu 1400 up 10.1.0.1/24 2001:db8::1/64 fe80::", 0), 0u) << up;
+  ip("addr del 10.1.0.1/24 dev v0");
+  ip("link set v0 down");
+  // Down: the kernel drops the IPv6 addresses of a link that goes down as well.
+  EXPECT_TRUE(waitFor("v0", "mtu 1400 down")) << described("v0");
+  ip("link del v0");
+  EXPECT_TRUE(waitFor("v0", ""));
+  EXPECT_TRUE(waitFor("v1", ""));
+  EXPECT_GT(changes, 0);
+  EXPECT_EQ(source.dumps(), 1u);
+}
+
+TEST_F(KernelStatusE2e, AnOverrunEndsInAFreshDumpThatHasEverything) {
+  std::string error;
+  ASSERT_TRUE(source.start(&error, 1)) << error;  // the smallest buffer the kernel allows
+  std::string batch;
+  for (int i = 0; i < 40; ++i) {
+    batch += "link add a" + std::to_string(i) + " type veth peer name b" + std::to_string(i) + "\n";
+  }
+  auto r = TestSupport::runCommand("printf '" + batch + "' | ip -batch -");
+  ASSERT_EQ(r.status, 0) << r.err;
+  for (int i = 0; i < 300 && !(source.dumps() > 1 && described("b39") == "mtu 1500 down"); ++i) {
+    sched.pollFds(10ms);
+  }
+  EXPECT_GT(source.dumps(), 1u) << "the buffer did not overrun";
+  for (int i = 0; i < 40; ++i) {
+    EXPECT_EQ(described("a" + std::to_string(i)), "mtu 1500 down") << i;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ::testing::InitGoogleTest(&argc, argv);
+  gSkip = TestSupport::enterNetworkNamespace(false);
+  return RUN_ALL_TESTS();
+}
