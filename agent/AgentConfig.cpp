@@ -336,7 +336,31 @@ class Parser {
       }
     }
     if (const YAML::Node pl = root["platform"]) {
-      expectMap(pl, "platform", {"interfaces", "vrfs"});
+      expectMap(pl, "platform", {"source", "names", "interfaces", "vrfs"});
+      if (const YAML::Node src = pl["source"]) {
+        const std::string v = str(src, "platform.source");
+        if (v == "kernel") {
+          c.platformSource = PlatformSource::kernel;
+        } else if (v != "file") {
+          fail(src, "platform.source", "expected file or kernel");
+        }
+      }
+      if (c.platformSource == PlatformSource::kernel) {
+        for (const char* k : {"interfaces", "vrfs"}) {
+          if (pl[k]) {
+            fail(pl[k], join("platform", k),
+                 "with source: kernel the interfaces and VRFs come from the kernel");
+          }
+        }
+      }
+      if (const YAML::Node names = pl["names"]; names && !names.IsNull()) {
+        if (!names.IsMap()) fail(names, "platform.names", "expected a mapping of kernel-name: id");
+        uniqueKeys(names, "platform.names");
+        for (const auto& kv : names) {
+          const std::string k = keyOf(kv.first, "platform.names");
+          c.kernelNames[k] = name(kv.second, join("platform.names", k));
+        }
+      }
       if (const YAML::Node intfs = pl["interfaces"]; intfs && !intfs.IsNull()) {
         if (!intfs.IsMap()) fail(intfs, "platform.interfaces", "expected a mapping of interfaces");
         uniqueKeys(intfs, "platform.interfaces");

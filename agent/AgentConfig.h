@@ -54,6 +54,10 @@ struct VrfSpec {
   std::optional<uint32_t> id;
 };
 
+// Where the platform's interfaces and VRFs come from: the file's own lists, or the
+// kernel (rtnetlink), with an optional map from kernel names to interface ids.
+enum class PlatformSource { file, kernel };
+
 struct AgentConfig {
   bool enabled = false;
   bool hardwareAcceleration = false;
@@ -62,6 +66,8 @@ struct AgentConfig {
   std::map<std::string, std::string> interfaceTracker;  // bound interface -> tracker
   std::vector<InterfaceSpec> interfaces;
   std::vector<VrfSpec> vrfs;
+  PlatformSource platformSource = PlatformSource::file;
+  std::map<std::string, std::string> kernelNames;
 };
 
 // "flowexport.yaml:14: flow-tracking.trackers[0].exporters[0].mtu: <message>"

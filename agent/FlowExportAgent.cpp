@@ -29,6 +29,14 @@ const Zub::LogHandle FLOWEXPORT_CONFIG_UNCHANGED(
     "FLOWEXPORT_CONFIG_UNCHANGED", 6, "Configuration %s is unchanged; nothing to apply.",
     "The configuration file was read again and holds what the agent runs on.",
     Zub::NoActionRequired, 0.0, 1.0, kFacility);
+const Zub::LogHandle FLOWEXPORT_KERNEL_STATUS_FAILED(
+    "FLOWEXPORT_KERNEL_STATUS_FAILED", 3,
+    "Cannot follow the kernel's interfaces (%s); export goes on with the last known status. "
+    "Retrying in %s s.",
+    "The agent could not open or read its rtnetlink socket.",
+    "Check that the agent may open netlink sockets (RestrictAddressFamilies= must allow "
+    "AF_NETLINK).",
+    60.0, 1.0, kFacility);
 const Zub::LogHandle FLOWEXPORT_CONFIG_REFUSED(
     "FLOWEXPORT_CONFIG_REFUSED", 3, "Configuration refused: %s",
     "The configuration file could not be read or holds a value out of range; the agent "
@@ -75,7 +83,7 @@ void FlowExportAgent::start() {
                               ? parseConfig(embeddedDefaultConfig(), "(embedded default)")
                               : parseConfig(appliedText_, options_.configFile);
   restoreFtIds_();
-  applyPlatform(status_, cfg);
+  applyPlatformFrom_(cfg);
   applyFlowTracking(config_, cfg);
 
   // The top-level reactors may be created in any order. The one ordering that matters
@@ -142,7 +150,7 @@ bool FlowExportAgent::reload() {
     applyFlowTracking(config_, staged);
     restoreFtIds_();
   }
-  applyPlatform(status_, cfg);
+  applyPlatformFrom_(cfg);
   applyFlowTracking(config_, cfg);
   appliedText_ = std::move(text);
   FLOWEXPORT_CONFIG_LOADED.log(options_.configFile);
@@ -218,6 +226,45 @@ void FlowExportAgent::saveFtIds_() {
   for (const auto& [name, ft] : hwConfig_->hwFtConfigColl()) ids[name] = ft->ftId().value();
   std::string error;
   if (!stateFile_->save(ids, &error)) FLOWEXPORT_STATE_ERROR.log(error);
+}
+
+void FlowExportAgent::applyPlatformFrom_(const AgentConfig& cfg) {
+  kernelNames_ = cfg.kernelNames;
+  if (cfg.platformSource == PlatformSource::file) {
+    kernel_.reset();
+    if (kernelRetry_) kernelRetry_->unschedule();
+    applyPlatform(status_, cfg);
+    return;
+  }
+  if (kernel_) {
+    applyKernel_();
+  } else {
+    startKernel_();
+  }
+}
+
+void FlowExportAgent::startKernel_() {
+  if (!kernelRetry_) {
+    kernelRetry_ = new Orrin::TimerTask(scheduler(), "KernelStatusRetry", 2, [this] {
+      if (!kernel_) startKernel_();
+    });
+  }
+  kernel_ = std::make_unique<KernelStatusSource>(scheduler(),
+                                                 [this](const KernelStatus&) { applyKernel_(); });
+  std::string error;
+  if (!kernel_->start(&error)) {
+    kernel_.reset();
+    FLOWEXPORT_KERNEL_STATUS_FAILED.log(error, "5");
+    kernelRetry_->scheduleTaskAfter(std::chrono::seconds(5));
+    return;
+  }
+  applyKernel_();
+}
+
+void FlowExportAgent::applyKernel_() {
+  AgentConfig platform;
+  kernel_->status().platform(kernelNames_, platform);
+  applyPlatform(status_, platform);
 }
 
 void FlowExportAgent::watchConfigFile_() {

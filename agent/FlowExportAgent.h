@@ -16,6 +16,7 @@
 #include "agent/FlowExportConfigSm.h"
 #include "agent/FtIdStateFile.h"
 #include "agent/InstanceLock.h"
+#include "agent/KernelStatusSource.h"
 #include "agent/SwStatusPublisherSm.h"
 #include "export/FlowTrackerTemplateSm.h"
 #include "ipfix/IpfixSm.h"
@@ -69,6 +70,10 @@ class FlowExportAgent : public Hollin::CAgent {
  private:
   void restoreFtIds_();
   void saveFtIds_();
+  // The platform section from the file, or from the kernel when the file says so.
+  void applyPlatformFrom_(const AgentConfig& cfg);
+  void startKernel_();
+  void applyKernel_();
   void watchConfigFile_();
   bool watchConfigDirs_();
   void handleInotify_();
@@ -91,6 +96,11 @@ class FlowExportAgent : public Hollin::CAgent {
   std::unique_ptr<Stova::Ipfix::CollectorStatistics> stats_;
   std::unique_ptr<FtIdStateFile> stateFile_;
   std::unique_ptr<ControlServer> control_;
+  // The kernel as the status source (platform source: kernel), its names map, and the
+  // retry after it could not be opened.
+  std::unique_ptr<KernelStatusSource> kernel_;
+  std::map<std::string, std::string> kernelNames_;
+  Zub::Ptr<Orrin::TimerTask> kernelRetry_;
 
   // Collector names, looked up in the background; outlives the reactors that watch it.
   std::shared_ptr<FlowTracking::NameResolver> names_;

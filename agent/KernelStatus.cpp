@@ -189,8 +189,9 @@ void KernelStatus::platform(const NameMap& names, AgentConfig& out) const {
       spec.forwardingModel =
           link.up ? FM::intfForwardingModelRouted : FM::intfForwardingModelInactive;
     }
-    if (auto it = ipv4_.find(index); it != ipv4_.end()) spec.ipv4 = it->second.front();
-    if (auto it = ipv6_.find(index); it != ipv6_.end()) {
+    // A link that is not up cannot send: its addresses are no exporter's source.
+    if (auto it = ipv4_.find(index); it != ipv4_.end() && link.up) spec.ipv4 = it->second.front();
+    if (auto it = ipv6_.find(index); it != ipv6_.end() && link.up) {
       spec.ipv6.assign(it->second.begin(), it->second.end());
     }
     if (lag) {

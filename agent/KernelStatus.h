@@ -22,7 +22,8 @@
 //   link), a bridge port is bridged, a link that is not up is inactive, any other link
 //   that is up is routed.
 // - Addresses: the first primary IPv4 address (the one the kernel sources from); every
-//   IPv6 address (the exporter picks its source among them).
+//   IPv6 address (the exporter picks its source among them). A link that is not up
+//   offers none: nothing can be sent from it, so an exporter on it is not ready.
 
 #include <cstdint>
 #include <map>

@@ -137,7 +137,9 @@ void KernelStatusSource::handleEvents_() {
     if (n < 0) {
       if (errno == ENOBUFS) overrun = true;
       if (errno == EINTR || errno == ENOBUFS) continue;
-      break;  // EAGAIN: drained
+      // Anything but "drained" leaves the socket's state unknown: dump again.
+      if (errno != EAGAIN && errno != EWOULDBLOCK) overrun = true;
+      break;
     }
     if (mnl_cb_run(buf.data(), static_cast<size_t>(n), 0, 0, applyOne, &status_) < 0) {
       GLINT(trace(), 1) << "kernel status: " << std::strerror(errno);

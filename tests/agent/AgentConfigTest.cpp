@@ -125,6 +125,11 @@ TEST(AgentConfig, RefusalsNameFileLineFieldAndTheModelsMessage) {
            ": active\n",
        "f.yaml:4: platform.vrfs." + std::string(101, 'v') +
            ": VrfName::bytes > VrfName::maxLength not allowed"},
+      {"flow-tracking: {enabled: false}\nplatform:\n  source: kernel\n  interfaces: {}\n",
+       "f.yaml:4: platform.interfaces: with source: kernel the interfaces and VRFs come from the "
+       "kernel"},
+      {"flow-tracking: {enabled: false}\nplatform:\n  source: netlink\n",
+       "f.yaml:3: platform.source: expected file or kernel"},
       {"flow-tracking: {enabled: false}\nplatform: " + std::string(600, '[') +
            std::string(600, ']') + "\n",
        "f.yaml:2: nested deeper than 499 levels"},

@@ -6,10 +6,17 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <thread>
+
+#include <signal.h>
+
+#include <fstream>
 
 #include "agent/KernelStatusSource.h"
+#include "tests/support/Daemon.h"
 #include "tests/support/Decoders.h"
 #include "tests/support/Namespace.h"
+#include "tests/support/Network.h"
 
 namespace {
 
@@ -95,6 +102,49 @@ TEST_F(KernelStatusE2e, AnOverrunEndsInAFreshDumpThatHasEverything) {
   for (int i = 0; i < 40; ++i) {
     EXPECT_EQ(described("a" + std::to_string(i)), "mtu 1500 down") << i;
   }
+}
+
+// flowexportd with `platform: {source: kernel}`: the exporter's source is the address the
+// kernel gives its local link, and the link's state decides whether it exports.
+TEST_F(KernelStatusE2e, TheDaemonExportsFromTheKernelsAddressAndFollowsTheLink) {
+  ip("link add v0 type veth peer name v1");
+  ip("addr add 10.9.0.1/24 dev v0");
+  ip("addr add 10.9.0.2/24 dev v1");
+  ip("link set v1 up");
+  ip("link set v0 up");
+  TestSupport::UdpReceiver rx(false, 0, "10.9.0.2");
+  TestSupport::TempDir dir;
+  const std::string file = dir.file("flowexport.yaml");
+  std::ofstream(file) << "flow-tracking:\n  enabled: true\n  trackers:\n    - name: t\n"
+                      << "      exporters:\n        - name: e\n          local-interface: v0\n"
+                      << "          template-interval: 3600\n          collectors: [\"10.9.0.2:"
+                      << rx.port() << "\"]\nplatform:\n  source: kernel\n";
+  const std::string stats = "/flowexport-e2e-kernel-" + std::to_string(::getpid());
+  TestSupport::Daemon daemon(FLOWEXPORTD,
+                             {"--config", file, "--stats-name", stats, "--control-socket",
+                              dir.file("control.sock"), "--log", "stderr"},
+                             dir.file("daemon.log"));
+  auto first = rx.receive(5000ms);
+  ASSERT_TRUE(first) << daemon.log();
+  EXPECT_EQ(first->src.stringValue(), "10.9.0.1");
+  const std::string exporter = "Sampled exporter e in VRF default, in Sampled flow tracker t is ";
+
+  ip("link set v0 down");
+  EXPECT_TRUE(daemon.waitForLog("FLOWTRACKING_EXPORTER_INACTIVE: " + exporter + "inactive.", 5s))
+      << daemon.log();
+  ip("link set v0 up");
+  ip("link set v1 up");
+  for (int i = 0; i < 500 && daemon.log().rfind("FLOWTRACKING_EXPORTER_ACTIVE") <
+                                 daemon.log().rfind("FLOWTRACKING_EXPORTER_INACTIVE");
+       ++i) {
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_GT(daemon.log().rfind("FLOWTRACKING_EXPORTER_ACTIVE: " + exporter + "active."),
+            daemon.log().rfind("FLOWTRACKING_EXPORTER_INACTIVE"))
+      << daemon.log();
+  daemon.signal(SIGTERM);
+  EXPECT_EQ(daemon.wait(), 0) << daemon.log();
+  ip("link del v0");
 }
 
 }  // namespace
