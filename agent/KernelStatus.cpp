@@ -45,6 +45,11 @@ std::string str(const nlattr* a) {
   return mnl_attr_get_str(a);
 }
 
+// The largest interface index and VRF id a configuration file may give; the kernel's are
+// held to the same bounds.
+constexpr uint32_t kMaxIntfIndex = 0x3FFFFFFE;
+constexpr uint32_t kMaxVrfId = 0xFFFFFE;
+
 }  // namespace
 
 void KernelStatus::clear() {
@@ -158,9 +163,11 @@ void KernelStatus::platform(const NameMap& names, AgentConfig& out) const {
   };
   for (const auto& [index, link] : links_) {
     if (link.kind == "vrf") {
+      // A table past the VRF ids the tables can carry gets an id chosen by the applier.
+      std::optional<uint32_t> id;
+      if (link.vrfTable > 0 && link.vrfTable <= kMaxVrfId) id = link.vrfTable;
       out.vrfs.push_back({L3::VrfName(link.name),
-                          link.up ? Ip::VrfState::vrfActive : Ip::VrfState::vrfInitializing,
-                          link.vrfTable});
+                          link.up ? Ip::VrfState::vrfActive : Ip::VrfState::vrfInitializing, id});
       continue;
     }
     const Nelo::IntfId id(idOf(link));
@@ -177,7 +184,7 @@ void KernelStatus::platform(const NameMap& names, AgentConfig& out) const {
     spec.name = id.name();
     spec.linkUp = link.up;
     spec.mtu = link.mtu;
-    spec.index = index;
+    if (index <= kMaxIntfIndex) spec.index = index;  // else chosen by the applier
     const std::string masterKind = kindOf(link.master);
     if (masterKind == "vrf") spec.vrf = L3::VrfName(links_.at(link.master).name);
     using FM = Interface::ForwardingModel;

@@ -110,6 +110,7 @@ TEST(KernelStatus, LinksAddressesBondsAndVrfsBecomeThePlatform) {
            Msg::link(RTM_NEWLINK, 4, "eth2", 9000, true, nullptr, 3),
            Msg::link(RTM_NEWLINK, 5, "eth3", 9000, false, nullptr, 3),
            Msg::link(RTM_NEWLINK, 6, "red", 65575, true, "vrf", 0, 10),
+           Msg::link(RTM_NEWLINK, 8, "blue", 65575, false, "vrf", 0, 0x10000000),
            Msg::link(RTM_NEWLINK, 7, "eth4", 1500, true, nullptr, 6),
            Msg::addr(RTM_NEWADDR, 1, "127.0.0.1", 8),
            Msg::addr(RTM_NEWADDR, 1, "::1", 128),
@@ -135,12 +136,14 @@ TEST(KernelStatus, LinksAddressesBondsAndVrfsBecomeThePlatform) {
                 "Ethernet2 #4 mtu 9000 up DataLink vrf default",
                 "Ethernet3 #5 mtu 9000 down DataLink vrf default",
                 "eth4 #7 mtu 1500 up Routed vrf red 198.51.100.1/24", "vrf default active",
-                "vrf red id 10 active"}));
+                "vrf red id 10 active",
+                // a table past the ids a VRF table can carry: the applier chooses one
+                "vrf blue inactive"}));
 
   // Without the map, the bond cannot be a port-channel and is left out; Ethernet-type
   // links keep their kernel names as generic interfaces.
   auto plain = described(k);
-  EXPECT_EQ(plain.size(), 7u);
+  EXPECT_EQ(plain.size(), 8u);
   EXPECT_EQ(plain[1].rfind("eth1 #2", 0), 0u);
   // A name the map makes into an id of another kind is left out too.
   auto wrong = described(k, {{"lo", "Ethernet9"}});
@@ -159,7 +162,7 @@ TEST(KernelStatus, LinksAddressesBondsAndVrfsBecomeThePlatform) {
   auto after = described(k, names);
   EXPECT_EQ(after[1], "Ethernet1 #2 mtu 9214 up Routed vrf default 192.0.2.3/24 2001:db8::1/64");
   EXPECT_EQ(after[2], "Port-Channel1 #3 mtu 9000 up Routed vrf default member Ethernet2");
-  EXPECT_EQ(after.size(), 7u);
+  EXPECT_EQ(after.size(), 8u);
 
   // A message too short to hold its header is refused and changes nothing.
   Msg broken = Msg::link(RTM_NEWLINK, 2, "eth1", 1, true);
