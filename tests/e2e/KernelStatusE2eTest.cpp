@@ -10,7 +10,9 @@
 
 #include <signal.h>
 
+#include <cstdio>
 #include <fstream>
+#include <optional>
 
 #include "agent/KernelStatusSource.h"
 #include "tests/support/Daemon.h"
@@ -127,6 +129,8 @@ TEST_F(KernelStatusE2e, TheDaemonExportsFromTheKernelsAddressAndFollowsTheLink) 
   auto first = rx.receive(5000ms);
   ASSERT_TRUE(first) << daemon.log();
   EXPECT_EQ(first->src.stringValue(), "10.9.0.1");
+  std::vector<TestSupport::Datagram> all = {*first};
+  for (const auto& d : rx.drain(500ms)) all.push_back(d);
   const std::string exporter = "Sampled exporter e in VRF default, in Sampled flow tracker t is ";
 
   ip("link set v0 down");
@@ -142,9 +146,43 @@ TEST_F(KernelStatusE2e, TheDaemonExportsFromTheKernelsAddressAndFollowsTheLink) 
   EXPECT_GT(daemon.log().rfind("FLOWTRACKING_EXPORTER_ACTIVE: " + exporter + "active."),
             daemon.log().rfind("FLOWTRACKING_EXPORTER_INACTIVE"))
       << daemon.log();
+
+  // A new link reaches the interface table at the collector, with its kernel index.
+  for (const auto& d : rx.drain(300ms)) all.push_back(d);
+  const size_t before = all.size();
+  const auto t0 = std::chrono::steady_clock::now();
+  ip("link add v2 type veth peer name v3");
+  std::vector<std::chrono::steady_clock::duration> when;
+  while (std::chrono::steady_clock::now() - t0 < 2500ms) {
+    if (auto d = rx.receive(100ms)) {
+      all.push_back(*d);
+      when.push_back(std::chrono::steady_clock::now() - t0);
+    }
+  }
+  // One line per datagram; the first after the change that names v2.
+  auto names = TestSupport::tsharkFields(all, {"cflow.if_name"});
+  ASSERT_EQ(names.status, 0) << names.err;
+  std::optional<std::chrono::steady_clock::duration> arrived;
+  size_t line = 0, at = 0;
+  for (; at < names.out.size() && !arrived; ++line) {
+    const size_t end = names.out.find('\n', at);
+    const std::string fields = names.out.substr(at, end - at);
+    if (line >= before && fields.find("v2") != std::string::npos) arrived = when[line - before];
+    at = end == std::string::npos ? names.out.size() : end + 1;
+  }
+  ASSERT_TRUE(arrived) << "v2 never reached the interface table";
+  // Table changes are sent as one message a second after the first of a burst.
+  EXPECT_LT(*arrived, 1500ms);
+  RecordProperty(
+      "newLinkToCollectorMs",
+      std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(*arrived).count()));
+  std::printf("new link in the collector's interface table after %lld ms\n",
+              static_cast<long long>(
+                  std::chrono::duration_cast<std::chrono::milliseconds>(*arrived).count()));
   daemon.signal(SIGTERM);
   EXPECT_EQ(daemon.wait(), 0) << daemon.log();
   ip("link del v0");
+  ip("link del v2");
 }
 
 }  // namespace
