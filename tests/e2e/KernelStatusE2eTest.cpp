@@ -147,6 +147,11 @@ TEST_F(KernelStatusE2e, TheDaemonExportsFromTheKernelsAddressAndFollowsTheLink) 
             daemon.log().rfind("FLOWTRACKING_EXPORTER_INACTIVE"))
       << daemon.log();
 
+  // The source address goes and another takes its place: the next message (the table
+  // update below) comes from the new one.
+  ip("addr add 10.9.1.5/16 dev v0");
+  ip("addr del 10.9.0.1/24 dev v0");
+
   // A new link reaches the interface table at the collector, with its kernel index.
   for (const auto& d : rx.drain(300ms)) all.push_back(d);
   const size_t before = all.size();
@@ -167,7 +172,10 @@ TEST_F(KernelStatusE2e, TheDaemonExportsFromTheKernelsAddressAndFollowsTheLink) 
   for (; at < names.out.size() && !arrived; ++line) {
     const size_t end = names.out.find('\n', at);
     const std::string fields = names.out.substr(at, end - at);
-    if (line >= before && fields.find("v2") != std::string::npos) arrived = when[line - before];
+    if (line >= before && fields.find("v2") != std::string::npos) {
+      arrived = when[line - before];
+      EXPECT_EQ(all[line].src.stringValue(), "10.9.1.5");
+    }
     at = end == std::string::npos ? names.out.size() : end + 1;
   }
   ASSERT_TRUE(arrived) << "v2 never reached the interface table";
@@ -179,6 +187,17 @@ TEST_F(KernelStatusE2e, TheDaemonExportsFromTheKernelsAddressAndFollowsTheLink) 
   std::printf("new link in the collector's interface table after %lld ms\n",
               static_cast<long long>(
                   std::chrono::duration_cast<std::chrono::milliseconds>(*arrived).count()));
+
+  // Without any address left the exporter is inactive.
+  ip("addr del 10.9.1.5/16 dev v0");
+  for (int i = 0; i < 500 && daemon.log().rfind("FLOWTRACKING_EXPORTER_INACTIVE") <
+                                 daemon.log().rfind("FLOWTRACKING_EXPORTER_ACTIVE");
+       ++i) {
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_GT(daemon.log().rfind("FLOWTRACKING_EXPORTER_INACTIVE"),
+            daemon.log().rfind("FLOWTRACKING_EXPORTER_ACTIVE"))
+      << daemon.log();
   daemon.signal(SIGTERM);
   EXPECT_EQ(daemon.wait(), 0) << daemon.log();
   ip("link del v0");
