@@ -246,11 +246,18 @@ void FlowExportAgent::applyPlatformFrom_(const AgentConfig& cfg) {
 void FlowExportAgent::startKernel_() {
   if (!kernelRetry_) {
     kernelRetry_ = new Orrin::TimerTask(scheduler(), "KernelStatusRetry", 2, [this] {
-      if (!kernel_) startKernel_();
+      if (kernel_ && !kernel_->broken()) return;
+      kernel_.reset();
+      startKernel_();
     });
   }
-  kernel_ = std::make_unique<KernelStatusSource>(scheduler(),
-                                                 [this](const KernelStatus&) { applyKernel_(); });
+  kernel_ = std::make_unique<KernelStatusSource>(
+      scheduler(), [this](const KernelStatus&) { applyKernel_(); },
+      [this](const std::string& error) {
+        // The broken source keeps the last known status until the retry replaces it.
+        FLOWEXPORT_KERNEL_STATUS_FAILED.log(error, "5");
+        kernelRetry_->scheduleTaskAfter(std::chrono::seconds(5));
+      });
   std::string error;
   if (!kernel_->start(&error)) {
     kernel_.reset();

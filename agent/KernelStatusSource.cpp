@@ -33,8 +33,9 @@ std::string failure(const char* what) { return std::string(what) + ": " + std::s
 
 }  // namespace
 
-KernelStatusSource::KernelStatusSource(Orrin::TaskScheduler& scheduler, Changed changed)
-    : scheduler_(scheduler), changed_(std::move(changed)) {
+KernelStatusSource::KernelStatusSource(Orrin::TaskScheduler& scheduler, Changed changed,
+                                       Failed failed)
+    : scheduler_(scheduler), changed_(std::move(changed)), failed_(std::move(failed)) {
   changedTask_ = new Orrin::Task(scheduler_, "KernelStatusChanged", 2, [this] {
     if (changed_) changed_(status_);
   });
@@ -42,7 +43,7 @@ KernelStatusSource::KernelStatusSource(Orrin::TaskScheduler& scheduler, Changed 
 
 KernelStatusSource::~KernelStatusSource() {
   if (!events_) return;
-  scheduler_.fdDel(mnl_socket_get_fd(events_));
+  if (!broken_) scheduler_.fdDel(mnl_socket_get_fd(events_));
   mnl_socket_close(events_);
 }
 
@@ -151,6 +152,10 @@ void KernelStatusSource::handleEvents_() {
     std::string error;
     if (!dump_(&error)) {
       GLINT(trace(), 0) << "kernel status: " << error;
+      // Nothing more is read from this socket; the owner replaces the source.
+      broken_ = true;
+      scheduler_.fdDel(mnl_socket_get_fd(events_));
+      if (failed_) failed_(error);
     }
   }
 }

@@ -20,7 +20,10 @@ namespace Agent {
 class KernelStatusSource {
  public:
   using Changed = std::function<void(const KernelStatus&)>;
-  KernelStatusSource(Orrin::TaskScheduler& scheduler, Changed changed);
+  // The socket broke and could not be replaced; the source stays as it is (the status
+  // last known) until its owner makes a new one.
+  using Failed = std::function<void(const std::string& error)>;
+  KernelStatusSource(Orrin::TaskScheduler& scheduler, Changed changed, Failed failed = {});
   ~KernelStatusSource();
   KernelStatusSource(const KernelStatusSource&) = delete;
   KernelStatusSource& operator=(const KernelStatusSource&) = delete;
@@ -31,6 +34,8 @@ class KernelStatusSource {
   const KernelStatus& status() const { return status_; }
   // Dumps made so far: one at start, one per overrun.
   uint64_t dumps() const { return dumps_; }
+  // The event socket broke and the dump that should have replaced it failed.
+  bool broken() const { return broken_; }
 
  private:
   bool dump_(std::string* error);
@@ -38,9 +43,11 @@ class KernelStatusSource {
 
   Orrin::TaskScheduler& scheduler_;
   Changed changed_;
+  Failed failed_;
   mnl_socket* events_ = nullptr;
   KernelStatus status_;
   uint64_t dumps_ = 0;
+  bool broken_ = false;
   Zub::Ptr<Orrin::Task> changedTask_;
 };
 
