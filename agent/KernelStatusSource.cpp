@@ -130,7 +130,7 @@ bool KernelStatusSource::dump_(std::string* error) {
 }
 
 void KernelStatusSource::handleEvents_() {
-  std::vector<char> buf(32768);
+  std::vector<char>& buf = eventBuf_;
   bool overrun = false;
   // A bounded number of reads per wake-up; the rest comes with the next one.
   for (int i = 0; i < 64; ++i) {

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "agent/KernelStatus.h"
 #include "platform/orrin/TaskScheduler.h"
@@ -48,6 +49,8 @@ class KernelStatusSource {
   KernelStatus status_;
   uint64_t dumps_ = 0;
   bool broken_ = false;
+  // Event reads land here, allocated once: this runs at every netlink wake-up.
+  std::vector<char> eventBuf_ = std::vector<char>(32768);
   Zub::Ptr<Orrin::Task> changedTask_;
 };
 
