@@ -52,6 +52,7 @@ struct VrfSpec {
   L3::VrfName name;
   Ip::VrfState state = Ip::VrfState::vrfActive;
   std::optional<uint32_t> id;
+  std::string device;  // the kernel's VRF device; empty for a VRF of the file's
 };
 
 // Where the platform's interfaces and VRFs come from: the file's own lists, or the

@@ -72,7 +72,10 @@ void applyPlatform(StatusEntities& s, const AgentConfig& cfg) {
   std::set<L3::VrfName> vrfs;
   for (const VrfSpec& v : cfg.vrfs) {
     vrfs.insert(v.name);
-    s.vrfs->vrfIs(v.name)->stateIs(v.state);
+    auto vrf = s.vrfs->vrfIs(v.name);
+    // The device first: exporters that see the VRF become active see where to send.
+    vrf->deviceIs(v.device);
+    vrf->stateIs(v.state);
   }
   deleteOthers(
       s.vrfs->vrfColl(), [&](const L3::VrfName& n) { return vrfs.count(n) != 0; },

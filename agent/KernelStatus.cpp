@@ -152,7 +152,7 @@ bool KernelStatus::applyAddr_(const nlmsghdr* nlh) {
 void KernelStatus::platform(const NameMap& names, AgentConfig& out) const {
   out.interfaces.clear();
   out.vrfs.clear();
-  out.vrfs.push_back({L3::VrfName("default"), Ip::VrfState::vrfActive, std::nullopt});
+  out.vrfs.push_back({L3::VrfName("default"), Ip::VrfState::vrfActive, std::nullopt, ""});
   auto idOf = [&](const Link& l) {
     auto it = names.find(l.name);
     return it == names.end() ? l.name : it->second;
@@ -163,11 +163,17 @@ void KernelStatus::platform(const NameMap& names, AgentConfig& out) const {
   };
   for (const auto& [index, link] : links_) {
     if (link.kind == "vrf") {
+      if (link.name == "default") {
+        GLINT(trace(), 2) << "kernel VRF device default (table " << link.vrfTable
+                          << ") has the default VRF's name: left out";
+        continue;
+      }
       // A table past the VRF ids the tables can carry gets an id chosen by the applier.
       std::optional<uint32_t> id;
       if (link.vrfTable > 0 && link.vrfTable <= kMaxVrfId) id = link.vrfTable;
       out.vrfs.push_back({L3::VrfName(link.name),
-                          link.up ? Ip::VrfState::vrfActive : Ip::VrfState::vrfInitializing, id});
+                          link.up ? Ip::VrfState::vrfActive : Ip::VrfState::vrfInitializing, id,
+                          link.name});
       continue;
     }
     const Nelo::IntfId id(idOf(link));

@@ -691,7 +691,10 @@ void ExpConfigSm::bindVrfStatusLocal_(const Zub::Ptr<Ip::VrfStatusLocal>& s) {
   if (s == vrfStatusLocal_) return;
   vrfSubs_.clear();
   vrfStatusLocal_ = s;
-  if (s) watch(vrfSubs_, s->stateSignal(), [this] { handleSrcAddress(); });
+  if (s) {
+    watch(vrfSubs_, s->stateSignal(), [this] { handleSrcAddress(); });
+    watch(vrfSubs_, s->deviceSignal(), [this] { handleSrcAddress(); });
+  }
 }
 
 void ExpConfigSm::handleIpIntfStatus(const Nelo::IntfId& intfId) {
@@ -733,6 +736,9 @@ void ExpConfigSm::handleSrcAddress() {
   GLINT(trace(), kEntry) << "ExpConfigSm::handleSrcAddress"
                          << " for " << expName_;
   bindVrfStatusLocal_(ctx_->allVrfStatusLocal->vrf(hwExpConfig_->vrfName()));
+  // The default VRF is the host's own table: its exporters are never bound to a device.
+  const bool bound = vrfStatusLocal_ && hwExpConfig_->vrfName().name() != "default";
+  hwExpConfig_->vrfDeviceIs(bound ? vrfStatusLocal_->device() : Zub::Name());
   updateIpAddr();
   updateIp6Addr();
   handleIpfixMtu();

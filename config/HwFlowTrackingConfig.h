@@ -39,6 +39,8 @@ class ExporterConfig : public Zub::Entity {
  public:
   explicit ExporterConfig(const Zub::Name& name) : Entity(name) {}
   ZUB_ATTR(L3::VrfName, vrfName)
+  // The device of the exporter's VRF its endpoints are bound to; empty: not bound.
+  ZUB_ATTR(Zub::Name, vrfDevice)
   ZUB_ATTR(FlowTracking::IpfixMtu, ipfixMtu)
   static constexpr uint32_t ip6HdrSize_ = 40;
   static constexpr uint32_t udpHdrLen_ = 8;

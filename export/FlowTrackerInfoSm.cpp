@@ -15,8 +15,9 @@ const Zub::LogHandle FLOWTRACKING_EXPORTER_NO_ENDPOINT(
     "IPv%s socket (%s). Retrying in %s s.",
     "The exporter could not open the UDP socket it sends from; nothing is sent to the "
     "collectors of that family until it can.",
-    "Check the descriptor limits of the process (LimitNOFILE) and of the system.", 60.0, 1.0,
-    "FLOWTRACKING");
+    "Check the descriptor limits of the process (LimitNOFILE) and of the system; for an "
+    "exporter in a VRF, that the VRF's device exists.",
+    60.0, 1.0, "FLOWTRACKING");
 const Zub::LogHandle FLOWTRACKING_EXPORTER_ENDPOINT_OPEN(
     "FLOWTRACKING_EXPORTER_ENDPOINT_OPEN", 5,
     "Exporter %s in flow tracker %s opened its IPv%s socket; its IPv%s collectors are "
@@ -53,6 +54,7 @@ ExporterInfoSm::ExporterInfoSm(const Zub::Name& expName, const Zub::Name& ftName
         [this](const Zub::String& n) { handleCollector(n); });
   watch(hwExpConfig_->collectorIp6AndPortSignal(),
         [this](const Zub::String& n) { handleCollector(n); });
+  watch(hwExpConfig_->vrfDeviceSignal(), [this] { handleVrfDevice(); });
 }
 
 void ExporterInfoSm::handleInitialized() {
@@ -115,6 +117,27 @@ void ExporterInfoSm::handleCollector(const Zub::String& name) {
   }
 }
 
+// The exporter's VRF got another device (or none): endpoints bound to the old one are
+// closed and opened anew, bound to the new one. A socket is never rebound: that would
+// need a privilege a new socket does not.
+void ExporterInfoSm::handleVrfDevice() {
+  GLINT(exportTrace(), kEntry) << "ExporterInfoSm::handleVrfDevice for " << traceId_ << ", device '"
+                               << hwExpConfig_->vrfDevice() << "'";
+  for (bool v6 : {false, true}) {
+    auto pam = v6 ? expInfo_->udpPam6() : expInfo_->udpPam4();
+    if (!pam || pam->bindDevice() == hwExpConfig_->vrfDevice()) continue;
+    pam->modeIs(Nelo::UdpPam::modeOff);
+    if (v6) {
+      expInfo_->udpPam6Is(nullptr);
+    } else {
+      expInfo_->udpPam4Is(nullptr);
+    }
+    GLINT(exportTrace(), kLife) << "Closed Pam: " << pam->name() << ", bound to '"
+                                << pam->bindDevice() << "'";
+  }
+  if (pamManagementTask_ && !pamManagementTask_->running()) pamManagementTask_->schedule();
+}
+
 void ExporterInfoSm::createPam4() { createPam_(false); }
 void ExporterInfoSm::createPam6() { createPam_(true); }
 
@@ -127,6 +150,7 @@ void ExporterInfoSm::createPam_(bool v6) {
     Zub::Ptr<Nelo::UdpPam> pam = pamFactory_(name);
     pam->ipv6EnIs(v6);
     pam->txPrioIs(kTxPrio);
+    pam->bindDeviceIs(hwExpConfig_->vrfDevice());
     pam->modeIs(Nelo::UdpPam::modeOn);
     if (v6) {
       expInfo_->udpPam6Is(pam);
@@ -134,7 +158,7 @@ void ExporterInfoSm::createPam_(bool v6) {
       expInfo_->udpPam4Is(pam);
     }
     GLINT(exportTrace(), kLife) << "Created Pam: " << name << ", txPrio: " << kTxPrio
-                                << ", fd: " << pam->fd();
+                                << ", device: '" << pam->bindDevice() << "', fd: " << pam->fd();
     if (noEndpoint_[v6]) {
       noEndpoint_[v6] = false;
       FLOWTRACKING_EXPORTER_ENDPOINT_OPEN.log(expName_, ftName_, family, family);

@@ -67,6 +67,7 @@ class ExporterInfoSm : public Zub::Reactor {
   void handlePamManagementTask();
   void handleCollector();
   void handleCollector(const Zub::String& name);
+  void handleVrfDevice();
   void createPam4();
   void createPam6();
   const Zub::Ptr<Orrin::TimerTask>& pamManagementTask() const { return pamManagementTask_; }

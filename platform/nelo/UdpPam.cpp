@@ -55,6 +55,12 @@ void UdpPam::modeIs(Mode m) {
     // Only IPv6 destinations: IPv4 collectors have their own endpoint.
     ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
   }
+  if (!bindDevice_.empty() && ::setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, bindDevice_.data(),
+                                           static_cast<socklen_t>(bindDevice_.size())) < 0) {
+    int e = errno;
+    ::close(fd);
+    throw Zub::ErrnoException("setsockopt(SO_BINDTODEVICE " + bindDevice_ + ") on " + name_, e);
+  }
   fd_ = fd;
   appliedTos_ = -1;
   bindTried_ = false;

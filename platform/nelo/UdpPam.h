@@ -35,6 +35,13 @@ class UdpPam : public Zub::PtrInterface {
   // Socket priority of transmitted packets (applied now if open, else when opened).
   void txPrioIs(IpTrafficControl prio);
   IpTrafficControl txPrio() const { return txPrio_; }
+  // The device the socket opened by the next modeIs(modeOn) is bound to
+  // (SO_BINDTODEVICE), empty for none. Bound to a VRF's device, the socket routes and
+  // chooses its source by the VRF's table. The device is set once per socket: binding
+  // a fresh socket needs no privilege (Linux 5.7 and later), rebinding one would need
+  // CAP_NET_RAW, so a new device means a new socket.
+  void bindDeviceIs(std::string device) { bindDevice_ = std::move(device); }
+  const std::string& bindDevice() const { return bindDevice_; }
   // modeOn opens the socket, modeOff closes it. Raises Zub::ErrnoException when a
   // system call fails; the endpoint is then closed.
   virtual void modeIs(Mode m);
@@ -88,6 +95,7 @@ class UdpPam : public Zub::PtrInterface {
   Zub::Name name_;
   bool ipv6En_ = false;
   IpTrafficControl txPrio_ = 0;
+  std::string bindDevice_;
   int fd_ = -1;
   IpAddr txSrc4_, txDst4_;
   Ip6Addr txSrc6_, txDst6_;

@@ -58,6 +58,9 @@ class VrfStatusLocal : public Zub::Entity {
   explicit VrfStatusLocal(const L3::VrfName& name) : Entity(name.name()), vrfName_(name) {}
   const L3::VrfName& vrfName() const { return vrfName_; }
   ZUB_ATTR(VrfState, state, VrfState::vrfInitializing)
+  // The kernel device whose routing table is the VRF's; empty when the VRF has none (a
+  // VRF only the configuration file knows). Exporters in the VRF send through it.
+  ZUB_ATTR(Zub::Name, device)
 
  private:
   L3::VrfName vrfName_;

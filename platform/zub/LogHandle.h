@@ -69,6 +69,7 @@ class LogHandle {
 
  private:
   void emit(const std::string& facility, const std::vector<std::string>& args) const;
+  friend class LogCapture;
 
   std::string name_;
   int severity_;

@@ -1,9 +1,12 @@
 // The agent in this process: reloads apply only differences, a broken file changes
 // nothing, tracker ids survive a restart, the software status mirrors the flow groups.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -189,6 +192,55 @@ TEST_F(AgentTest, AStateFileThatCannotBeReadIsReportedAndNeverReplaced) {
     EXPECT_FALSE(state.save({{"alpha", 1}}, &error));
     EXPECT_EQ(error, "not writing " + path + ": it could not be read at start");
   }
+}
+
+// The kernel cannot be followed at first (no descriptor for the dump socket): the agent
+// says so, keeps the status it had and starts a new source 5 s later.
+TEST_F(AgentTest, AKernelSourceThatCannotStartIsRetriedAfterFiveSeconds) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_UNDEFINED__)
+  GTEST_SKIP() << "not under the sanitizers: their runtime needs descriptors too";
+#endif
+  Zub::ManualClock clock;
+  Zub::ScopedClock scoped{clock};
+  write("    - name: t\n", c1());
+  auto agent = makeAgent();
+  std::ofstream(file) << "flow-tracking:\n  enabled: true\n  trackers:\n    - name: t\n"
+                      << "      exporters:\n        - name: e\n          local-interface: lo\n"
+                      << "          collectors: [" << c1() << "]\nplatform:\n  source: kernel\n";
+  // Leave exactly one descriptor number free: the file is read with it, the event socket
+  // takes it, and the dump socket finds none.
+  std::vector<int> probe;
+  for (int i = 0; i < 2; ++i) probe.push_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  ASSERT_TRUE(probe[0] >= 0 && probe[1] > probe[0]);
+  for (int fd : probe) ::close(fd);
+  rlimit saved{};
+  ::getrlimit(RLIMIT_NOFILE, &saved);
+  rlimit one = saved;
+  one.rlim_cur = static_cast<rlim_t>(probe[1]);
+  ::setrlimit(RLIMIT_NOFILE, &one);
+  const bool reloaded = agent->reload();
+  ::setrlimit(RLIMIT_NOFILE, &saved);
+  ASSERT_TRUE(reloaded);
+  agent->scheduler().runReady();
+  const std::string failed =
+      "FLOWEXPORT_KERNEL_STATUS_FAILED: Cannot follow the kernel's interfaces (rtnetlink dump "
+      "socket: Too many open files); export goes on with the last known status. Retrying in "
+      "5 s.";
+  auto failures = [&] {
+    const auto lines = logs.lines();
+    return std::count(lines.begin(), lines.end(), failed);
+  };
+  EXPECT_EQ(failures(), 1) << ::testing::PrintToString(logs.lines());
+  auto hw = agent->hwConfig()->hwFtConfig("t")->expConfig("e");
+  EXPECT_FALSE(hw->exporterReady());  // no interface lo in the status it kept
+
+  agent->scheduler().advance(std::chrono::milliseconds(4900));
+  EXPECT_FALSE(hw->exporterReady());
+  agent->scheduler().advance(std::chrono::milliseconds(100));
+  agent->scheduler().runReady();
+  EXPECT_TRUE(hw->exporterReady());
+  EXPECT_EQ(hw->srcIpAddr().stringValue(), "127.0.0.1");
+  EXPECT_EQ(failures(), 1);
 }
 
 TEST_F(AgentTest, ClearingWhatDoesNotExistIsAnError) {

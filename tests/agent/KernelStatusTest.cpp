@@ -96,7 +96,8 @@ std::vector<std::string> described(const KernelStatus& k, const KernelStatus::Na
   }
   for (const auto& v : cfg.vrfs) {
     out.push_back("vrf " + v.name.name() + (v.id ? " id " + std::to_string(*v.id) : "") +
-                  (v.state == Ip::VrfState::vrfActive ? " active" : " inactive"));
+                  (v.state == Ip::VrfState::vrfActive ? " active" : " inactive") +
+                  (v.device.empty() ? "" : " device " + v.device));
   }
   return out;
 }
@@ -111,6 +112,8 @@ TEST(KernelStatus, LinksAddressesBondsAndVrfsBecomeThePlatform) {
            Msg::link(RTM_NEWLINK, 5, "eth3", 9000, false, nullptr, 3),
            Msg::link(RTM_NEWLINK, 6, "red", 65575, true, "vrf", 0, 10),
            Msg::link(RTM_NEWLINK, 8, "blue", 65575, false, "vrf", 0, 0x10000000),
+           // would shadow the host's own table: left out
+           Msg::link(RTM_NEWLINK, 9, "default", 65575, true, "vrf", 0, 20),
            Msg::link(RTM_NEWLINK, 7, "eth4", 1500, true, nullptr, 6),
            Msg::addr(RTM_NEWADDR, 1, "127.0.0.1", 8),
            Msg::addr(RTM_NEWADDR, 1, "::1", 128),
@@ -136,9 +139,9 @@ TEST(KernelStatus, LinksAddressesBondsAndVrfsBecomeThePlatform) {
                 "Ethernet2 #4 mtu 9000 up DataLink vrf default",
                 "Ethernet3 #5 mtu 9000 down DataLink vrf default",
                 "eth4 #7 mtu 1500 up Routed vrf red 198.51.100.1/24", "vrf default active",
-                "vrf red id 10 active",
+                "vrf red id 10 active device red",
                 // a table past the ids a VRF table can carry: the applier chooses one
-                "vrf blue inactive"}));
+                "vrf blue inactive device blue"}));
 
   // Without the map, the bond cannot be a port-channel and is left out; Ethernet-type
   // links keep their kernel names as generic interfaces.

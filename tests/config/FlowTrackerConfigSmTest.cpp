@@ -418,8 +418,19 @@ TEST_F(ExporterTest, Ipv6PathIgnoresTheVrfAndKeepsItsSourceWhileAssigned) {
   EXPECT_EQ(hw->srcIpAddr().stringValue(), "10.5.0.1");
   EXPECT_EQ(hw->srcIp6Addr().stringValue(), "::");  // link-local only
   EXPECT_FALSE(hw->exporterReady());                // VRF red is not active
+  EXPECT_EQ(hw->vrfDevice(), "");                   // a VRF of the file: nothing to bind to
   w.vrfState("red", Ip::VrfState::vrfActive);
   EXPECT_TRUE(hw->exporterReady());
+  // The kernel's VRF device, as it comes and goes; the exporter's sockets follow it.
+  auto red = w.vrfs->vrf(L3::VrfName("red"));
+  red->deviceIs("red");
+  EXPECT_EQ(hw->vrfDevice(), "red");
+  w.config->flowTrackerConfig("T")->expConfig("E")->vrfNameIs(L3::VrfName("default"));
+  EXPECT_EQ(hw->vrfDevice(), "");
+  w.config->flowTrackerConfig("T")->expConfig("E")->vrfNameIs(L3::VrfName("red"));
+  EXPECT_EQ(hw->vrfDevice(), "red");
+  red->deviceIs("");
+  EXPECT_EQ(hw->vrfDevice(), "");
   w.vrfState("red", Ip::VrfState::vrfDeleting);
   EXPECT_FALSE(hw->exporterReady());
 

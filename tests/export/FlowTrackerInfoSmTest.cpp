@@ -77,6 +77,37 @@ TEST(ExporterInfoSm, RemovingAnExporterSwitchesBothEndpointsOffFirst) {
   EXPECT_FALSE(w.info->ftInfo("T"));
 }
 
+TEST(ExporterInfoSm, EndpointsAreBoundToTheVrfDeviceAndOpenedAnewWhenItChanges) {
+  ExportWorld w;
+  w.exporter("T", 1, "E", "10.0.0.1", "2001:db8::1");
+  auto hw = w.hwConfig->hwFtConfig("T")->expConfig("E");
+  hw->vrfDeviceIs("blue");
+  w.collector4("T", "E", "a", "192.0.2.1", 4739);
+  w.collector6("T", "E", "b", "2001:db8::2", 4739);
+  w.start();
+  auto expInfo = w.info->ftInfo("T")->expInfo("E");
+  ASSERT_TRUE(expInfo->udpPam4() && expInfo->udpPam6());
+  EXPECT_EQ(expInfo->udpPam4()->bindDevice(), "blue");
+  EXPECT_EQ(expInfo->udpPam6()->bindDevice(), "blue");
+  w.collInfo("T", "E", "a")->ipfixMsgSeqNoInc(7);
+
+  // Another device: both sockets are replaced, never rebound; the collectors keep their
+  // sequence numbers.
+  w.recorder.events.clear();
+  hw->vrfDeviceIs("green");
+  w.run();
+  EXPECT_EQ(w.recorder.events, (std::vector<std::string>{"close udpPam4-T-E", "close udpPam6-T-E",
+                                                         "open udpPam4-T-E", "open udpPam6-T-E"}));
+  EXPECT_EQ(expInfo->udpPam4()->bindDevice(), "green");
+  EXPECT_EQ(expInfo->udpPam6()->bindDevice(), "green");
+  EXPECT_EQ(w.collInfo("T", "E", "a")->ipfixMsgSeqNo().value, 7u);
+  // Back in the default VRF: unbound sockets.
+  hw->vrfDeviceIs("");
+  w.run();
+  EXPECT_EQ(expInfo->udpPam4()->bindDevice(), "");
+  EXPECT_EQ(expInfo->udpPam4()->mode(), Nelo::UdpPam::modeOn);
+}
+
 TEST(ExporterInfoSm, TheEndpointReactorGoingAwayClosesEveryEndpointItOpened) {
   ExportWorld w;
   w.exporter("T", 1, "E", "10.0.0.1");

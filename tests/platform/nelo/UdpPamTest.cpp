@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <net/if.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -124,6 +125,36 @@ TEST(UdpPam, SourceThatIsNotLocalIsRefusedNotFatal) {
   EXPECT_FALSE(pam->txPkt(packetOf("x")));
   EXPECT_EQ(pam->txErrors(), 1u);
   EXPECT_FALSE(rx.receive(50ms));
+}
+
+TEST(UdpPam, ASocketBoundToADeviceSendsThroughItAndAMissingDeviceIsAnError) {
+  UdpReceiver rx(false);
+  Zub::Ptr<Nelo::UdpPam> pam(new Nelo::UdpPam("udpPam4-lo"));
+  pam->bindDeviceIs("lo");
+  pam->modeIs(1);
+  char dev[IFNAMSIZ] = {};
+  socklen_t len = sizeof dev;
+  ASSERT_EQ(::getsockopt(pam->fd(), SOL_SOCKET, SO_BINDTODEVICE, dev, &len), 0);
+  EXPECT_STREQ(dev, "lo");
+  pam->txSrcIpAddrIs(Nelo::IpAddr("127.0.0.1"));
+  pam->txDstIpAddrIs(Nelo::IpAddr("127.0.0.1"));
+  pam->txPortIs(rx.port());
+  EXPECT_TRUE(pam->txPkt(packetOf("via lo")));
+  auto got = rx.receive(1s);
+  ASSERT_TRUE(got);
+  EXPECT_EQ(got->payload, "via lo");
+
+  Zub::Ptr<Nelo::UdpPam> gone(new Nelo::UdpPam("udpPam6-gone"));
+  gone->ipv6EnIs(true);
+  gone->bindDeviceIs("nosuchdev0");
+  try {
+    gone->modeIs(1);
+    ADD_FAILURE() << "expected ErrnoException";
+  } catch (const Zub::ErrnoException& e) {
+    EXPECT_EQ(e.error(), ENODEV);
+    EXPECT_NE(std::string(e.what()).find("SO_BINDTODEVICE nosuchdev0"), std::string::npos);
+  }
+  EXPECT_EQ(gone->mode(), Nelo::UdpPam::modeOff);
 }
 
 TEST(UdpPam, SystemCallFailureRaisesErrnoException) {
