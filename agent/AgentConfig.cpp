@@ -1,6 +1,7 @@
 #include "agent/AgentConfig.h"
 
 #include <yaml-cpp/depthguard.h>
+#include <yaml-cpp/eventhandler.h>
 #include <yaml-cpp/yaml.h>
 
 #include <cerrno>
@@ -392,16 +393,62 @@ class Parser {
 
 }  // namespace
 
+namespace {
+
+// Where the first node of each document of a stream is; the events themselves are not
+// needed.
+class DocumentStarts : public YAML::EventHandler {
+ public:
+  std::vector<YAML::Mark> starts;
+  void OnDocumentStart(const YAML::Mark& mark) override {
+    starts.push_back(mark);
+    fresh_ = true;
+  }
+  void OnDocumentEnd() override {}
+  void OnNull(const YAML::Mark& m, YAML::anchor_t) override { node(m); }
+  void OnAlias(const YAML::Mark& m, YAML::anchor_t) override { node(m); }
+  void OnScalar(const YAML::Mark& m, const std::string&, YAML::anchor_t,
+                const std::string&) override {
+    node(m);
+  }
+  void OnSequenceStart(const YAML::Mark& m, const std::string&, YAML::anchor_t,
+                       YAML::EmitterStyle::value) override {
+    node(m);
+  }
+  void OnSequenceEnd() override {}
+  void OnMapStart(const YAML::Mark& m, const std::string&, YAML::anchor_t,
+                  YAML::EmitterStyle::value) override {
+    node(m);
+  }
+  void OnMapEnd() override {}
+
+ private:
+  void node(const YAML::Mark& m) {
+    if (fresh_) starts.back() = m;
+    fresh_ = false;
+  }
+  bool fresh_ = false;
+};
+
+}  // namespace
+
 AgentConfig parseConfig(const std::string& yamlText, const std::string& fileName) {
   YAML::Node root;
   try {
-    std::vector<YAML::Node> docs = YAML::LoadAll(yamlText);
-    if (docs.size() > 1) {
-      const int line = docs[1].Mark().line;
+    // At most two documents are looked at: yaml-cpp's LoadAll never ends on some broken
+    // streams (a ',' at the top level yields empty documents without end, each one
+    // allocated), so a four-byte file would take all memory.
+    std::istringstream in(yamlText);
+    YAML::Parser parser(in);
+    DocumentStarts docs;
+    for (int i = 0; i < 2 && parser.HandleNextDocument(docs); ++i) {
+    }
+    if (docs.starts.size() > 1) {
+      const int line = docs.starts[1].line;
       throw ConfigError(fileName, line >= 0 ? line + 1 : 0, "",
                         "a second YAML document; the file holds one");
     }
-    if (!docs.empty()) root = docs[0];
+    if (!docs.starts.empty()) root = YAML::Load(yamlText);
   } catch (const YAML::DeepRecursion& e) {
     throw ConfigError(fileName, e.mark.line >= 0 ? e.mark.line + 1 : 0, "",
                       "nested deeper than " + std::to_string(e.depth() - 1) + " levels");

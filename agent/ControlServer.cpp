@@ -31,12 +31,28 @@ sockaddr_un addressOf(const std::string& path) {
   return a;
 }
 
-std::string joinWords(const std::vector<std::string>& words) {
+}  // namespace
+
+std::string controlRequestLine(const std::vector<std::string>& words) {
   std::string s;
   for (size_t i = 0; i < words.size(); ++i) s += (i ? "\t" : "") + words[i];
   return s + "\n";
 }
-}  // namespace
+
+std::optional<std::vector<std::string>> controlRequestWords(std::string_view received) {
+  const size_t nl = received.find('\n');
+  if (nl == std::string_view::npos) return std::nullopt;
+  const std::string_view line = received.substr(0, nl);
+  std::vector<std::string> words;
+  size_t pos = 0;
+  for (;;) {
+    const size_t tab = line.find('\t', pos);
+    words.emplace_back(line.substr(pos, tab == std::string_view::npos ? line.npos : tab - pos));
+    if (tab == std::string_view::npos) break;
+    pos = tab + 1;
+  }
+  return words;
+}
 
 ControlServer::ControlServer(Orrin::TaskScheduler& scheduler, std::string path,
                              std::optional<gid_t> group, Handler handler)
@@ -168,23 +184,14 @@ void ControlServer::handleClient(int fd) {
     closed = true;  // the client has sent all it will (a half-close) or failed
     break;
   }
-  const size_t nl = received.find('\n');
-  if (nl == std::string::npos) {
+  auto words = controlRequestWords(received);
+  if (!words) {
     // A client that half-closes after its request still gets its answer; one that closes
     // before a complete line is dropped.
     if (closed) closeClient(fd);
     return;
   }
-  std::vector<std::string> words;
-  const std::string line = received.substr(0, nl);
-  size_t pos = 0;
-  while (pos <= line.size()) {
-    size_t tab = line.find('\t', pos);
-    words.push_back(line.substr(pos, tab == std::string::npos ? std::string::npos : tab - pos));
-    if (tab == std::string::npos) break;
-    pos = tab + 1;
-  }
-  answer(fd, handler_(words));
+  answer(fd, handler_(*words));
 }
 
 // Sends one reply line and closes the client. A short reply on a fresh socket: one
@@ -235,7 +242,7 @@ std::optional<std::string> controlRequest(const std::string& path,
     ::close(fd);
     return std::nullopt;
   }
-  const std::string req = joinWords(words);
+  const std::string req = controlRequestLine(words);
   if (::write(fd, req.data(), req.size()) != static_cast<ssize_t>(req.size())) {
     if (error) *error = std::strerror(errno);
     ::close(fd);

@@ -14,6 +14,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/orrin/TaskScheduler.h"
@@ -58,6 +59,12 @@ class ControlServer {
   std::map<int, Client> clients_;
   Zub::Ptr<Orrin::TimerTask> expiry_;
 };
+
+// The request line for `words` (a word holds neither tab nor newline), and back: the
+// words of the text before the first newline, split at tabs; nullopt while no newline
+// has come.
+std::string controlRequestLine(const std::vector<std::string>& words);
+std::optional<std::vector<std::string>> controlRequestWords(std::string_view received);
 
 // Client side: sends one request and returns the reply line, or nullopt with the
 // reason in `error`.

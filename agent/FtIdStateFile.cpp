@@ -3,17 +3,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 namespace Agent {
 
 std::map<std::string, uint32_t> FtIdStateFile::load(std::string* warning) {
-  std::map<std::string, uint32_t> ids;
-  std::map<uint32_t, std::string> owners;  // an id belongs to the first line that names it
   auto unreadable = [&](int err) {
     readable_ = false;
     if (warning) {
@@ -27,25 +27,39 @@ std::map<std::string, uint32_t> FtIdStateFile::load(std::string* warning) {
   if (::stat(path_.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) return unreadable(EISDIR);
   std::ifstream in(path_);
   if (!in) {
-    if (errno == ENOENT) return ids;  // the first start
+    if (errno == ENOENT) return {};  // the first start
     return unreadable(errno);
   }
-  std::string line;
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (in.bad()) return unreadable(errno ? errno : EIO);
+  return parse(text, path_, warning);
+}
+
+std::map<std::string, uint32_t> FtIdStateFile::parse(std::string_view text, const std::string& path,
+                                                     std::string* warning) {
+  std::map<std::string, uint32_t> ids;
+  std::map<uint32_t, std::string> owners;  // an id belongs to the first line that names it
   int lineNo = 0;
-  while (std::getline(in, line)) {
+  for (size_t at = 0; at < text.size();) {
+    const size_t end = std::min(text.find('\n', at), text.size());
+    const std::string line(text.substr(at, end - at));
+    at = end + 1;
     ++lineNo;
     if (line.empty() || line[0] == '#') continue;
     size_t space = line.find(' ');
     unsigned long id = 0;
     bool ok = space != std::string::npos && space > 0 && space + 1 < line.size();
     if (ok) {
+      // Digits only (no sign, no blank, no NUL byte that would end strtoul early), and
+      // few enough that they cannot wrap.
       const std::string number = line.substr(0, space);
-      char* end = nullptr;
-      id = std::strtoul(number.c_str(), &end, 10);
-      ok = end && *end == '\0' && id >= 1 && id <= 65535;
+      ok = number.size() <= 9 &&
+           std::all_of(number.begin(), number.end(), [](char c) { return c >= '0' && c <= '9'; });
+      if (ok) id = std::strtoul(number.c_str(), nullptr, 10);
+      ok = ok && id >= 1 && id <= 65535;
     }
     if (!ok) {
-      if (warning) *warning += path_ + ":" + std::to_string(lineNo) + ": ignored malformed line\n";
+      if (warning) *warning += path + ":" + std::to_string(lineNo) + ": ignored malformed line\n";
       continue;
     }
     const std::string name = line.substr(space + 1);
@@ -55,7 +69,7 @@ std::map<std::string, uint32_t> FtIdStateFile::load(std::string* warning) {
       // and its tracker gets a fresh id.
       if (warning) {
         *warning +=
-            path_ + ":" + std::to_string(lineNo) + ": ignored line: " +
+            path + ":" + std::to_string(lineNo) + ": ignored line: " +
             (owner != owners.end() ? "id " + std::to_string(id) + " is " + owner->second + "'s"
                                    : "tracker " + name + " has an id already") +
             "\n";
@@ -65,8 +79,13 @@ std::map<std::string, uint32_t> FtIdStateFile::load(std::string* warning) {
     owners[static_cast<uint32_t>(id)] = name;
     ids[name] = static_cast<uint32_t>(id);
   }
-  if (in.bad() || (!in.eof() && in.fail())) return unreadable(errno ? errno : EIO);
   return ids;
+}
+
+std::string FtIdStateFile::text(const std::map<std::string, uint32_t>& ids) {
+  std::string out = "# flowexportd: tracker observation domain ids (FtId tracker)\n";
+  for (const auto& [name, id] : ids) out += std::to_string(id) + ' ' + name + '\n';
+  return out;
 }
 
 bool FtIdStateFile::save(const std::map<std::string, uint32_t>& ids, std::string* error) const {
@@ -84,8 +103,7 @@ bool FtIdStateFile::save(const std::map<std::string, uint32_t>& ids, std::string
       if (error) *error = "cannot write " + tmp + ": " + std::strerror(errno);
       return false;
     }
-    out << "# flowexportd: tracker observation domain ids (FtId tracker)\n";
-    for (const auto& [name, id] : ids) out << id << ' ' << name << '\n';
+    out << text(ids);
     out.flush();
     if (!out) {
       if (error) *error = "cannot write " + tmp + ": " + std::strerror(errno);

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 
 namespace Agent {
 
@@ -16,6 +17,13 @@ class FtIdStateFile {
   // too, and from then on save() refuses to replace it: the ids it holds are not lost
   // because of a permission or an I/O error.
   std::map<std::string, uint32_t> load(std::string* warning = nullptr);
+  // The assignment in a file's text (`path` names it in warnings): lines "<id> <name>"
+  // with ids 1..65535; malformed lines and repeated ids or names are skipped and
+  // described in `warning`.
+  static std::map<std::string, uint32_t> parse(std::string_view text, const std::string& path,
+                                               std::string* warning = nullptr);
+  // The file's text for an assignment, as save() writes it.
+  static std::string text(const std::map<std::string, uint32_t>& ids);
   // Writes the assignment atomically (a temporary file renamed over the old one).
   // Returns false with the reason in `error`.
   bool save(const std::map<std::string, uint32_t>& ids, std::string* error) const;

@@ -54,6 +54,10 @@ class KernelStatus {
   // other messages are ignored. Returns false (and changes nothing) for a message it
   // cannot read.
   bool apply(const nlmsghdr* nlh);
+  // Whether `len` bytes at `buf` are whole netlink messages, each header's length within
+  // what is left. libmnl trusts those lengths: one near 2^32 wraps its step to zero and
+  // it walks the same message forever.
+  static bool framed(const void* buf, size_t len);
   // Forgets everything, before a fresh dump.
   void clear();
 

@@ -110,6 +110,11 @@ bool KernelStatusSource::dump_(std::string* error) {
         ok = false;
         break;
       }
+      if (!KernelStatus::framed(buf.data(), static_cast<size_t>(n))) {
+        errno = EBADMSG;
+        ok = false;
+        break;
+      }
       rc = mnl_cb_run(buf.data(), static_cast<size_t>(n), seq, portId, applyOne, &fresh);
     }
     if (!ok || rc < 0) {
@@ -141,6 +146,13 @@ void KernelStatusSource::handleEvents_() {
       // Anything but "drained" leaves the socket's state unknown: dump again.
       if (errno != EAGAIN && errno != EWOULDBLOCK) overrun = true;
       break;
+    }
+    if (!KernelStatus::framed(buf.data(), static_cast<size_t>(n))) {
+      // Not what the kernel sends: nothing in it is trusted, and what it stood for is
+      // read again in a fresh dump.
+      GLINT(trace(), 1) << "kernel status: a malformed batch of " << n << " bytes";
+      overrun = true;
+      continue;
     }
     if (mnl_cb_run(buf.data(), static_cast<size_t>(n), 0, 0, applyOne, &status_) < 0) {
       GLINT(trace(), 1) << "kernel status: " << std::strerror(errno);

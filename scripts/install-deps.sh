@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake ninja-build pkg-config clang-format
+  build-essential cmake ninja-build pkg-config clang-format clang libclang-rt-dev
   libgtest-dev libgmock-dev libyaml-cpp-dev libsystemd-dev libmnl-dev dpkg-dev file adduser
   tshark libfixbuf-tools
 )

@@ -175,6 +175,8 @@ TEST(AgentConfig, RefusalsNameFileLineFieldAndTheModelsMessage) {
        "f.yaml:3: platform.vrfs.red: given twice"},
       {"flow-tracking: {enabled: true}\n---\nflow-tracking: {enabled: false}\n",
        "f.yaml:3: a second YAML document; the file holds one"},
+      // Found by fuzzing: yaml-cpp's LoadAll made empty documents of this without end.
+      {"\n,N?", "f.yaml:2: a second YAML document; the file holds one"},
       {"flow-tracking:\n  trackers:\n    - name: t1\n  interfaces:\n    Ethernet1: t-one\n",
        "f.yaml:5: flow-tracking.interfaces.Ethernet1: no tracker named t-one"},
       // Each tracker needs an observation domain id of 1..65535.

@@ -125,6 +125,18 @@ TEST_F(AgentTest, ARepeatedIdInTheStateFileIsDroppedNotFatal) {
   EXPECT_TRUE(logged);
 }
 
+TEST(FtIdStateFile, OnlyLinesOfDigitsABlankAndANameCount) {
+  // "4\0 x" was taken as id 4 (found by fuzzing): strtoul stopped at the NUL byte.
+  using namespace std::string_literals;
+  const std::string text = "4\0 x\n+5 plus\n-1 minus\n 6 blank\n"s +
+                           "99999999999999999999 wrap\n0 zero\n65536 big\n007 alpha\n8 \n";
+  std::string warning;
+  const auto ids = Agent::FtIdStateFile::parse(text, "ftids", &warning);
+  EXPECT_EQ(ids, (std::map<std::string, uint32_t>{{"alpha", 7}}));
+  EXPECT_EQ(std::count(warning.begin(), warning.end(), '\n'), 8) << warning;
+  EXPECT_EQ(Agent::FtIdStateFile::parse(Agent::FtIdStateFile::text(ids), "ftids"), ids);
+}
+
 TEST_F(AgentTest, TrackerIdsSurviveADisabledPeriod) {
   write("    - name: alpha\n", c1());
   auto agent = makeAgent();

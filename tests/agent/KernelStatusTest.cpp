@@ -174,6 +174,22 @@ TEST(KernelStatus, LinksAddressesBondsAndVrfsBecomeThePlatform) {
   EXPECT_EQ(described(k, names), after);
 }
 
+TEST(KernelStatus, OnlyWholeMessagesAreFramed) {
+  Msg a = Msg::link(RTM_NEWLINK, 2, "eth1", 1500, true);
+  Msg b = Msg::addr(RTM_NEWADDR, 2, "192.0.2.1", 24);
+  std::string batch(reinterpret_cast<const char*>(a.nlh), NLMSG_ALIGN(a.nlh->nlmsg_len));
+  batch.append(reinterpret_cast<const char*>(b.nlh), b.nlh->nlmsg_len);
+  EXPECT_TRUE(KernelStatus::framed(batch.data(), batch.size()));
+  EXPECT_FALSE(KernelStatus::framed(batch.data(), batch.size() - 1));  // cut short
+  EXPECT_FALSE(KernelStatus::framed(batch.data(), 10));                // not even a header
+  // Found by fuzzing: a length of 2^32 - 1 passes libmnl's check and wraps its step to
+  // zero, so it walked the same message forever.
+  batch.replace(0, 4, "\xff\xff\xff\xff", 4);
+  EXPECT_FALSE(KernelStatus::framed(batch.data(), batch.size()));
+  batch.replace(0, 4, std::string(4, '\0'));
+  EXPECT_FALSE(KernelStatus::framed(batch.data(), batch.size()));
+}
+
 // After lost events the agent dumps again into a fresh model and applies the result:
 // only the link that differs changes, every other status object stays as it was.
 TEST(KernelStatus, ARedumpAppliesOnlyWhatDiffers) {
