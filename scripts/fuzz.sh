@@ -19,7 +19,7 @@ cmake --build "$dir" --target fuzz >&2
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
   targets=(config_fuzz message_builder_fuzz options_records_fuzz stats_reader_fuzz
-           state_file_fuzz control_request_fuzz netlink_fuzz)
+           state_file_fuzz control_request_fuzz netlink_fuzz packet_parser_fuzz)
 fi
 mkdir -p "$dir/findings"
 for t in "${targets[@]}"; do

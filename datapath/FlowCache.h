@@ -1,0 +1,148 @@
+#pragma once
+// The software data path's flow cache: sampled packets aggregated into flow records by
+// their flow key, ended by the tracker's timeouts.
+//
+// - Open addressing over a power-of-two slot array (load at most one half), linear
+//   probing on a 32-bit tag before the record is touched, backward-shift deletion (no
+//   tombstones). The hash is keyed (SipHash-1-3 with a random key): keys come from the
+//   network, and a flood of colliding keys must not turn probing into a scan.
+// - Records live in a pool allocated once; nothing is allocated per packet.
+// - Two intrusive lists order the records: by last sample (idle expiry pops the head)
+//   and by record start (active expiry pops the head). A sample is O(1), a tick
+//   O(expired), and each tick does at most a budget of exports.
+//
+// End reasons, as IPFIX flowEndReason: 1 idle timeout (3 when a FIN or RST was seen), 2
+// active timeout (the record restarts: counters from zero, start now; a record that
+// then sees no sample ends silently), 4 forced end (flush), 5 lack of resources (the
+// cache was full: its least recently seen flow made room).
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace FlowTracking {
+
+// Compared as bytes: unused bytes are zero.
+struct FlowKey {
+  std::array<uint8_t, 16> src{};
+  std::array<uint8_t, 16> dst{};
+  uint32_t ingressIf = 0;
+  uint32_t vrfId = 0;
+  uint16_t srcPort = 0;
+  uint16_t dstPort = 0;
+  uint8_t protocol = 0;
+  uint8_t ipVersion = 0;
+  uint16_t pad = 0;
+  friend bool operator==(const FlowKey&, const FlowKey&) = default;
+};
+static_assert(sizeof(FlowKey) == 48);
+
+// What one sample adds to its flow.
+struct FlowSample {
+  uint32_t packets = 1;  // wire packets (segments)
+  uint64_t octets = 0;
+  uint8_t tos = 0;
+  uint8_t tcpFlags = 0;
+  uint32_t egressIf = 0;
+  int64_t wallMs = 0;  // when it was seen, wall time
+};
+
+enum FlowEndReason : uint8_t {
+  idleTimeout = 1,
+  activeTimeout = 2,
+  endOfFlow = 3,
+  forcedEnd = 4,
+  lackOfResources = 5,
+};
+
+struct FlowRecord {
+  FlowKey key;
+  uint64_t packets = 0;
+  uint64_t octets = 0;
+  int64_t firstWallMs = 0;
+  int64_t lastWallMs = 0;
+  int64_t lastSeenNs = 0;  // monotonic
+  int64_t startNs = 0;     // monotonic: when this record began
+  uint32_t egressIf = 0;
+  uint8_t tos = 0;
+  uint8_t tcpFlags = 0;   // OR of the samples' flags
+  bool finOrRst = false;  // a sample had FIN or RST: an idle end is reason 3
+  uint8_t pad_ = 0;
+  // List links (record indexes; kNone at the ends).
+  uint32_t idlePrev = 0, idleNext = 0, startPrev = 0, startNext = 0;
+};
+
+class FlowSink {
+ public:
+  virtual ~FlowSink() = default;
+  virtual void flowEnded(const FlowRecord& record, FlowEndReason reason) = 0;
+};
+
+class FlowCache {
+ public:
+  using Hash = uint64_t (*)(const FlowKey& key, const std::array<uint64_t, 2>& secret);
+  static uint64_t sipHash(const FlowKey& key, const std::array<uint64_t, 2>& secret);
+
+  struct Config {
+    uint32_t capacity = 65536;
+    int64_t idleTimeoutNs = 15'000'000'000;
+    int64_t activeTimeoutNs = 300'000'000'000;
+  };
+  // `hash` is for tests that force collisions; the secret is random unless given.
+  explicit FlowCache(const Config& config, Hash hash = &sipHash,
+                     const std::array<uint64_t, 2>* secret = nullptr);
+
+  // Adds a sample to its flow (a new one when there is none; when the cache is full
+  // its least recently seen flow ends first, reason 5). A flow past its active timeout
+  // ends (reason 2) and restarts with this sample.
+  void sample(const FlowKey& key, const FlowSample& s, int64_t nowNs, FlowSink& sink);
+  // Ends the flows whose timeouts have passed at `nowNs`, at most `budget` of them
+  // (records that end silently do not count). Returns whether more are due.
+  bool expire(int64_t nowNs, size_t budget, FlowSink& sink);
+  // Ends every flow (reason 4), at most `budget`; returns whether flows remain.
+  bool flush(size_t budget, FlowSink& sink);
+  // When the next flow falls due, or INT64_MAX for an empty cache.
+  int64_t nextDeadlineNs() const;
+
+  size_t size() const { return size_; }
+  uint32_t capacity() const { return config_.capacity; }
+  const Config& config() const { return config_; }
+  void timeoutsIs(int64_t idleNs, int64_t activeNs);
+  uint64_t evictions() const { return evictions_; }
+  const FlowRecord* find(const FlowKey& key) const;
+  // Bytes held per flow of capacity (record and slots).
+  static constexpr size_t kBytesPerFlow = sizeof(FlowRecord) + 2 * 8 + sizeof(uint32_t);
+
+ private:
+  static constexpr uint32_t kNone = 0xFFFFFFFF;
+  struct Slot {
+    uint32_t tag;   // the hash's upper half
+    uint32_t item;  // record index + 1; 0 empty
+  };
+  struct List {
+    uint32_t head = kNone, tail = kNone;
+  };
+  using Link = uint32_t FlowRecord::*;
+
+  uint32_t findSlot(const FlowKey& key, uint64_t h) const;
+  void remove(uint32_t index);
+  void end(uint32_t index, FlowEndReason reason, FlowSink& sink);
+  void restart(uint32_t index, int64_t nowNs);
+  void unlink(List& list, Link prev, Link next, uint32_t i);
+  void append(List& list, Link prev, Link next, uint32_t i);
+  uint64_t hashOf(const FlowKey& key) const { return hash_(key, secret_); }
+
+  Config config_;
+  Hash hash_;
+  std::array<uint64_t, 2> secret_;
+  uint64_t mask_;
+  std::vector<Slot> slots_;
+  std::vector<FlowRecord> records_;
+  std::vector<uint32_t> free_;
+  List idle_, started_;
+  size_t size_ = 0;
+  uint64_t evictions_ = 0;
+};
+
+}  // namespace FlowTracking
