@@ -13,6 +13,7 @@
 #include <optional>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "ipfix/DataExporter.h"
 #include "ipfix/FlowTrackingTypes.h"
@@ -81,11 +82,30 @@ class OptionsDataUpdate : public Zub::Entity {
   Update update_{TemplateId(TemplateId::invalidTemplateId), nullptr};
 };
 
+// Data records of the tracker's flow templates, ended by the software data path. Its
+// owner fills `records` and raises `version`; each exporter of the tracker sends them to
+// its collectors within that notification, through the path of the options data, so the
+// two share each collector's sequence number. The owner empties the batch right after.
+class FlowRecordBatch : public Zub::Entity {
+ public:
+  explicit FlowRecordBatch(const Zub::Name& ftName) : Entity(ftName) {}
+  using Record = std::pair<TemplateId, Zub::Ptr<const DataRecord>>;
+  std::vector<Record>& records() { return records_; }
+  const std::vector<Record>& records() const { return records_; }
+  ZUB_COUNTER(uint32_t, version)
+
+ private:
+  std::vector<Record> records_;
+};
+
 // What the exporters of one tracker read: the global and the tracker's own sources and
-// updates, each keyed by its scope. The same collections sit in several containers.
+// updates, each keyed by its scope, and the tracker's flow records. The same collections
+// sit in several containers.
 class OptionsDataContainer : public Zub::Entity {
  public:
-  explicit OptionsDataContainer(const Zub::Name& ftName) : Entity(ftName) {}
+  explicit OptionsDataContainer(const Zub::Name& ftName)
+      : Entity(ftName), flowRecords_(new FlowRecordBatch(ftName)) {}
+  const Zub::Ptr<FlowRecordBatch>& flowRecords() const { return flowRecords_; }
   ZUB_COLL(data, Zub::OrderedCollection<OptionsDataScope, Zub::Ptr<OptionsDataSourceColl>>)
   ZUB_COLL(update, Zub::OrderedCollection<OptionsDataScope, Zub::Ptr<OptionsDataUpdate>>)
   // Inserts a collection (update) under its scope; null is refused.
@@ -95,6 +115,9 @@ class OptionsDataContainer : public Zub::Entity {
   void updateIs(const Zub::Ptr<OptionsDataUpdate>& update) {
     update_.insert(update ? update->scope() : OptionsDataScope::scopeGlobal, update);
   }
+
+ private:
+  Zub::Ptr<FlowRecordBatch> flowRecords_;
 };
 
 // Puts `record` (null: nothing) in the place of `key`'s row; returns the row's previous

@@ -245,6 +245,7 @@ void OptionsDataExporterSm::handleInitialized() {
                                maybeBeginPeriodicTransmission();
                            });
   msgCacheValid_ = false;
+  watch(container_->flowRecords()->versionSignal(), [this] { sendFlowRecords(); });
   for (const Zub::String& name : expInfo_->collInfoColl().keys()) handleCollInfo_(name);
   // The sources are fixed from here on: only their records change.
   for (const auto& [scope, coll] : container_->dataColl()) {
@@ -393,6 +394,29 @@ void OptionsDataExporterSm::sendDataTables() {
       "sendDataTables", [&](Collector& c) { c.sendMessages(*expInfo_, *hwExpConfig_, msgCache_); });
   processing_ = false;
   maybeSchedulePeriodic();
+}
+
+// The data path's records, now, in as few messages as fit: to the collectors that have
+// their templates (the ready ones); a collector without them yet misses these records.
+void OptionsDataExporterSm::sendFlowRecords() {
+  const auto& records = container_->flowRecords()->records();
+  TRACE_SM(kEntry, "sendFlowRecords") << "records: " << records.size();
+  if (records.empty() || !txReady()) return;
+  BuilderWrapper b(maxMsgSize_(), ftId_.value());
+  b.startMsg();
+  for (const auto& [setId, record] : records) {
+    if (b.addSetRecord(setId, record) > 0) continue;
+    if (b.hasRecords()) {
+      sendMessageToCollectors(*b.finalizeMsg());
+      b.startMsg();
+    }
+    if (b.addSetRecord(setId, record) == 0) {
+      // Larger than a message of this exporter's MTU can carry: cannot be sent.
+      TRACE_SM(0, "sendFlowRecords") << "a record of " << record->dataLen()
+                                     << " bytes exceeds the message size " << maxMsgSize_();
+    }
+  }
+  if (b.hasRecords()) sendMessageToCollectors(*b.finalizeMsg());
 }
 
 void OptionsDataExporterSm::sendMessageToCollectors(const MessageWrapper& msg) {

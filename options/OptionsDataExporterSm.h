@@ -182,6 +182,7 @@ class OptionsDataExporterSm : public Zub::Reactor {
   void maybeBuildMsgCache();
   void sendDataTables();
   void sendMessageToCollectors(const MessageWrapper& msg);
+  void sendFlowRecords();
   void handleSrc4();
   void handleSrc6();
   void handleCollector4(const Zub::String& name);

@@ -15,8 +15,9 @@ using TestSupport::ExportWorld;
 using TestSupport::SentPkt;
 
 // Fixed-size records, so a test can count the records of a set from its length.
-constexpr uint32_t kIntfRecordLen = 8;  // ingressInterface, interfaceName "EtN" (1 + 3)
-constexpr uint32_t kFtRecordLen = 20;   // the flow tracker table's seven fields, name "T"
+constexpr uint32_t kIntfRecordLen = 8;   // ingressInterface, interfaceName "EtN" (1 + 3)
+constexpr uint32_t kFtRecordLen = 20;    // the flow tracker table's seven fields, name "T"
+constexpr uint32_t kFlowRecordLen = 61;  // an IPv4 flow record of template 261
 
 Zub::Ptr<const DataRecord> intfRecord(uint32_t ifindex) {
   Zub::Ptr<DataRecord> r(new DataRecord());
@@ -53,6 +54,7 @@ uint32_t recordsOf(const SentPkt& p) {
     const uint16_t len = Nelo::NetU16::read(b + 2);
     if (id == 257) n += (len - 4) / kIntfRecordLen;
     if (id == 259) n += (len - 4) / kFtRecordLen;
+    if (id == 261) n += (len - 4) / kFlowRecordLen;
     off += len;
   }
   return n;
@@ -266,6 +268,40 @@ TEST_P(OptionsExportTest, SequenceNumbersCountTheDataRecordsSentBefore) {
   EXPECT_EQ(dataMessages, 4u);  // table, update, period, update
   EXPECT_EQ(before, 4u + 1 + 4 + 2);
   EXPECT_EQ(info("a")->ipfixMsgSeqNo().value, before);
+}
+
+// Flow records from the data path go the options data's way: to the collectors that have
+// their templates, in messages within the MTU, numbered in one sequence with the tables.
+TEST_P(OptionsExportTest, FlowRecordsShareTheCollectorsSequenceNumbers) {
+  addCollector("a", 1);
+  auto batch = container->flowRecords();
+  for (int i = 0; i < 40; ++i) {
+    batch->records().emplace_back(
+        TemplateId(261), Zub::Ptr<const DataRecord>(
+                             new DataRecord(std::string(kFlowRecordLen, char('a' + i % 26)))));
+  }
+  batch->versionInc(1);
+  batch->records().clear();
+  globalUpdate->addUpdate(TemplateId(257), intfRecord(4));
+  w.advance(1);
+  std::vector<std::pair<uint32_t, uint32_t>> seqAndRecords;
+  for (const SentPkt& p : data()) {
+    EXPECT_LE(p.bytes.size(), 1452u);
+    seqAndRecords.emplace_back(seqOf(p), recordsOf(p));
+  }
+  // The table (3 interfaces, the tracker), the 40 records in two messages, the update.
+  EXPECT_EQ(seqAndRecords,
+            (std::vector<std::pair<uint32_t, uint32_t>>{{0, 4}, {4, 23}, {27, 17}, {44, 1}}));
+  EXPECT_EQ(info("a")->ipfixMsgSeqNo().value, 45u);
+  // Without a source of the family nothing goes, and nothing is counted.
+  sourceIs(false);
+  w.run();
+  batch->records().emplace_back(
+      TemplateId(261),
+      Zub::Ptr<const DataRecord>(new DataRecord(std::string(kFlowRecordLen, 'z'))));
+  batch->versionInc(1);
+  EXPECT_TRUE(data().empty());
+  EXPECT_EQ(info("a")->ipfixMsgSeqNo().value, 45u);
 }
 
 TEST_P(OptionsExportTest, ACollectorWhoseDestinationGoesIsDroppedAsStale) {
