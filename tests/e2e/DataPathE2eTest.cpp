@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "datapath/PacketSocketSource.h"
+#include "datapath/RouteLookup.h"
 #include "tests/support/Bytes.h"
 #include "tests/support/Decoders.h"
 #include "tests/support/Namespace.h"
@@ -131,6 +132,48 @@ TEST_F(DataPathE2e, OneInAHundredIsWithinFiveStandardDeviations) {
   const double mean = n / 100.0, sigma = std::sqrt(n * 0.01 * 0.99);
   EXPECT_NEAR(static_cast<double>(samples), mean, 5 * sigma) << samples << " samples";
   EXPECT_EQ(src.ringDrops(), 0u);
+}
+
+TEST_F(DataPathE2e, TheRouteOfAFlowIsAskedOnceAndKeptUntilRoutesChange) {
+  ip("addr add 10.10.0.1/24 dev s0");
+  ip("addr add 10.20.0.1/24 dev s1");
+  ip("route add 10.30.0.0/24 via 10.20.0.2 dev s1");
+  ASSERT_EQ(TestSupport::runCommand("sysctl -qw net.ipv4.ip_forward=1").status, 0);
+  std::vector<std::pair<uint16_t, uint32_t>> answers;
+  FlowTracking::RouteLookup routes(sched, [&](const FlowTracking::FlowKey& k, uint32_t oif) {
+    answers.emplace_back(k.srcPort, oif);
+  });
+  std::string error;
+  ASSERT_TRUE(routes.start(&error)) << error;
+  FlowTracking::FlowKey k;
+  k.ipVersion = 4;
+  k.protocol = 17;
+  k.src = {10, 10, 0, 9};
+  k.dst = {10, 30, 0, 5};
+  k.ingressIf = ::if_nametoindex("s0");
+  k.srcPort = 1;
+  EXPECT_EQ(routes.egress(k), 0u);  // not known yet: asked
+  k.srcPort = 2;
+  EXPECT_EQ(routes.egress(k), 0u);  // the same destination: waits for the same answer
+  EXPECT_EQ(routes.pending(), 1u);
+  runUntil([&] { return answers.size() == 2; });
+  const uint32_t s1 = ::if_nametoindex("s1");
+  EXPECT_EQ(answers, (std::vector<std::pair<uint16_t, uint32_t>>{{1, s1}, {2, s1}}));
+  EXPECT_EQ(routes.egress(k), s1);  // kept
+  // A local destination has no egress.
+  FlowTracking::FlowKey local = k;
+  local.dst = {10, 20, 0, 1};
+  routes.egress(local);
+  runUntil([&] { return answers.size() == 3; });
+  ASSERT_EQ(answers.size(), 3u);
+  EXPECT_EQ(answers.back().second, 0u);
+  // A route changes: what was kept is forgotten and asked again.
+  ip("route replace 10.30.0.0/24 via 10.10.0.2 dev s0");
+  runUntil([&] { return routes.cached() == 0; });
+  EXPECT_EQ(routes.egress(k), 0u);
+  runUntil([&] { return answers.size() == 4; });
+  ASSERT_EQ(answers.size(), 4u);
+  EXPECT_EQ(answers.back().second, ::if_nametoindex("s0"));
 }
 
 }  // namespace
