@@ -98,6 +98,11 @@ const FlowRecord* FlowCache::find(const FlowKey& key) const {
   return slot.item ? &records_[slot.item - 1] : nullptr;
 }
 
+void FlowCache::egressIs(const FlowKey& key, uint32_t egressIf) {
+  const Slot& slot = slots_[findSlot(key, hashOf(key))];
+  if (slot.item) records_[slot.item - 1].egressIf = egressIf;
+}
+
 void FlowCache::unlink(List& list, Link prev, Link next, uint32_t i) {
   FlowRecord& r = records_[i];
   (r.*prev == kNone ? list.head : records_[r.*prev].*next) = r.*next;

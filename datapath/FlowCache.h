@@ -111,6 +111,8 @@ class FlowCache {
   void timeoutsIs(int64_t idleNs, int64_t activeNs);
   uint64_t evictions() const { return evictions_; }
   const FlowRecord* find(const FlowKey& key) const;
+  // The egress interface of `key`'s flow, when it is in the cache.
+  void egressIs(const FlowKey& key, uint32_t egressIf);
   // Bytes held per flow of capacity (record and slots).
   static constexpr size_t kBytesPerFlow = sizeof(FlowRecord) + 2 * 8 + sizeof(uint32_t);
 

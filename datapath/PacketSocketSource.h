@@ -28,9 +28,18 @@ struct Sample {
   int64_t wallNs = 0;  // when the kernel received it
 };
 
-class PacketSocketSource {
+// Where samples come from: a packet socket, or what a test feeds.
+class SampleSource {
  public:
   using Handler = std::function<void(const Sample&)>;
+  virtual ~SampleSource() = default;
+  virtual bool start(std::string* error) = 0;
+  virtual bool sampleRateIs(uint32_t rate, std::string* error) = 0;
+  virtual uint64_t ringDrops() = 0;
+};
+
+class PacketSocketSource : public SampleSource {
+ public:
   struct Options {
     uint32_t ifindex = 0;
     uint32_t sampleRate = 1;  // one in this many packets
@@ -40,21 +49,21 @@ class PacketSocketSource {
     uint32_t blockTimeoutMs = 20;  // a block that is not full is handed over after this
   };
   PacketSocketSource(Orrin::TaskScheduler& scheduler, const Options& options, Handler handler);
-  ~PacketSocketSource();
+  ~PacketSocketSource() override;
   PacketSocketSource(const PacketSocketSource&) = delete;
   PacketSocketSource& operator=(const PacketSocketSource&) = delete;
 
   // Opens, filters, maps and binds the socket; false (and why in `error`) when that
   // fails, e.g. "Operation not permitted" without CAP_NET_RAW.
-  bool start(std::string* error);
+  bool start(std::string* error) override;
   bool started() const { return fd_ >= 0; }
   // Another rate: a new filter on the running socket.
-  bool sampleRateIs(uint32_t rate, std::string* error);
+  bool sampleRateIs(uint32_t rate, std::string* error) override;
   const Options& options() const { return options_; }
 
   uint64_t samples() const { return samples_; }
   // Samples the kernel had no room for in the ring (read from the socket and summed).
-  uint64_t ringDrops();
+  uint64_t ringDrops() override;
   // Reads whatever blocks the kernel has handed over (the loop calls it when readable).
   void drain();
 

@@ -1,0 +1,309 @@
+#include "datapath/DataPathSm.h"
+
+#include "platform/zub/Glint.h"
+#include "platform/zub/LogHandle.h"
+
+namespace FlowTracking {
+
+namespace {
+
+Zub::Glint::Facility& trace() {
+  static auto& f = Zub::Glint::facility("DataPath");
+  return f;
+}
+
+const Zub::LogHandle FLOWTRACKING_SAMPLING_FAILED(
+    "FLOWTRACKING_SAMPLING_FAILED", 3,
+    "Cannot sample interface %s for flow tracker %s (%s); its templates and options are still "
+    "sent. Retrying in %s s.",
+    "The software data path could not open the packet socket that samples the interface.",
+    "The agent needs CAP_NET_RAW to sample packets (AmbientCapabilities=CAP_NET_RAW).", 60.0, 1.0,
+    "FLOWTRACKING");
+const Zub::LogHandle FLOWTRACKING_SAMPLING(
+    "FLOWTRACKING_SAMPLING", 6, "Sampling interface %s for flow tracker %s, one packet in %s.",
+    "The software data path samples the interface's received packets.", Zub::NoActionRequired, 0.0,
+    1.0, "FLOWTRACKING");
+
+constexpr uint16_t kTemplateIpv4 = 261;
+constexpr uint16_t kTemplateIpv6 = 262;
+
+}  // namespace
+
+struct DataPathSm::Tracker {
+  Tracker(const FlowCache::Config& config, const Zub::Ptr<HwFlowTracking::FtConfig>& hw)
+      : cache(config), hw(hw) {}
+  FlowCache cache;
+  Zub::Ptr<HwFlowTracking::FtConfig> hw;
+  std::vector<FlowRecordBatch::Record> pending;
+};
+
+// Ended flows of one tracker, encoded for the template of their family.
+class DataPathSm::Sink : public FlowSink {
+ public:
+  Sink(DataPathSm& sm, Tracker& t) : sm_(sm), t_(t) {}
+  void flowEnded(const FlowRecord& r, FlowEndReason reason) override {
+    const uint16_t id = r.key.ipVersion == 4 ? kTemplateIpv4 : kTemplateIpv6;
+    auto& encoder = encoders_[r.key.ipVersion == 4 ? 0 : 1];
+    if (!encoder) {
+      auto status = sm_.hwStatus_->hwFtStatus(t_.hw->name());
+      auto group = status ? status->hwFgStatus(TemplateId(id)) : nullptr;
+      if (!group) {
+        ++sm_.unencoded_;  // the template is not published (yet): nothing to send it as
+        return;
+      }
+      encoder.emplace(*group);
+    }
+    t_.pending.emplace_back(TemplateId(id), encoder->encode(r, reason));
+  }
+
+ private:
+  DataPathSm& sm_;
+  Tracker& t_;
+  std::optional<FlowRecordEncoder> encoders_[2];
+};
+
+DataPathSm::DataPathSm(const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
+                       const Zub::Ptr<HwFlowTracking::Status>& hwStatus,
+                       const Zub::Ptr<IntfIndexMap>& intfIndexMap, VrfIdOf vrfIdOf,
+                       EgressOf egressOf, ContainerOf containerOf, Orrin::TaskScheduler& scheduler,
+                       Options options, SourceFactory sourceFactory)
+    : hwConfig_(hwConfig),
+      hwStatus_(hwStatus),
+      intfIndexMap_(intfIndexMap),
+      vrfIdOf_(std::move(vrfIdOf)),
+      egressOf_(std::move(egressOf)),
+      containerOf_(std::move(containerOf)),
+      scheduler_(scheduler),
+      options_(options),
+      sourceFactory_(std::move(sourceFactory)) {
+  watch(hwConfig_->hwFtConfigSignal(), [this](const Zub::Name& n) { handleTracker(n); });
+  watch(hwConfig_->hwIntfFtConfigSignal(), [this](const Nelo::IntfId& i) { handleIntf(i); });
+  watch(hwConfig_->sampleRateSignal(), [this] { handleSampleRate(); });
+  watch(intfIndexMap_->intfIndexSignal(), [this](const Nelo::IntfId& i) { handleIntf(i); });
+}
+
+void DataPathSm::handleInitialized() {
+  tick_ = new Orrin::TimerTask(scheduler_, "DataPathTick", 2, [this] { handleTick(); });
+  retryTask_ = new Orrin::TimerTask(scheduler_, "DataPathRetry", 2, [this] {
+    for (auto& [intf, port] : ports_) {
+      if (port.failed) startPort_(intf, port);
+    }
+  });
+  for (const Zub::Name& name : hwConfig_->hwFtConfigColl().keys()) handleTracker(name);
+  for (const Nelo::IntfId& intf : hwConfig_->hwIntfFtConfigColl().keys()) handleIntf(intf);
+}
+
+void DataPathSm::handleDestroyed() {
+  if (tick_) tick_->unschedule();
+  if (retryTask_) retryTask_->unschedule();
+  ports_.clear();
+}
+
+DataPathSm::Tracker* DataPathSm::tracker_(const Zub::Name& name) {
+  auto it = trackers_.find(name);
+  return it == trackers_.end() ? nullptr : it->second.get();
+}
+
+void DataPathSm::handleTracker(const Zub::Name& name) {
+  auto hw = hwConfig_->hwFtConfig(name);
+  Tracker* t = tracker_(name);
+  if (!hw) {
+    if (t) {
+      // The tracker goes: its flows end now, while its exporters may still send them.
+      Sink sink(*this, *t);
+      t->cache.flush(SIZE_MAX, sink);
+      publish_(*t);
+      trackers_.erase(name);
+      trackerSubs_.erase(name);
+    }
+    return;
+  }
+  const int64_t idle = int64_t{hw->inactiveTimeout().value()} * 1'000'000;
+  const int64_t active = int64_t{hw->activeInterval().value()} * 1'000'000;
+  if (!t || t->hw != hw) {
+    FlowCache::Config c;
+    c.capacity = options_.cacheCapacity;
+    c.idleTimeoutNs = idle;
+    c.activeTimeoutNs = active;
+    trackers_[name] = std::make_unique<Tracker>(c, hw);
+    // Timeouts follow the tracker's configuration.
+    trackerSubs_.erase(name);
+    watch(trackerSubs_, name, hw->inactiveTimeoutSignal(), [this, name] { handleTracker(name); });
+    watch(trackerSubs_, name, hw->activeIntervalSignal(), [this, name] { handleTracker(name); });
+  } else {
+    t->cache.timeoutsIs(idle, active);
+  }
+  scheduleTick_(false);
+}
+
+void DataPathSm::handleIntf(const Nelo::IntfId& intf) {
+  auto cfg = hwConfig_->hwIntfFtConfig(intf);
+  const uint32_t ifindex = intfIndexMap_->intfIndexHas(intf) ? intfIndexMap_->intfIndex(intf) : 0;
+  auto it = ports_.find(intf);
+  const bool wanted = cfg && ifindex != 0;
+  if (it != ports_.end()) {
+    const Port& p = it->second;
+    if (wanted && p.tracker == cfg->hwFtConfig()->name() && p.ifindex == ifindex) {
+      it->second.vrfId = vrfIdOf_ ? vrfIdOf_(intf) : 0;
+      return;
+    }
+    if (p.source) ringDropsGone_ += p.source->ringDrops();
+    ports_.erase(it);
+  }
+  if (!wanted) return;
+  Port& port = ports_[intf];
+  port.tracker = cfg->hwFtConfig()->name();
+  port.ifindex = ifindex;
+  port.vrfId = vrfIdOf_ ? vrfIdOf_(intf) : 0;
+  startPort_(intf, port);
+}
+
+void DataPathSm::startPort_(const Nelo::IntfId& intf, Port& port) {
+  const uint32_t rate = hwConfig_->sampleRate();
+  port.source = sourceFactory_(port.ifindex, rate, options_.snapLen,
+                               [this, intf](const Sample& s) { handleSample_(intf, s); });
+  std::string error;
+  if (port.source->start(&error)) {
+    port.failed = false;
+    FLOWTRACKING_SAMPLING.log(intf.name(), port.tracker, std::to_string(rate));
+    return;
+  }
+  port.source.reset();
+  if (!port.failed) {
+    FLOWTRACKING_SAMPLING_FAILED.log(intf.name(), port.tracker, error,
+                                     std::to_string(options_.retry.count()));
+  }
+  port.failed = true;
+  if (!retryTask_->scheduled()) retryTask_->scheduleTaskAfter(options_.retry);
+}
+
+void DataPathSm::handleSampleRate() {
+  // Records counted at the old rate end here (reason 4): none mixes two rates.
+  flushAll();
+  for (auto& [intf, port] : ports_) {
+    std::string error;
+    if (port.source && !port.source->sampleRateIs(hwConfig_->sampleRate(), &error)) {
+      GLINT(trace(), 0) << "sample rate of " << intf << ": " << error;
+    }
+  }
+}
+
+void DataPathSm::handleSample_(const Nelo::IntfId& intf, const Sample& s) {
+  auto pit = ports_.find(intf);
+  if (pit == ports_.end()) return;
+  Tracker* t = tracker_(pit->second.tracker);
+  if (!t) return;
+  ++samples_;
+  PacketInfo info;
+  const ParseResult r = parsePacket(s.frame, s.snapLen, s.wireLen, s.gso, s.vlan, info);
+  if (r != ParseResult::ok) {
+    if (r != ParseResult::notIp) ++parseErrors_;
+    return;
+  }
+  FlowKey key;
+  key.ipVersion = info.ipVersion;
+  key.protocol = info.protocol;
+  key.src = info.src;
+  key.dst = info.dst;
+  key.srcPort = info.srcPort;
+  key.dstPort = info.dstPort;
+  key.ingressIf = pit->second.ifindex;
+  key.vrfId = pit->second.vrfId;
+  FlowSample fs;
+  fs.packets = info.segments;
+  fs.octets = info.octets;
+  fs.tos = info.tos;
+  fs.tcpFlags = info.tcpFlags;
+  fs.wallMs = s.wallNs / 1'000'000;
+  const bool known = t->cache.find(key) != nullptr;
+  if (!known && egressOf_) fs.egressIf = egressOf_(key);
+  Sink sink(*this, *t);
+  t->cache.sample(key, fs, scheduler_.now(), sink);
+  if (!t->pending.empty()) publish_(*t);  // ended by the sample (active timeout, room)
+  scheduleTick_(false);
+}
+
+void DataPathSm::egressIs(const FlowKey& key, uint32_t egressIf) {
+  for (auto& [name, t] : trackers_) t->cache.egressIs(key, egressIf);
+}
+
+void DataPathSm::publish_(Tracker& t) {
+  if (t.pending.empty()) return;
+  if (auto container = containerOf_ ? containerOf_(t.hw->name()) : nullptr) {
+    auto batch = container->flowRecords();
+    batch->records().swap(t.pending);
+    batch->versionInc(1);
+    batch->records().clear();
+  }
+  t.pending.clear();
+}
+
+void DataPathSm::scheduleTick_(bool now) {
+  if (!tick_) return;
+  if (now) {
+    tick_->scheduleTaskAfter(std::chrono::nanoseconds(0));
+    return;
+  }
+  int64_t next = INT64_MAX;
+  for (const auto& [name, t] : trackers_) next = std::min(next, t->cache.nextDeadlineNs());
+  if (next == INT64_MAX) return;
+  // Not before the tick's period: expiry is gathered, not one flow per wake-up.
+  const int64_t at =
+      std::max(next, scheduler_.now() + std::chrono::nanoseconds(options_.tick).count());
+  tick_->scheduleTaskLowestDelay(std::chrono::nanoseconds(at - scheduler_.now()));
+}
+
+void DataPathSm::handleTick() {
+  size_t left = options_.batch;
+  bool more = false;
+  const int64_t now = scheduler_.now();
+  for (auto& [name, t] : trackers_) {
+    Sink sink(*this, *t);
+    const size_t before = t->pending.size();
+    more = t->cache.expire(now, left, sink) || more;
+    const size_t ended = t->pending.size() - before;
+    left = ended < left ? left - ended : 0;
+    publish_(*t);
+  }
+  scheduleTick_(more);
+}
+
+void DataPathSm::flushAll() {
+  for (auto& [name, t] : trackers_) {
+    Sink sink(*this, *t);
+    while (t->cache.flush(options_.batch, sink)) publish_(*t);
+    publish_(*t);
+  }
+}
+
+uint64_t DataPathSm::ringDrops() {
+  uint64_t n = ringDropsGone_;
+  for (auto& [intf, port] : ports_) {
+    if (port.source) n += port.source->ringDrops();
+  }
+  return n;
+}
+
+size_t DataPathSm::flows(const Zub::Name& tracker) const {
+  auto it = trackers_.find(tracker);
+  return it == trackers_.end() ? 0 : it->second->cache.size();
+}
+
+size_t DataPathSm::sources() const {
+  size_t n = 0;
+  for (const auto& [intf, port] : ports_) n += port.source ? 1 : 0;
+  return n;
+}
+
+DataPathSm::SourceFactory packetSocketSources(Orrin::TaskScheduler& scheduler) {
+  return [&scheduler](uint32_t ifindex, uint32_t rate, uint32_t snapLen,
+                      SampleSource::Handler handler) -> std::unique_ptr<SampleSource> {
+    PacketSocketSource::Options o;
+    o.ifindex = ifindex;
+    o.sampleRate = rate;
+    o.snapLen = snapLen;
+    return std::make_unique<PacketSocketSource>(scheduler, o, std::move(handler));
+  };
+}
+
+}  // namespace FlowTracking

@@ -1,0 +1,122 @@
+#pragma once
+// The software data path: samples of the tracked interfaces' received packets, one flow
+// cache per tracker, and the ended flows as data records of the tracker's templates 261
+// (IPv4) and 262 (IPv6), handed to its exporters (through the options data's path, so
+// that they share each collector's sequence number).
+//
+// - An interface tracked by a tracker gets a sample source at the hardware's sample
+//   rate, bound to the interface's index (the kernel's, with the kernel as the status
+//   source).
+// - A sample is parsed, keyed (addresses, protocol, ports, ingress interface and its
+//   VRF) and added to its tracker's cache; a new flow asks the route of its packets for
+//   the egress interface.
+// - A tick ends the flows whose timeouts have passed, at most `batch` per tick: if more
+//   are due the next tick comes at once, so the loop is never held.
+// - A new sample rate, or the agent stopping, ends every flow (reason 4): no record
+//   mixes two rates. A tracker that goes away takes its flows with it.
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "config/HwFlowTrackingConfig.h"
+#include "config/HwFlowTrackingStatus.h"
+#include "datapath/FlowCache.h"
+#include "datapath/FlowRecordEncoder.h"
+#include "datapath/PacketSocketSource.h"
+#include "options/OptionsDataExporter.h"
+#include "options/OptionsDataSourceIntfTableSm.h"
+#include "platform/orrin/TaskScheduler.h"
+#include "platform/zub/Entity.h"
+
+namespace FlowTracking {
+
+class DataPathSm : public Zub::Reactor {
+ public:
+  struct Options {
+    uint32_t cacheCapacity = 65536;  // flows per tracker (about 9 MiB)
+    size_t batch = 2048;             // flows ended per tick at most
+    std::chrono::milliseconds tick{250};
+    uint32_t snapLen = 192;
+    std::chrono::seconds retry{30};  // a source that could not start is tried again
+  };
+  using SourceFactory = std::function<std::unique_ptr<SampleSource>(
+      uint32_t ifindex, uint32_t rate, uint32_t snapLen, SampleSource::Handler handler)>;
+  // The VRF id of an interface (0 for the default VRF or none).
+  using VrfIdOf = std::function<uint32_t(const Nelo::IntfId&)>;
+  // The egress of a flow when known (0 otherwise; `egressIs` tells it later).
+  using EgressOf = std::function<uint32_t(const FlowKey&)>;
+  // The exporters' container of a tracker (null when it has none yet).
+  using ContainerOf = std::function<Zub::Ptr<OptionsDataContainer>(const Zub::Name&)>;
+
+  DataPathSm(const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
+             const Zub::Ptr<HwFlowTracking::Status>& hwStatus,
+             const Zub::Ptr<IntfIndexMap>& intfIndexMap, VrfIdOf vrfIdOf, EgressOf egressOf,
+             ContainerOf containerOf, Orrin::TaskScheduler& scheduler, Options options,
+             SourceFactory sourceFactory);
+  void handleInitialized() override;
+  void handleDestroyed() override;
+
+  // The route lookup answered for a new flow.
+  void egressIs(const FlowKey& key, uint32_t egressIf);
+  // Ends every flow now (the agent stops).
+  void flushAll();
+
+  void handleTracker(const Zub::Name& name);
+  void handleIntf(const Nelo::IntfId& intf);
+  void handleSampleRate();
+  void handleTick();
+
+  // Counters.
+  uint64_t samples() const { return samples_; }
+  uint64_t parseErrors() const { return parseErrors_; }
+  uint64_t unencoded() const { return unencoded_; }
+  uint64_t ringDrops();
+  size_t flows(const Zub::Name& tracker) const;
+  size_t sources() const;
+  const Zub::Ptr<Orrin::TimerTask>& tickTask() const { return tick_; }
+
+ private:
+  struct Tracker;
+  struct Port {
+    Zub::Name tracker;
+    uint32_t ifindex = 0;
+    uint32_t vrfId = 0;
+    std::unique_ptr<SampleSource> source;
+    bool failed = false;  // the last start failed (logged once)
+  };
+  class Sink;
+
+  void handleSample_(const Nelo::IntfId& intf, const Sample& s);
+  void startPort_(const Nelo::IntfId& intf, Port& port);
+  void publish_(Tracker& t);
+  Tracker* tracker_(const Zub::Name& name);
+  void scheduleTick_(bool now);
+
+  Zub::Ptr<HwFlowTracking::Config> hwConfig_;
+  Zub::Ptr<HwFlowTracking::Status> hwStatus_;
+  Zub::Ptr<IntfIndexMap> intfIndexMap_;
+  VrfIdOf vrfIdOf_;
+  EgressOf egressOf_;
+  ContainerOf containerOf_;
+  Orrin::TaskScheduler& scheduler_;
+  Options options_;
+  SourceFactory sourceFactory_;
+  std::map<Zub::Name, std::unique_ptr<Tracker>> trackers_;
+  Zub::KeyedSubscriptions<Zub::Name> trackerSubs_;
+  std::map<Nelo::IntfId, Port> ports_;
+  Zub::Ptr<Orrin::TimerTask> tick_;
+  Zub::Ptr<Orrin::TimerTask> retryTask_;
+  uint64_t samples_ = 0;
+  uint64_t parseErrors_ = 0;
+  uint64_t unencoded_ = 0;
+  uint64_t ringDropsGone_ = 0;  // of sources that no longer exist
+};
+
+// Packet sockets.
+DataPathSm::SourceFactory packetSocketSources(Orrin::TaskScheduler& scheduler);
+
+}  // namespace FlowTracking

@@ -1,0 +1,228 @@
+// The data path reactor on a manual clock with a fake sample source and recording
+// endpoints: samples become records of template 261 that reach the collector after its
+// templates, numbered in one sequence with the options data; a source that cannot start
+// is logged once and retried; expiry goes in bounded batches; a tracker that goes ends
+// its flows; a new sample rate ends the flows counted at the old one.
+
+#include <gtest/gtest.h>
+
+#include "datapath/DataPathSm.h"
+#include "options/OptionsDataExporterSm.h"
+#include "platform/nelo/IpfixHeaders.h"
+#include "platform/zub/LogHandle.h"
+#include "tests/support/Bytes.h"
+#include "tests/support/ExportWorld.h"
+
+namespace {
+
+using namespace FlowTracking;
+using RT = Ipfix::RecordType;
+using TestSupport::ExportWorld;
+using TestSupport::hexBytes;
+using TestSupport::SentPkt;
+
+struct FakeSource : SampleSource {
+  Handler handler;
+  bool fail = false;
+  uint32_t rate = 0;
+  bool start(std::string* error) override {
+    if (fail) *error = "Operation not permitted";
+    return !fail;
+  }
+  bool sampleRateIs(uint32_t r, std::string*) override {
+    rate = r;
+    return true;
+  }
+  uint64_t ringDrops() override { return 0; }
+};
+
+std::vector<TestSupport::FieldSpec> fields4() {
+  return {{RT::srcIp, 4},
+          {RT::dstIp, 4},
+          {RT::ipProtocol, 1},
+          {RT::srcL4Port, 2},
+          {RT::dstL4Port, 2},
+          {RT::ingressInterface, 4},
+          {RT::vrfId, 4},
+          {RT::ipClassOfService, 1},
+          {RT::tcpControlBits, 2},
+          {RT::egressInterface, 4},
+          {RT::byteCount, 8},
+          {RT::packetCount, 8},
+          {RT::timeStampFlowStart, 8},
+          {RT::timeStampFlowEnd, 8},
+          {RT::flowEndReason, 1}};
+}
+
+// An IPv4 UDP frame 192.0.2.1:`sport` -> 198.51.100.2:53 with 100 bytes of payload.
+std::string frame(uint16_t sport) {
+  std::string f = hexBytes("020000000002 020000000001 0800 4510 0080 0001 0000 4011 0000");
+  f += hexBytes("c0000201 c6336402");
+  f += std::string{char(sport >> 8), char(sport & 0xFF)} + hexBytes("0035 006c 0000");
+  return f + std::string(100, 'x');
+}
+
+uint16_t firstSetOf(const SentPkt& p) {
+  return Nelo::NetU16::read(reinterpret_cast<const uint8_t*>(p.bytes.data()) + 16);
+}
+uint32_t seqOf(const SentPkt& p) {
+  return Nelo::NetU32::read(reinterpret_cast<const uint8_t*>(p.bytes.data()) + 8);
+}
+
+class DataPathSmTest : public ::testing::Test {
+ protected:
+  ExportWorld w;
+  Zub::Ptr<OptionsDataContainer> container{new OptionsDataContainer("T")};
+  Zub::Ptr<OptionsDataSourceColl> global{new OptionsDataSourceColl(OptionsDataScope::scopeGlobal)};
+  Zub::Ptr<IntfIndexMap> intfIndexMap{new IntfIndexMap()};
+  Zub::Ptr<OptionsDataExporterSm> exporterSm;
+  Zub::Ptr<DataPathSm> sm;
+  std::vector<FakeSource*> sources;
+  bool failSources = false;
+  DataPathSm::Options options;
+
+  void SetUp() override {
+    auto hw = w.exporter("T", 7, "E", "10.0.0.1");
+    hw->ipfixMtuIs(IpfixMtu(1500));
+    auto ft = w.hwConfig->hwFtConfig("T");
+    ft->activeIntervalIs(ActiveInterval(60000));
+    ft->inactiveTimeoutIs(InactiveTimeout(15000));
+    w.hwConfig->sampleRateIs(1);
+    w.flowGroup("T", 261, fields4());
+    container->dataIs(global);
+    auto table = global->sourceIs("InterfaceTable", TemplateId(257));
+    table->dataRecordIs(Zub::Ptr<const DataRecord>(new DataRecord(hexBytes("00000005 01 45"))));
+    table->versionInc(1);
+    intfIndexMap->intfIs(Nelo::IntfId("Ethernet1"), 5);
+    w.hwConfig->hwIntfFtConfigIs(Nelo::IntfId("Ethernet1"), ft);
+    w.start();
+    exporterSm = Zub::makeReactor<OptionsDataExporterSm>("E", "T", FtId(7), ft, hw,
+                                                         w.info->ftInfo("T")->expInfo("E"),
+                                                         w.stats.get(), container, w.sched);
+  }
+  void startDataPath() {
+    sm = Zub::makeReactor<DataPathSm>(
+        w.hwConfig, w.hwStatus, intfIndexMap, [](const Nelo::IntfId&) { return 3u; },
+        [](const FlowKey&) { return 9u; },
+        [this](const Zub::Name& n) { return n == "T" ? container : nullptr; }, w.sched, options,
+        [this](uint32_t ifindex, uint32_t rate, uint32_t, SampleSource::Handler h) {
+          EXPECT_EQ(ifindex, 5u);
+          auto s = std::make_unique<FakeSource>();
+          s->handler = std::move(h);
+          s->rate = rate;
+          s->fail = failSources;
+          sources.push_back(s.get());
+          return s;
+        });
+  }
+  void sample(uint16_t sport) {
+    const std::string f = frame(sport);
+    Sample s;
+    s.frame = reinterpret_cast<const uint8_t*>(f.data());
+    s.snapLen = s.wireLen = static_cast<uint32_t>(f.size());
+    s.ifindex = 5;
+    s.wallNs = w.clock.wallNs();
+    sources.back()->handler(s);
+  }
+  // The records of set 261 sent since the last call, as hex, and the messages' numbers.
+  std::vector<std::string> records(std::vector<uint32_t>* seqs = nullptr) {
+    std::vector<std::string> out;
+    for (const SentPkt& p : w.recorder.take()) {
+      if (firstSetOf(p) != 261) continue;
+      if (seqs) seqs->push_back(seqOf(p));
+      const uint16_t len =
+          Nelo::NetU16::read(reinterpret_cast<const uint8_t*>(p.bytes.data()) + 18);
+      for (size_t at = 20; at + 61 <= 16u + len; at += 61) {
+        out.push_back(TestSupport::toHex(p.bytes.substr(at, 61)));
+      }
+    }
+    return out;
+  }
+};
+
+TEST_F(DataPathSmTest, SamplesBecomeRecordsSentAfterTheTemplatesInTheOptionsSequence) {
+  startDataPath();
+  ASSERT_EQ(sources.size(), 1u);
+  w.collector4("T", "E", "a", "192.0.2.9", 4739);
+  w.run();
+  w.recorder.take();  // templates and the interface table (one record)
+  const int64_t startMs = w.clock.wallNs() / 1'000'000;
+  sample(1000);
+  w.advance(2);
+  sample(1000);
+  sample(2000);
+  w.advance(15 - 0.001);  // the first flow was seen 2 s in: 1 ms short of its idle end
+  EXPECT_TRUE(records().empty());
+  w.advance(0.25);
+  std::vector<uint32_t> seqs;
+  const auto got = records(&seqs);
+  ASSERT_EQ(got.size(), 2u);
+  const auto ms = [](int64_t v) {
+    char b[17];
+    std::snprintf(b, sizeof b, "%016llx", static_cast<unsigned long long>(v));
+    return std::string(b);
+  };
+  // 192.0.2.1:1000 -> 198.51.100.2:53 UDP in on 5 (VRF 3), out on 9, ToS 0x10, 2 packets of
+  // 128 bytes, idle end.
+  EXPECT_EQ(got[0], TestSupport::toHex(hexBytes("c0000201 c6336402 11 03e8 0035 00000005 00000003"
+                                                "10 0000 00000009 0000000000000100"
+                                                "0000000000000002" +
+                                                ms(startMs) + ms(startMs + 2000) + "01")));
+  EXPECT_EQ(got[1].substr(0, 24), TestSupport::toHex(hexBytes("c0000201 c6336402 11 07d0")));
+  // After the table's one record.
+  EXPECT_EQ(seqs, (std::vector<uint32_t>{1}));
+  EXPECT_EQ(w.collInfo("T", "E", "a")->ipfixMsgSeqNo().value, 3u);
+  EXPECT_EQ(sm->samples(), 3u);
+  EXPECT_EQ(sm->flows("T"), 0u);
+}
+
+TEST_F(DataPathSmTest, ASourceThatCannotStartIsLoggedOnceAndRetried) {
+  Zub::LogCapture logs;
+  failSources = true;
+  startDataPath();
+  EXPECT_EQ(sm->sources(), 0u);
+  w.advance(30);
+  w.advance(30);
+  const std::string failed =
+      "FLOWTRACKING_SAMPLING_FAILED: Cannot sample interface Ethernet1 for flow tracker T "
+      "(Operation not permitted); its templates and options are still sent. Retrying in 30 s.";
+  const auto lines = logs.lines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), failed), 1);
+  failSources = false;
+  w.advance(30);
+  EXPECT_EQ(sm->sources(), 1u);
+  EXPECT_EQ(logs.lines().back(),
+            "FLOWTRACKING_SAMPLING: Sampling interface Ethernet1 for flow tracker T, one packet "
+            "in 1.");
+  // A new rate reaches the running source.
+  w.hwConfig->sampleRateIs(1000);
+  EXPECT_EQ(sources.back()->rate, 1000u);
+}
+
+TEST_F(DataPathSmTest, ExpiryGoesInBatchesAndANewRateEndsTheFlows) {
+  options.batch = 2;
+  startDataPath();
+  w.collector4("T", "E", "a", "192.0.2.9", 4739);
+  w.run();
+  w.recorder.take();
+  for (uint16_t p = 1; p <= 5; ++p) sample(p);
+  w.advance(15);  // all five are due: two per tick, the next tick at once
+  EXPECT_EQ(records().size(), 5u);
+  sample(7);
+  sample(8);
+  EXPECT_EQ(sm->flows("T"), 2u);
+  // Another sample rate: the flows counted at the old one end now.
+  w.hwConfig->sampleRateIs(100);
+  const auto ended = records();
+  ASSERT_EQ(ended.size(), 2u);
+  EXPECT_EQ(ended[0].substr(ended[0].size() - 2), "04");  // forced end
+  EXPECT_EQ(sources.back()->rate, 100u);
+  // A tracker that goes takes its flows with it.
+  sample(9);
+  w.hwConfig->hwIntfFtConfigDel(Nelo::IntfId("Ethernet1"));
+  EXPECT_EQ(sm->sources(), 0u);
+  w.hwConfig->hwFtConfigDel("T");
+  EXPECT_EQ(sm->flows("T"), 0u);
+}
+
+}  // namespace
