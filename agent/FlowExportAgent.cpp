@@ -120,8 +120,50 @@ void FlowExportAgent::start() {
         [this](const std::vector<std::string>& w) { return handleControl(w); });
   }
   if (!options_.configFile.empty()) watchConfigFile_();
+  dataPathIs_(cfg.platformSource == PlatformSource::kernel);
   FLOWEXPORT_CONFIG_LOADED.log(options_.configFile.empty() ? "(embedded default)"
                                                            : options_.configFile);
+}
+
+void FlowExportAgent::dataPathIs_(bool on) {
+  if (!on) {
+    if (dataPathSm_) dataPathSm_->flushAll();
+    dataPathSm_ = nullptr;
+    routes_.reset();
+    return;
+  }
+  if (dataPathSm_ || !optionsDataManagerSm_) return;
+  routes_ = std::make_unique<FlowTracking::RouteLookup>(
+      scheduler(), [this](const FlowTracking::FlowKey& key, uint32_t egressIf) {
+        if (dataPathSm_) dataPathSm_->egressIs(key, egressIf);
+      });
+  std::string error;
+  if (!routes_->start(&error)) {
+    // Flows still go, without their egress interface.
+    GLINT(trace(), 0) << "route lookups: " << error;
+    routes_.reset();
+  }
+  FlowTracking::DataPathSm::Options dataPathOptions;
+  dataPathOptions.sampleRate = options_.testSampleRate;
+  dataPathSm_ = Zub::makeReactor<FlowTracking::DataPathSm>(
+      hwConfig_, hwStatus_, status_.intfIndexMap,
+      [this](const Nelo::IntfId& intf) { return vrfIdOf_(intf); },
+      [this](const FlowTracking::FlowKey& key) { return routes_ ? routes_->egress(key) : 0; },
+      [this](const Zub::Name& tracker) -> Zub::Ptr<FlowTracking::OptionsDataContainer> {
+        const auto& all = optionsDataManagerSm_->dataContainer();
+        auto it = all.find(tracker);
+        return it == all.end() ? nullptr : it->second;
+      },
+      scheduler(), dataPathOptions, FlowTracking::packetSocketSources(scheduler()));
+}
+
+uint32_t FlowExportAgent::vrfIdOf_(const Nelo::IntfId& intf) const {
+  auto l3 = status_.l3.find(intf);
+  if (l3 == status_.l3.end() || !l3->second) return 0;
+  for (const auto& [id, name] : status_.vrfIdMap->vrfIdToNameColl()) {
+    if (name == l3->second->vrf()) return id;
+  }
+  return 0;
 }
 
 bool FlowExportAgent::reload() {
@@ -152,6 +194,7 @@ bool FlowExportAgent::reload() {
   }
   applyPlatformFrom_(cfg);
   applyFlowTracking(config_, cfg);
+  dataPathIs_(cfg.platformSource == PlatformSource::kernel);
   appliedText_ = std::move(text);
   FLOWEXPORT_CONFIG_LOADED.log(options_.configFile);
   return true;
@@ -163,6 +206,8 @@ void FlowExportAgent::shutdown() {
   // The ids stay as they were: a restart gives every tracker the same one again.
   stateSubs_.clear();
   if (saveTask_) saveTask_->unschedule();
+  // The flows in the data path end now (reason 4), while their exporters still send.
+  if (dataPathSm_) dataPathSm_->flushAll();
   config_->enabledIs(false);
   if (configSm_) configSm_->handleShutdown(this);
   exitIs(true);
@@ -200,6 +245,17 @@ std::string FlowExportAgent::handleControl(const std::vector<std::string>& words
     req.reqTime = Zub::System::now();
     configReq_->clearCountersIs(req);
     return "ok";
+  }
+  if (words[0] == "datapath") {
+    if (!dataPathSm_)
+      return "error: the software data path is off (it needs platform source kernel)";
+    size_t flows = 0;
+    for (const auto& [name, ft] : hwConfig_->hwFtConfigColl()) flows += dataPathSm_->flows(name);
+    return "ok sources " + std::to_string(dataPathSm_->sources()) + " samples " +
+           std::to_string(dataPathSm_->samples()) + " flows " + std::to_string(flows) +
+           " parse-errors " + std::to_string(dataPathSm_->parseErrors()) + " ring-drops " +
+           std::to_string(dataPathSm_->ringDrops()) + " unencoded " +
+           std::to_string(dataPathSm_->unencoded());
   }
   return "error: unknown request '" + words[0] + "'";
 }

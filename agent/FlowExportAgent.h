@@ -18,6 +18,8 @@
 #include "agent/InstanceLock.h"
 #include "agent/KernelStatusSource.h"
 #include "agent/SwStatusPublisherSm.h"
+#include "datapath/DataPathSm.h"
+#include "datapath/RouteLookup.h"
 #include "export/FlowTrackerTemplateSm.h"
 #include "ipfix/IpfixSm.h"
 #include "options/OptionsDataManagerSm.h"
@@ -36,6 +38,8 @@ struct AgentOptions {
   std::string statsName = Stova::Ipfix::CollectorStatistics::kShmName;
   std::string controlSocket;  // empty: no control socket
   std::optional<gid_t> controlGroup;
+  // The software data path samples one in this many, not the configured rate (tests).
+  std::optional<uint32_t> testSampleRate;
 };
 
 class FlowExportAgent : public Hollin::CAgent {
@@ -99,6 +103,12 @@ class FlowExportAgent : public Hollin::CAgent {
   // The kernel as the status source (platform source: kernel), its names map, and the
   // retry after it could not be opened.
   std::unique_ptr<KernelStatusSource> kernel_;
+  // The software data path (with the kernel as the status source): the flows of the
+  // tracked interfaces, and the route lookup that names their egress interfaces.
+  void dataPathIs_(bool on);
+  uint32_t vrfIdOf_(const Nelo::IntfId& intf) const;
+  std::unique_ptr<FlowTracking::RouteLookup> routes_;
+  Zub::Ptr<FlowTracking::DataPathSm> dataPathSm_;
   std::map<std::string, std::string> kernelNames_;
   Zub::Ptr<Orrin::TimerTask> kernelRetry_;
 

@@ -34,6 +34,8 @@ int usage(FILE* out, int rc) {
                "       flowexportctl --help | --version\n"
                "  show collectors [--json | --format table|json|prometheus]\n"
                "                                      export statistics per collector\n"
+               "  show datapath                       the software data path's counters (sources,\n"
+               "                                      samples, flows, parse errors, ring drops)\n"
                "  clear counters [TRACKER [EXPORTER]] reset them (all, one tracker, or one\n"
                "                                      exporter of a tracker)\n");
   return rc;
@@ -88,6 +90,33 @@ int showCollectors(const std::string& statsName, Agent::StatsFormat format) {
   return rc;
 }
 
+// The software data path's counters, one per line.
+int showDataPath(const std::string& socket) {
+  std::string error;
+  auto reply = Agent::controlRequest(socket, {"datapath"}, &error);
+  if (!reply) {
+    std::fprintf(stderr, "flowexportctl: cannot reach flowexportd at %s: %s (is it running?)\n",
+                 socket.c_str(), error.c_str());
+    return 1;
+  }
+  if (reply->rfind("ok ", 0) != 0) {
+    std::fprintf(stderr, "flowexportctl: %s\n", Zub::printable(*reply).c_str());
+    return 1;
+  }
+  // "ok name value name value ...": a table of names and values.
+  std::vector<std::string> words;
+  for (size_t at = 3; at < reply->size();) {
+    const size_t end = std::min(reply->find(' ', at), reply->size());
+    words.push_back(reply->substr(at, end - at));
+    at = end + 1;
+  }
+  for (size_t i = 0; i + 1 < words.size(); i += 2) {
+    std::printf("%-14s %s\n", Zub::printable(words[i]).c_str(),
+                Zub::printable(words[i + 1]).c_str());
+  }
+  return 0;
+}
+
 int clearCounters(const std::string& socket, const std::vector<std::string>& names) {
   std::vector<std::string> words = {"clear-counters"};
   words.insert(words.end(), names.begin(), names.end());
@@ -134,6 +163,7 @@ int main(int argc, char** argv) {
       if (args[3] == "prometheus") return showCollectors(statsName, Agent::StatsFormat::prometheus);
     }
   }
+  if (args.size() == 2 && args[0] == "show" && args[1] == "datapath") return showDataPath(socket);
   if (args.size() >= 2 && args.size() <= 4 && args[0] == "clear" && args[1] == "counters") {
     return clearCounters(socket, std::vector<std::string>(args.begin() + 2, args.end()));
   }

@@ -159,7 +159,7 @@ void DataPathSm::handleIntf(const Nelo::IntfId& intf) {
 }
 
 void DataPathSm::startPort_(const Nelo::IntfId& intf, Port& port) {
-  const uint32_t rate = hwConfig_->sampleRate();
+  const uint32_t rate = options_.sampleRate.value_or(hwConfig_->sampleRate());
   port.source = sourceFactory_(port.ifindex, rate, options_.snapLen,
                                [this, intf](const Sample& s) { handleSample_(intf, s); });
   std::string error;
@@ -182,7 +182,8 @@ void DataPathSm::handleSampleRate() {
   flushAll();
   for (auto& [intf, port] : ports_) {
     std::string error;
-    if (port.source && !port.source->sampleRateIs(hwConfig_->sampleRate(), &error)) {
+    const uint32_t rate = options_.sampleRate.value_or(hwConfig_->sampleRate());
+    if (port.source && !port.source->sampleRateIs(rate, &error)) {
       GLINT(trace(), 0) << "sample rate of " << intf << ": " << error;
     }
   }
