@@ -160,13 +160,16 @@ class Parser {
   }
 
   TrackerSpec tracker(const YAML::Node& n, const std::string& path) const {
-    expectMap(n, path, {"name", "active-interval", "inactive-timeout", "exporters"});
+    expectMap(n, path, {"name", "active-interval", "inactive-timeout", "flow-cache", "exporters"});
     TrackerSpec t;
     if (!n["name"]) fail(n, path, "a tracker needs a name");
     t.name = name(n["name"], join(path, "name"));
     if (n["active-interval"]) {
       t.activeInterval = bounded<FlowTracking::ActiveInterval>(n["active-interval"],
                                                                join(path, "active-interval"), 1000);
+    }
+    if (n["flow-cache"]) {
+      t.flowCache = bounded<FlowTracking::FlowCacheSize>(n["flow-cache"], join(path, "flow-cache"));
     }
     if (n["inactive-timeout"]) {
       t.inactiveTimeout = bounded<FlowTracking::InactiveTimeout>(

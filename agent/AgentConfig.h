@@ -31,6 +31,7 @@ struct ExporterSpec {
 struct TrackerSpec {
   std::string name;
   FlowTracking::ActiveInterval activeInterval;
+  FlowTracking::FlowCacheSize flowCache;  // flows of the software data path
   FlowTracking::InactiveTimeout inactiveTimeout;
   std::vector<ExporterSpec> exporters;
 };

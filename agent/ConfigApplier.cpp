@@ -153,6 +153,7 @@ void applyFlowTracking(const Zub::Ptr<FlowTracking::Config>& config, const Agent
     trackers.insert(t.name);
     auto ft = config->flowTrackerConfigIs(t.name);
     ft->activeIntervalIs(t.activeInterval);
+    ft->flowCacheSizeIs(t.flowCache);
     ft->inactiveTimeoutIs(t.inactiveTimeout);
     std::set<std::string> exporters;
     for (const ExporterSpec& e : t.exporters) {

@@ -36,6 +36,7 @@ class FlowTrackerConfig : public Zub::Entity {
   explicit FlowTrackerConfig(const Zub::Name& name) : Entity(name) {}
   ZUB_ATTR(InactiveTimeout, inactiveTimeout)
   ZUB_ATTR(ActiveInterval, activeInterval)
+  ZUB_ATTR(FlowCacheSize, flowCacheSize)
   ZUB_COLL(expConfig, Zub::Collection<Zub::Name, Zub::Ptr<ExporterConfig>>)
 };
 

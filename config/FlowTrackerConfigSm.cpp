@@ -501,6 +501,8 @@ FtConfigSm::FtConfigSm(const Zub::Name& ftName, const Zub::Ptr<FlowTrackerConfig
     : ftName_(ftName), ftConfig_(ftConfig), hwFtConfig_(hwFtConfig), ctx_(ctx) {
   watch(ftConfig_->activeIntervalSignal(), [this] { handleActiveInterval(); });
   watch(ftConfig_->inactiveTimeoutSignal(), [this] { handleInactiveTimeout(); });
+  watch(ftConfig_->flowCacheSizeSignal(),
+        [this] { hwFtConfig_->flowCacheSizeIs(ftConfig_->flowCacheSize()); });
   watch(ftConfig_->expConfigSignal(), [this](const Zub::Name& n) { handleExpConfig(n); });
 }
 
@@ -509,6 +511,7 @@ void FtConfigSm::handleInitialized() {
                          << " for " << ftName_;
   handleActiveInterval();
   handleInactiveTimeout();
+  hwFtConfig_->flowCacheSizeIs(ftConfig_->flowCacheSize());
   handleExpConfig();
   initialized_ = true;
 }

@@ -65,6 +65,7 @@ class FtConfig : public Zub::Entity {
   void checkReinstantiation(FtId ftId) const { Zub::checkCtorParam(*this, "ftId", ftId_, ftId); }
   ZUB_ATTR(FlowTracking::InactiveTimeout, inactiveTimeout)
   ZUB_ATTR(FlowTracking::ActiveInterval, activeInterval)
+  ZUB_ATTR(FlowTracking::FlowCacheSize, flowCacheSize)
   ZUB_COLL(hwFgConfig, Zub::OrderedCollection<uint32_t, Zub::Ptr<FgConfig>>)
   ZUB_COLL(expConfig, Zub::Collection<Zub::Name, Zub::Ptr<ExporterConfig>>)
 

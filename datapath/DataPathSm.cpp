@@ -17,8 +17,9 @@ const Zub::LogHandle FLOWTRACKING_SAMPLING_FAILED(
     "Cannot sample interface %s for flow tracker %s (%s); its templates and options are still "
     "sent. Retrying in %s s.",
     "The software data path could not open the packet socket that samples the interface.",
-    "The agent needs CAP_NET_RAW to sample packets (AmbientCapabilities=CAP_NET_RAW).", 60.0, 1.0,
-    "FLOWTRACKING");
+    "Give the agent CAP_NET_RAW (for the service: AmbientCapabilities=CAP_NET_RAW and "
+    "CapabilityBoundingSet=CAP_NET_RAW, with AF_PACKET in RestrictAddressFamilies=).",
+    60.0, 1.0, "FLOWTRACKING");
 const Zub::LogHandle FLOWTRACKING_SAMPLING(
     "FLOWTRACKING_SAMPLING", 6, "Sampling interface %s for flow tracker %s, one packet in %s.",
     "The software data path samples the interface's received packets.", Zub::NoActionRequired, 0.0,
@@ -120,9 +121,18 @@ void DataPathSm::handleTracker(const Zub::Name& name) {
   }
   const int64_t idle = int64_t{hw->inactiveTimeout().value()} * 1'000'000;
   const int64_t active = int64_t{hw->activeInterval().value()} * 1'000'000;
+  const uint32_t capacity =
+      options_.cacheCapacity ? options_.cacheCapacity : hw->flowCacheSize().value();
+  if (t && t->hw == hw && t->cache.capacity() != capacity) {
+    // Another size: the flows so far end (reason 4) and a cache of the new size starts.
+    Sink sink(*this, *t);
+    t->cache.flush(SIZE_MAX, sink);
+    publish_(*t);
+    t = nullptr;
+  }
   if (!t || t->hw != hw) {
     FlowCache::Config c;
-    c.capacity = options_.cacheCapacity;
+    c.capacity = capacity;
     c.idleTimeoutNs = idle;
     c.activeTimeoutNs = active;
     trackers_[name] = std::make_unique<Tracker>(c, hw);
@@ -130,6 +140,7 @@ void DataPathSm::handleTracker(const Zub::Name& name) {
     trackerSubs_.erase(name);
     watch(trackerSubs_, name, hw->inactiveTimeoutSignal(), [this, name] { handleTracker(name); });
     watch(trackerSubs_, name, hw->activeIntervalSignal(), [this, name] { handleTracker(name); });
+    watch(trackerSubs_, name, hw->flowCacheSizeSignal(), [this, name] { handleTracker(name); });
   } else {
     t->cache.timeoutsIs(idle, active);
   }

@@ -37,8 +37,8 @@ namespace FlowTracking {
 class DataPathSm : public Zub::Reactor {
  public:
   struct Options {
-    uint32_t cacheCapacity = 65536;  // flows per tracker (about 9 MiB)
-    size_t batch = 2048;             // flows ended per tick at most
+    uint32_t cacheCapacity = 0;  // flows per tracker; 0: the tracker's flow-cache setting
+    size_t batch = 2048;         // flows ended per tick at most
     std::chrono::milliseconds tick{250};
     uint32_t snapLen = 192;
     std::chrono::seconds retry{30};      // a source that could not start is tried again

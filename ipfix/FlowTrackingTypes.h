@@ -45,6 +45,15 @@ struct ActiveInterval : Zub::Bounded<ActiveInterval, uint32_t, 5000, 36000000, 3
   Zub::Seconds seconds() const { return static_cast<Zub::Seconds>(value() / 1000); }
 };
 
+// Flows a tracker's software flow cache holds (about 144 bytes each).
+struct FlowCacheSize : Zub::Bounded<FlowCacheSize, uint32_t, 1024, 4194304, 65536> {
+  using Bounded::Bounded;
+  static constexpr uint32_t minSize = 1024;
+  static constexpr uint32_t maxSize = 4194304;
+  static constexpr const char* kRangeMessage =
+      "FlowCacheSize::value < FlowCacheSize::minSize or > FlowCacheSize::maxSize not allowed";
+};
+
 // The default equals the maximum: templates are re-sent once an hour.
 struct TemplateInterval : Zub::Bounded<TemplateInterval, uint32_t, 5000, 3600000, 3600000> {
   using Bounded::Bounded;

@@ -2,7 +2,7 @@
 // endpoints: samples become records of template 261 that reach the collector after its
 // templates, numbered in one sequence with the options data; a source that cannot start
 // is logged once and retried; expiry goes in bounded batches; a tracker that goes ends
-// its flows; a new sample rate ends the flows counted at the old one.
+// its flows; a new sample rate or cache size ends the flows so far.
 
 #include <gtest/gtest.h>
 
@@ -217,6 +217,13 @@ TEST_F(DataPathSmTest, ExpiryGoesInBatchesAndANewRateEndsTheFlows) {
   ASSERT_EQ(ended.size(), 2u);
   EXPECT_EQ(ended[0].substr(ended[0].size() - 2), "04");  // forced end
   EXPECT_EQ(sources.back()->rate, 100u);
+  // Another cache size: a new cache, the flows of the old one end.
+  sample(10);
+  w.hwConfig->hwFtConfig("T")->flowCacheSizeIs(FlowCacheSize(2048));
+  const auto resized = records();
+  ASSERT_EQ(resized.size(), 1u);
+  EXPECT_EQ(resized[0].substr(resized[0].size() - 2), "04");
+  EXPECT_EQ(sm->flows("T"), 0u);
   // A tracker that goes takes its flows with it.
   sample(9);
   w.hwConfig->hwIntfFtConfigDel(Nelo::IntfId("Ethernet1"));
