@@ -3,12 +3,14 @@
 // writes onto one end of a veth pair are sampled on the other end's ingress, one in one
 // exactly and one in N within five standard deviations.
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -18,9 +20,11 @@
 #include <cmath>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "datapath/PacketSocketSource.h"
@@ -92,10 +96,12 @@ TEST_F(DataPathE2e, OneInOneSamplesEveryReceivedFrameAndNothingSent) {
     FlowTracking::PacketInfo info;
     EXPECT_EQ(s.ifindex, o.ifindex);
     EXPECT_LE(s.snapLen, 96u);
-    wire.push_back(s.wireLen);
+    // The test's own frames (the kernel's IPv6 chatter on a new link is left aside).
     if (FlowTracking::parsePacket(s.frame, s.snapLen, s.wireLen, s.gso, s.vlan, info) ==
-        FlowTracking::ParseResult::ok) {
+            FlowTracking::ParseResult::ok &&
+        info.protocol == 17 && info.dstPort == 53) {
       got.push_back(info);
+      wire.push_back(s.wireLen);
     }
   });
   std::string error;
@@ -236,125 +242,279 @@ class PeerNamespace {
   pid_t pid_ = -1;
 };
 
-// flowexportd tracks r1, the link from namespace a: UDP flows from a to b through this
-// namespace reach the collector on its loopback as records of template 261, with the
-// ingress and egress interfaces' kernel indexes, ToS, ports and exact totals at one in one;
-// idle flows end with reason 1, flows still open when the daemon stops with reason 4, and
-// the sequence numbers run on through options data and records alike (tshark checks).
-TEST_F(DataPathE2e, TheDaemonExportsTheFlowsOfATrackedLink) {
+// Namespaces a and b on either side of this one, which routes between them (IPv4 and
+// IPv6); flowexportd here tracks r1, the link from a, and exports to a collector on this
+// namespace's loopback.
+class RoutedDataPath : public DataPathE2e {
+ protected:
   PeerNamespace a, b;
-  ASSERT_TRUE(a.ok() && b.ok());
-  ip("link add r1 type veth peer name a1");
-  ip("link add r2 type veth peer name b1");
-  ip("link set a1 netns " + std::to_string(a.pid()));
-  ip("link set b1 netns " + std::to_string(b.pid()));
-  ip("addr add 198.18.1.1/24 dev r1");
-  ip("addr add 198.18.2.1/24 dev r2");
-  ip("link set r1 up");
-  ip("link set r2 up");
-  ASSERT_EQ(TestSupport::runCommand("sysctl -qw net.ipv4.ip_forward=1").status, 0);
-  a.run("ip addr add 198.18.1.2/24 dev a1");
-  a.run("ip link set a1 up");
-  a.run("ip route add default via 198.18.1.1");
-  b.run("ip addr add 198.18.2.2/24 dev b1");
-  b.run("ip link set b1 up");
-  b.run("ip route add default via 198.18.2.1");
-
-  TestSupport::UdpReceiver rx(false);
+  TestSupport::UdpReceiver rx{false};
   TestSupport::TempDir dir;
-  const std::string file = dir.file("flowexport.yaml");
-  std::ofstream(file) << "flow-tracking:\n  enabled: true\n  sample-rate: 1024\n"
-                      << "  interfaces: {Ethernet1: t}\n  trackers:\n    - name: t\n"
-                      << "      inactive-timeout: 3\n      active-interval: 60\n"
-                      << "      exporters:\n        - name: e\n          local-interface: lo\n"
-                      << "          template-interval: 3600\n          collectors: [\"127.0.0.1:"
-                      << rx.port() << "\"]\n"
-                      << "platform:\n  source: kernel\n  names: {r1: Ethernet1, r2: Ethernet2}\n";
-  TestSupport::Daemon daemon(
-      FLOWEXPORTD,
-      {"--config", file, "--stats-name", "/flowexport-e2e-datapath-" + std::to_string(::getpid()),
-       "--control-socket", dir.file("control.sock"), "--log", "stderr", "--test-sample-rate", "1"},
-      dir.file("daemon.log"));
-  ASSERT_TRUE(daemon.waitForLog("FLOWTRACKING_SAMPLING: Sampling interface Ethernet1", 5s))
-      << daemon.log();
-  std::vector<TestSupport::Datagram> all;
-  for (const auto& d : rx.drain(300ms)) all.push_back(d);  // templates and tables
+  std::unique_ptr<TestSupport::Daemon> daemon;
+  std::vector<TestSupport::Datagram> all;  // what the collector received
 
-  const int tx = a.socket(AF_INET, SOCK_DGRAM);
-  ASSERT_GE(tx, 0);
-  sockaddr_in to{};
-  to.sin_family = AF_INET;
-  to.sin_port = htons(5001);
-  to.sin_addr.s_addr = htonl(0xC6120202);  // 198.18.2.2
-  auto sendFrom = [&](uint16_t port, int tos, int count) {
-    const int s = a.socket(AF_INET, SOCK_DGRAM);
-    sockaddr_in from{};
-    from.sin_family = AF_INET;
-    from.sin_port = htons(port);
-    ASSERT_EQ(::bind(s, reinterpret_cast<sockaddr*>(&from), sizeof from), 0);
-    ::setsockopt(s, IPPROTO_IP, IP_TOS, &tos, sizeof tos);
+  void SetUp() override {
+    DataPathE2e::SetUp();
+    if (IsSkipped()) return;
+    ASSERT_TRUE(a.ok() && b.ok());
+    ip("link add r1 type veth peer name a1");
+    ip("link add r2 type veth peer name b1");
+    ip("link set a1 netns " + std::to_string(a.pid()));
+    ip("link set b1 netns " + std::to_string(b.pid()));
+    ip("addr add 198.18.1.1/24 dev r1");
+    ip("addr add 198.18.2.1/24 dev r2");
+    ip("addr add 2001:db8:1::1/64 dev r1 nodad");
+    ip("addr add 2001:db8:2::1/64 dev r2 nodad");
+    ip("link set r1 up");
+    ip("link set r2 up");
+    ASSERT_EQ(TestSupport::runCommand("sysctl -qw net.ipv4.ip_forward=1").status, 0);
+    ASSERT_EQ(TestSupport::runCommand("sysctl -qw net.ipv6.conf.all.forwarding=1").status, 0);
+    for (const auto& [ns, link, net] : {std::tuple{&a, "a1", "1"}, std::tuple{&b, "b1", "2"}}) {
+      ns->run(std::string("ip addr add 198.18.") + net + ".2/24 dev " + link);
+      ns->run(std::string("ip addr add 2001:db8:") + net + "::2/64 dev " + link + " nodad");
+      ns->run(std::string("ip link set ") + link + " up");
+      ns->run("ip link set lo up");
+      ns->run(std::string("ip route add default via 198.18.") + net + ".1");
+      ns->run(std::string("ip -6 route add default via 2001:db8:") + net + "::1");
+    }
+  }
+  void TearDown() override {
+    daemon.reset();
+    if (gSkip.empty()) {
+      TestSupport::runCommand("ip link del r1");
+      TestSupport::runCommand("ip link del r2");
+    }
+    DataPathE2e::TearDown();
+  }
+  void startDaemon(const char* rate, int inactive = 3, int active = 60) {
+    const std::string file = dir.file("flowexport.yaml");
+    std::ofstream(file) << "flow-tracking:\n  enabled: true\n  sample-rate: 1024\n"
+                        << "  interfaces: {Ethernet1: t}\n  trackers:\n    - name: t\n"
+                        << "      inactive-timeout: " << inactive << "\n"
+                        << "      active-interval: " << active << "\n"
+                        << "      exporters:\n        - name: e\n          local-interface: lo\n"
+                        << "          template-interval: 3600\n          collectors: [\"127.0.0.1:"
+                        << rx.port() << "\"]\n"
+                        << "platform:\n  source: kernel\n  names: {r1: Ethernet1, r2: Ethernet2}\n";
+    daemon = std::make_unique<TestSupport::Daemon>(
+        FLOWEXPORTD,
+        std::vector<std::string>{"--config", file, "--stats-name",
+                                 "/flowexport-e2e-datapath-" + std::to_string(::getpid()),
+                                 "--control-socket", dir.file("control.sock"), "--log", "stderr",
+                                 "--test-sample-rate", rate},
+        dir.file("daemon.log"));
+    ASSERT_TRUE(daemon->waitForLog("FLOWTRACKING_SAMPLING: Sampling interface Ethernet1", 5s))
+        << daemon->log();
+    collect(300ms);  // templates and tables
+  }
+  void collect(std::chrono::milliseconds quiet) {
+    for (const auto& d : rx.drain(quiet)) all.push_back(d);
+  }
+  // Receives for exactly `period`.
+  void collectFor(std::chrono::milliseconds period) {
+    const auto end = std::chrono::steady_clock::now() + period;
+    for (auto now = std::chrono::steady_clock::now(); now < end;
+         now = std::chrono::steady_clock::now()) {
+      if (auto d = rx.receive(std::chrono::duration_cast<std::chrono::milliseconds>(end - now))) {
+        all.push_back(*d);
+      }
+    }
+  }
+  // `count` UDP datagrams of 100 bytes from a's `port` to b's 5001, with `tos`.
+  void sendFrom(uint16_t port, int tos, int count, bool v6 = false) {
+    const int s = a.socket(v6 ? AF_INET6 : AF_INET, SOCK_DGRAM);
+    ASSERT_GE(s, 0);
+    sockaddr_storage from{}, to{};
+    socklen_t len;
+    if (v6) {
+      auto* f = reinterpret_cast<sockaddr_in6*>(&from);
+      auto* t = reinterpret_cast<sockaddr_in6*>(&to);
+      f->sin6_family = t->sin6_family = AF_INET6;
+      f->sin6_port = htons(port);
+      t->sin6_port = htons(5001);
+      ::inet_pton(AF_INET6, "2001:db8:2::2", &t->sin6_addr);
+      ::setsockopt(s, IPPROTO_IPV6, IPV6_TCLASS, &tos, sizeof tos);
+      len = sizeof(sockaddr_in6);
+    } else {
+      auto* f = reinterpret_cast<sockaddr_in*>(&from);
+      auto* t = reinterpret_cast<sockaddr_in*>(&to);
+      f->sin_family = t->sin_family = AF_INET;
+      f->sin_port = htons(port);
+      t->sin_port = htons(5001);
+      t->sin_addr.s_addr = htonl(0xC6120202);  // 198.18.2.2
+      ::setsockopt(s, IPPROTO_IP, IP_TOS, &tos, sizeof tos);
+      len = sizeof(sockaddr_in);
+    }
+    ASSERT_EQ(::bind(s, reinterpret_cast<sockaddr*>(&from), len), 0);
     const std::string payload(100, 'p');
     for (int i = 0; i < count; ++i) {
-      ASSERT_EQ(::sendto(s, payload.data(), payload.size(), 0, reinterpret_cast<sockaddr*>(&to),
-                         sizeof to),
-                100);
+      ASSERT_EQ(
+          ::sendto(s, payload.data(), payload.size(), 0, reinterpret_cast<sockaddr*>(&to), len),
+          100);
     }
     ::close(s);
-  };
-  ::close(tx);
+  }
+  // The flow records received, by source port: "dstport in out packets octets protocol
+  // tos reason" as tshark decodes them, and (with `addrs`) the source address first.
+  std::multimap<std::string, std::string> records(bool addrs = false) {
+    auto fields = TestSupport::tsharkFields(
+        all, {"cflow.srcport", "cflow.srcaddr", "cflow.srcaddrv6", "cflow.dstport",
+              "cflow.inputint", "cflow.outputint", "cflow.packets", "cflow.octets",
+              "cflow.protocol", "cflow.tos", "cflow.flow_end_reason"});
+    EXPECT_EQ(fields.status, 0) << fields.err;
+    std::multimap<std::string, std::string> out;
+    std::istringstream lines(fields.out);
+    for (std::string line; std::getline(lines, line);) {
+      std::vector<std::vector<std::string>> cols;
+      std::istringstream cs(line + ",");
+      for (std::string c; std::getline(cs, c, ',');) {
+        std::vector<std::string> v;
+        std::istringstream vs(c);
+        for (std::string x; std::getline(vs, x, ';');) v.push_back(x);
+        cols.push_back(v);
+      }
+      if (cols.size() < 11 || cols[10].empty()) continue;  // no flow records in it
+      // IPv4 and IPv6 records may share a message: their addresses come in two columns.
+      size_t v4 = 0, v6 = 0;
+      for (size_t r = 0; r < cols[0].size(); ++r) {
+        std::string rec;
+        if (addrs) {
+          const bool isV6 = v6 < cols[2].size() && (v4 >= cols[1].size());
+          rec = (isV6 ? cols[2][v6++] : cols[1][v4++]) + " ";
+        }
+        for (size_t f = 3; f < cols.size(); ++f) {
+          rec += (f > 3 ? " " : "") + (r < cols[f].size() ? cols[f][r] : std::string("?"));
+        }
+        out.emplace(cols[0][r], rec);
+      }
+    }
+    return out;
+  }
+};
+
+// At one in one: a record per 5-tuple with the ingress and egress interfaces' kernel
+// indexes, ToS, ports and exact totals; idle flows end with reason 1, a flow longer than
+// the active interval with reason 2, flows still open when the daemon stops with reason
+// 4; IPv6 flows as records of template 262; sequence numbers run on through options data
+// and records alike (tshark follows them).
+TEST_F(RoutedDataPath, OneInOneGivesExactRecordsWithTheirEndReasons) {
+  startDaemon("1", 3, 5);
   sendFrom(1001, 0x20, 10);
   sendFrom(1002, 0, 7);
   sendFrom(1003, 0, 3);
-  // Idle after 3 s; the records come with the next tick.
-  for (int i = 0; i < 60 && all.size() < 100; ++i) {
-    if (auto d = rx.receive(100ms)) all.push_back(*d);
-    if (i == 45) break;
+  sendFrom(1010, 0x28, 5, true);
+  // 1005 sends every second: its first record ends at the active interval (5 s).
+  for (int second = 0; second < 7; ++second) {
+    sendFrom(1005, 0, 1);
+    collectFor(1000ms);
   }
   sendFrom(1004, 0, 2);  // still open when the daemon stops
   std::this_thread::sleep_for(200ms);
-  daemon.signal(SIGTERM);
-  EXPECT_EQ(daemon.wait(), 0) << daemon.log();
-  for (const auto& d : rx.drain(300ms)) all.push_back(d);
+  daemon->signal(SIGTERM);
+  EXPECT_EQ(daemon->wait(), 0) << daemon->log();
+  collect(300ms);
 
-  auto fields = TestSupport::tsharkFields(
-      all, {"cflow.srcport", "cflow.dstport", "cflow.inputint", "cflow.outputint", "cflow.packets",
-            "cflow.octets", "cflow.protocol", "cflow.tos", "cflow.flow_end_reason"});
-  ASSERT_EQ(fields.status, 0) << fields.err;
-  // One line per datagram, each field's values joined by ';' (options data lines have
-  // empty flow fields).
-  std::map<std::string, std::string> byPort;
-  std::istringstream lines(fields.out);
-  for (std::string line; std::getline(lines, line);) {
-    std::vector<std::vector<std::string>> cols;
-    std::istringstream cs(line);
-    for (std::string c; std::getline(cs, c, ',');) {
-      std::vector<std::string> v;
-      std::istringstream vs(c);
-      for (std::string x; std::getline(vs, x, ';');) v.push_back(x);
-      cols.push_back(v);
-    }
-    if (cols.empty()) continue;
-    for (size_t r = 0; r < cols[0].size(); ++r) {
-      std::string rec;
-      for (size_t f = 1; f < cols.size(); ++f) {
-        rec += (f > 1 ? " " : "") + (r < cols[f].size() ? cols[f][r] : std::string("?"));
-      }
-      byPort[cols[0][r]] = rec;
-    }
-  }
+  const auto got = records();
   const std::string r1 = std::to_string(::if_nametoindex("r1"));
   const std::string r2 = std::to_string(::if_nametoindex("r2"));
-  EXPECT_EQ(byPort["1001"], "5001 " + r1 + " " + r2 + " 10 1280 17 0x20 1") << fields.out;
-  EXPECT_EQ(byPort["1002"], "5001 " + r1 + " " + r2 + " 7 896 17 0x00 1");
-  EXPECT_EQ(byPort["1003"], "5001 " + r1 + " " + r2 + " 3 384 17 0x00 1");
-  EXPECT_EQ(byPort["1004"], "5001 " + r1 + " " + r2 + " 2 256 17 0x00 4");
-  // tshark follows each collector's sequence numbers and names any gap.
+  const std::string path = "5001 " + r1 + " " + r2 + " ";
+  auto one = [&](const char* port) {
+    EXPECT_EQ(got.count(port), 1u) << port;
+    auto it = got.find(port);
+    return it == got.end() ? std::string() : it->second;
+  };
+  EXPECT_EQ(one("1001"), path + "10 1280 17 0x20 1");
+  EXPECT_EQ(one("1002"), path + "7 896 17 0x00 1");
+  EXPECT_EQ(one("1003"), path + "3 384 17 0x00 1");
+  EXPECT_EQ(one("1010"), path + "5 740 17 0x28 1");  // IPv6: 40 + 8 + 100 bytes
+  EXPECT_EQ(one("1004"), path + "2 256 17 0x00 4");
+  auto longFlow = got.equal_range("1005");
+  ASSERT_EQ(std::distance(longFlow.first, longFlow.second), 2) << daemon->log();
+  const std::string firstEnd = longFlow.first->second;
+  EXPECT_EQ(firstEnd.substr(firstEnd.size() - 2), " 2") << firstEnd;  // active timeout
+  const std::string secondEnd = std::next(longFlow.first)->second;
+  EXPECT_EQ(secondEnd.substr(secondEnd.size() - 2), " 4") << secondEnd;
+  const auto withAddrs = records(true);
+  EXPECT_EQ(withAddrs.find("1010")->second.substr(0, 13), "2001:db8:1::2");
+  EXPECT_EQ(withAddrs.find("1001")->second.substr(0, 11), "198.18.1.2 ");
+
   auto seq = TestSupport::tsharkFields(all, {"cflow.sequence_analysis.expected_sn"});
   EXPECT_EQ(seq.out.find_first_not_of("\n"), std::string::npos) << seq.out;
   auto gap = all;
   gap.erase(gap.begin() + 2);  // a message lost on the way
   seq = TestSupport::tsharkFields(gap, {"cflow.sequence_analysis.expected_sn"});
   EXPECT_NE(seq.out.find_first_not_of("\n"), std::string::npos) << "tshark sees no gap";
+}
+
+// One in a hundred of 100,000 packets: the packets in the records are within five
+// standard deviations of 1,000.
+TEST_F(RoutedDataPath, OneInAHundredOfAHundredThousandIsWithinFiveStandardDeviations) {
+  startDaemon("100");
+  for (int i = 0; i < 100; ++i) sendFrom(static_cast<uint16_t>(2000 + i), 0, 1000);
+  collect(4500ms);  // idle after 3 s
+  uint64_t packets = 0;
+  for (const auto& [port, rec] : records()) {
+    std::istringstream f(rec);
+    std::string dport, in, out;
+    uint64_t n = 0;
+    f >> dport >> in >> out >> n;
+    if (port.rfind("20", 0) == 0 && port.size() == 4) packets += n;
+  }
+  const double sigma = std::sqrt(100000 * 0.01 * 0.99);
+  EXPECT_NEAR(static_cast<double>(packets), 1000.0, 5 * sigma) << packets << " sampled";
+  std::printf("sampled %llu of 100000 packets at one in 100\n",
+              static_cast<unsigned long long>(packets));
+}
+
+// A TCP bulk transfer from a to b: the kernel hands over super-packets of many segments,
+// and the records count the segments (about bytes / MSS), not the super-packets.
+TEST_F(RoutedDataPath, ATcpBulkTransferCountsSegmentsNotSuperPackets) {
+  startDaemon("1");
+  const int server = b.socket(AF_INET, SOCK_STREAM);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(5201);
+  ASSERT_EQ(::bind(server, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  ASSERT_EQ(::listen(server, 1), 0);
+  const int client = a.socket(AF_INET, SOCK_STREAM);
+  addr.sin_addr.s_addr = htonl(0xC6120202);
+  ASSERT_EQ(::connect(client, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  const int conn = ::accept(server, nullptr, nullptr);
+  ASSERT_GE(conn, 0);
+  const size_t total = 8 << 20;
+  std::thread reader([conn] {
+    char buf[65536];
+    while (::read(conn, buf, sizeof buf) > 0) {
+    }
+  });
+  const std::string chunk(65536, 'd');
+  for (size_t sent = 0; sent < total;) {
+    const ssize_t n = ::write(client, chunk.data(), std::min(chunk.size(), total - sent));
+    ASSERT_GT(n, 0);
+    sent += static_cast<size_t>(n);
+  }
+  int mss = 0;
+  socklen_t len = sizeof mss;
+  ::getsockopt(client, IPPROTO_TCP, TCP_MAXSEG, &mss, &len);
+  ::close(client);
+  reader.join();
+  ::close(conn);
+  ::close(server);
+  collect(4500ms);
+  uint64_t packets = 0;
+  for (const auto& [port, rec] : records()) {
+    if (rec.rfind("5201 ", 0) == 0) {
+      std::istringstream f(rec);
+      std::string dport, in, out;
+      f >> dport >> in >> out >> packets;
+    }
+  }
+  ASSERT_GT(mss, 0);
+  const double segments = static_cast<double>(total) / mss;
+  EXPECT_GT(static_cast<double>(packets), 0.95 * segments) << "mss " << mss;
+  EXPECT_LT(static_cast<double>(packets), 1.10 * segments) << "mss " << mss;
+  std::printf("%llu packets for %zu bytes at MSS %d (%.0f segments)\n",
+              static_cast<unsigned long long>(packets), total, mss, segments);
 }
 
 }  // namespace
