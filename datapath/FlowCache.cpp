@@ -1,11 +1,14 @@
 #include "datapath/FlowCache.h"
 
+#include <sys/mman.h>
 #include <sys/random.h>
 
 #include <algorithm>
 #include <bit>
 #include <climits>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "platform/zub/Assert.h"
 
@@ -16,9 +19,10 @@ namespace {
 constexpr uint8_t kTcpFin = 0x01;
 constexpr uint8_t kTcpRst = 0x04;
 
-uint64_t rotl(uint64_t x, int b) { return (x << b) | (x >> (64 - b)); }
+inline uint64_t rotl(uint64_t x, int b) { return (x << b) | (x >> (64 - b)); }
 
-void sipRound(uint64_t& v0, uint64_t& v1, uint64_t& v2, uint64_t& v3) {
+inline __attribute__((always_inline)) void sipRound(uint64_t& v0, uint64_t& v1, uint64_t& v2,
+                                                    uint64_t& v3) {
   v0 += v1;
   v1 = rotl(v1, 13);
   v1 ^= v0;
@@ -36,6 +40,65 @@ void sipRound(uint64_t& v0, uint64_t& v1, uint64_t& v2, uint64_t& v3) {
 }
 
 }  // namespace
+
+#if defined(__SANITIZE_ADDRESS__)
+#define FLOWCACHE_HEAP_ARRAYS 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define FLOWCACHE_HEAP_ARRAYS 1
+#endif
+#endif
+
+template <class T>
+FlowCache::Array<T>::Array(size_t n) : n_(n) {
+#if defined(FLOWCACHE_HEAP_ARRAYS)
+  // The sanitizer sees overruns of heap memory only.
+  bytes_ = 0;
+  p_ = new T[n]();
+#else
+  constexpr size_t kHuge = size_t{2} << 20;
+  bytes_ = (n * sizeof(T) + kHuge - 1) / kHuge * kHuge;
+  void* p = ::mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (p == MAP_FAILED) throw std::bad_alloc();
+  ::madvise(p, bytes_, MADV_HUGEPAGE);  // a hint: without it the pages are small ones
+  p_ = static_cast<T*>(p);
+  std::uninitialized_value_construct_n(p_, n);
+#endif
+}
+
+template <class T>
+FlowCache::Array<T>::~Array() {
+  if (!p_) return;
+#if defined(FLOWCACHE_HEAP_ARRAYS)
+  delete[] p_;
+#else
+  std::destroy_n(p_, n_);
+  ::munmap(p_, bytes_);
+#endif
+}
+
+template class FlowCache::Array<FlowCache::Slot>;
+template class FlowCache::Array<FlowRecord>;
+
+// A keyed hash of the key's six words, in the manner of wyhash: each pair of words,
+// mixed with the secret, is multiplied into 128 bits and folded. Without the secret (from
+// getrandom at start) nobody can choose keys that collide; it costs a few multiplies where
+// SipHash-1-3 costs nine rounds, which is most of a sample's time.
+uint64_t FlowCache::keyedHash(const FlowKey& key, const std::array<uint64_t, 2>& secret) {
+  uint64_t w[6];
+  std::memcpy(w, &key, sizeof w);
+  auto mum = [](uint64_t a, uint64_t b) {
+    const unsigned __int128 r = static_cast<unsigned __int128>(a) * b;
+    return static_cast<uint64_t>(r) ^ static_cast<uint64_t>(r >> 64);
+  };
+  constexpr uint64_t kP0 = 0xa0761d6478bd642fULL, kP1 = 0xe7037ed1a0b428dbULL,
+                     kP2 = 0x8ebc6af09c88c6e3ULL;
+  const uint64_t s0 = secret[0] ^ kP0, s1 = secret[1] ^ kP1;
+  uint64_t h = mum(w[0] ^ s0, w[1] ^ s1);
+  h = mum(w[2] ^ s1 ^ h, w[3] ^ kP2);
+  h = mum(w[4] ^ s0 ^ h, w[5] ^ s1);
+  return mum(h ^ kP0, sizeof(FlowKey) ^ kP1 ^ secret[0]);
+}
 
 // SipHash-1-3 over the key's 48 bytes (six whole words, then the length block).
 uint64_t FlowCache::sipHash(const FlowKey& key, const std::array<uint64_t, 2>& secret) {
@@ -72,8 +135,8 @@ FlowCache::FlowCache(const Config& config, Hash hash, const std::array<uint64_t,
   }
   const uint64_t slots = std::bit_ceil(uint64_t{config_.capacity} * 2);
   mask_ = slots - 1;
-  slots_.assign(slots, Slot{0, 0});
-  records_.resize(config_.capacity);
+  slots_ = Array<Slot>(slots);
+  records_ = Array<FlowRecord>(config_.capacity);
   free_.reserve(config_.capacity);
   for (uint32_t i = config_.capacity; i > 0; --i) free_.push_back(i - 1);
 }
@@ -85,8 +148,8 @@ void FlowCache::timeoutsIs(int64_t idleNs, int64_t activeNs) {
 }
 
 uint32_t FlowCache::findSlot(const FlowKey& key, uint64_t h) const {
-  const auto tag = static_cast<uint32_t>(h >> 32);
-  for (uint64_t s = h & mask_;; s = (s + 1) & mask_) {
+  const auto tag = static_cast<uint32_t>(h);
+  for (uint64_t s = tag & mask_;; s = (s + 1) & mask_) {
     const Slot& slot = slots_[s];
     if (slot.item == 0) return static_cast<uint32_t>(s);
     if (slot.tag == tag && records_[slot.item - 1].key == key) return static_cast<uint32_t>(s);
@@ -124,7 +187,8 @@ void FlowCache::remove(uint32_t index) {
   uint64_t hole = findSlot(r.key, hashOf(r.key));
   ZUB_ASSERT_TEXT(slots_[hole].item == index + 1, "slot of the record");
   for (uint64_t s = (hole + 1) & mask_; slots_[s].item != 0; s = (s + 1) & mask_) {
-    const uint64_t home = hashOf(records_[slots_[s].item - 1].key) & mask_;
+    // The tag is the hash's low half, which holds the home slot: no record is read.
+    const uint64_t home = slots_[s].tag & mask_;
     // The entry at s may fill the hole when its home is not within (hole, s].
     if (((s - home) & mask_) >= ((s - hole) & mask_)) {
       slots_[hole] = slots_[s];
@@ -177,7 +241,7 @@ void FlowCache::sample(const FlowKey& key, const FlowSample& s, int64_t nowNs, F
     }
     index = free_.back();
     free_.pop_back();
-    slots_[slot] = Slot{static_cast<uint32_t>(h >> 32), index + 1};
+    slots_[slot] = Slot{static_cast<uint32_t>(h), index + 1};
     FlowRecord& r = records_[index];
     r = FlowRecord();
     r.key = key;

@@ -4,8 +4,9 @@
 //
 // - Open addressing over a power-of-two slot array (load at most one half), linear
 //   probing on a 32-bit tag before the record is touched, backward-shift deletion (no
-//   tombstones). The hash is keyed (SipHash-1-3 with a random key): keys come from the
-//   network, and a flood of colliding keys must not turn probing into a scan.
+//   tombstones; the tag gives each entry's home slot, so deleting reads no record). The
+//   hash is keyed with a secret drawn at start: keys come from the network, and a flood
+//   of colliding keys must not turn probing into a scan.
 // - Records live in a pool allocated once; nothing is allocated per packet.
 // - Two intrusive lists order the records: by last sample (idle expiry pops the head)
 //   and by record start (active expiry pops the head). A sample is O(1), a tick
@@ -83,6 +84,7 @@ class FlowCache {
  public:
   using Hash = uint64_t (*)(const FlowKey& key, const std::array<uint64_t, 2>& secret);
   static uint64_t sipHash(const FlowKey& key, const std::array<uint64_t, 2>& secret);
+  static uint64_t keyedHash(const FlowKey& key, const std::array<uint64_t, 2>& secret);
 
   struct Config {
     uint32_t capacity = 65536;
@@ -90,7 +92,7 @@ class FlowCache {
     int64_t activeTimeoutNs = 300'000'000'000;
   };
   // `hash` is for tests that force collisions; the secret is random unless given.
-  explicit FlowCache(const Config& config, Hash hash = &sipHash,
+  explicit FlowCache(const Config& config, Hash hash = &keyedHash,
                      const std::array<uint64_t, 2>* secret = nullptr);
 
   // Adds a sample to its flow (a new one when there is none; when the cache is full
@@ -119,7 +121,7 @@ class FlowCache {
  private:
   static constexpr uint32_t kNone = 0xFFFFFFFF;
   struct Slot {
-    uint32_t tag;   // the hash's upper half
+    uint32_t tag;   // the hash's lower half: compared before the key, and the home slot
     uint32_t item;  // record index + 1; 0 empty
   };
   struct List {
@@ -139,8 +141,32 @@ class FlowCache {
   Hash hash_;
   std::array<uint64_t, 2> secret_;
   uint64_t mask_;
-  std::vector<Slot> slots_;
-  std::vector<FlowRecord> records_;
+  // Arrays of a fixed size, on huge pages where the kernel gives them: a large cache is
+  // read at random, and 4 KiB pages would cost a page walk on most look-ups.
+  template <class T>
+  class Array {
+   public:
+    Array() = default;
+    explicit Array(size_t n);
+    ~Array();
+    Array(Array&& o) noexcept : p_(o.p_), n_(o.n_), bytes_(o.bytes_) { o.p_ = nullptr; }
+    Array& operator=(Array&& o) noexcept {
+      std::swap(p_, o.p_);
+      std::swap(n_, o.n_);
+      std::swap(bytes_, o.bytes_);
+      return *this;
+    }
+    T& operator[](size_t i) { return p_[i]; }
+    const T& operator[](size_t i) const { return p_[i]; }
+    size_t size() const { return n_; }
+
+   private:
+    T* p_ = nullptr;
+    size_t n_ = 0;
+    size_t bytes_ = 0;
+  };
+  Array<Slot> slots_;
+  Array<FlowRecord> records_;
   std::vector<uint32_t> free_;
   List idle_, started_;
   size_t size_ = 0;

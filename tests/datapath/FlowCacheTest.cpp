@@ -181,7 +181,7 @@ uint64_t weakHash(const FlowKey& k, const std::array<uint64_t, 2>&) {
 
 TEST(FlowCache, BehavesAsAPlainMapUnderCollisions) {
   const std::array<uint64_t, 2> secret{1, 2};
-  for (auto hash : {&weakHash, &FlowCache::sipHash}) {
+  for (auto hash : {&weakHash, &FlowCache::keyedHash, &FlowCache::sipHash}) {
     FlowCache cache(config(32, 2 * kS, 5 * kS), hash, &secret);
     Sink sink;
     struct Model {
