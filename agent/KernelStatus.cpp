@@ -164,11 +164,16 @@ void KernelStatus::platform(const NameMap& names, AgentConfig& out) const {
     auto it = links_.find(index);
     return it == links_.end() ? std::string() : it->second.kind;
   };
+  // Which links become which interfaces: an id (or a VRF name) belongs to the first link
+  // that has it, in index order; another link with it (a name the map gives one link and
+  // the kernel another, a rename the events have half told) is left out.
+  std::map<uint32_t, std::string> ids;
+  std::set<std::string> taken, vrfNames = {"default"};
   for (const auto& [index, link] : links_) {
     if (link.kind == "vrf") {
-      if (link.name == "default") {
-        GLINT(trace(), 2) << "kernel VRF device default (table " << link.vrfTable
-                          << ") has the default VRF's name: left out";
+      if (!vrfNames.insert(link.name).second) {
+        GLINT(trace(), 2) << "kernel VRF device " << link.name << " (table " << link.vrfTable
+                          << ") has the name of another VRF: left out";
         continue;
       }
       // A table past the VRF ids the tables can carry gets an id chosen by the applier.
@@ -189,8 +194,19 @@ void KernelStatus::platform(const NameMap& names, AgentConfig& out) const {
                         << link.type << ") cannot be interface " << id.name() << ": left out";
       continue;
     }
+    if (!taken.insert(id.name()).second) {
+      GLINT(trace(), 2) << "kernel link " << link.name << " (index " << index
+                        << ") would be interface " << id.name()
+                        << ", which another link is: left out";
+      continue;
+    }
+    ids[index] = id.name();
+  }
+  for (const auto& [index, name] : ids) {
+    const Link& link = links_.at(index);
+    const bool lag = link.kind == "bond" || link.kind == "team";
     InterfaceSpec spec;
-    spec.name = id.name();
+    spec.name = name;
     spec.linkUp = link.up;
     spec.mtu = link.mtu;
     if (index <= kMaxIntfIndex) spec.index = index;  // else chosen by the applier
@@ -212,7 +228,8 @@ void KernelStatus::platform(const NameMap& names, AgentConfig& out) const {
     }
     if (lag) {
       for (const auto& [memberIndex, member] : links_) {
-        if (member.master == index) spec.members.push_back(idOf(member));
+        auto m = ids.find(memberIndex);
+        if (member.master == index && m != ids.end()) spec.members.push_back(m->second);
       }
     }
     out.interfaces.push_back(std::move(spec));

@@ -174,6 +174,28 @@ TEST(KernelStatus, LinksAddressesBondsAndVrfsBecomeThePlatform) {
   EXPECT_EQ(described(k, names), after);
 }
 
+// Found by fuzzing: two links could become one interface (a mapped name that another link
+// has in the kernel), and the applier was given the interface twice.
+TEST(KernelStatus, AnIdBelongsToTheFirstLinkThatHasIt) {
+  KernelStatus k;
+  for (const Msg& m : {Msg::link(RTM_NEWLINK, 2, "eth1", 1500, true),
+                       Msg::link(RTM_NEWLINK, 3, "Ethernet1", 9000, true),
+                       Msg::link(RTM_NEWLINK, 4, "bond1", 1500, true, "bond"),
+                       Msg::link(RTM_NEWLINK, 5, "Ethernet2", 1500, true, nullptr, 4),
+                       Msg::link(RTM_NEWLINK, 6, "eth2", 1500, true, nullptr, 4),
+                       Msg::link(RTM_NEWLINK, 7, "red", 65575, true, "vrf", 0, 10),
+                       Msg::link(RTM_NEWLINK, 8, "red", 65575, true, "vrf", 0, 11)}) {
+    ASSERT_TRUE(k.apply(m.nlh));
+  }
+  const auto d =
+      described(k, {{"eth1", "Ethernet1"}, {"eth2", "Ethernet2"}, {"bond1", "Port-Channel1"}});
+  EXPECT_EQ(d, (std::vector<std::string>{
+                   "Ethernet1 #2 mtu 1500 up Routed vrf default",
+                   "Port-Channel1 #4 mtu 1500 up Routed vrf default member Ethernet2",
+                   "Ethernet2 #5 mtu 1500 up DataLink vrf default", "vrf default active",
+                   "vrf red id 10 active device red"}));
+}
+
 TEST(KernelStatus, OnlyWholeMessagesAreFramed) {
   Msg a = Msg::link(RTM_NEWLINK, 2, "eth1", 1500, true);
   Msg b = Msg::addr(RTM_NEWADDR, 2, "192.0.2.1", 24);
