@@ -10,8 +10,8 @@ namespace FlowTracking {
 
 namespace {
 
-// Attributes of kernels newer than the headers this builds with.
-constexpr int kAttrUserCookie = PSAMPLE_ATTR_PROTO + 1;
+// An attribute of kernels newer than the headers this builds with (after the user
+// cookie, PSAMPLE_ATTR_PROTO + 1).
 constexpr int kAttrSampleProbability = PSAMPLE_ATTR_PROTO + 2;
 constexpr int kAttrMax = kAttrSampleProbability;
 
