@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "bench/Harness.h"
+#include "datapath/DataPathSm.h"
 #include "datapath/FlowCache.h"
 #include "datapath/FlowRecordEncoder.h"
 #include "datapath/PacketParser.h"
@@ -100,16 +101,7 @@ void pipelineBenchmark() {
     PacketInfo info;
     parsePacket(reinterpret_cast<const uint8_t*>(f.data()), f.size(),
                 static_cast<uint32_t>(f.size()), {}, 0, info);
-    FlowKey k;
-    k.ipVersion = info.ipVersion;
-    k.protocol = info.protocol;
-    k.src = info.src;
-    k.dst = info.dst;
-    k.srcPort = info.srcPort;
-    k.dstPort = info.dstPort;
-    FlowSample fs1;
-    fs1.octets = info.octets;
-    cache.sample(k, fs1, ++now, sink);
+    cache.sample(flowKeyOf(info, 2, 0), flowSampleOf(info, 0), ++now, sink);
   });
   const double hash = Bench::nsPerOp(1 << 20, [&](long i) {
     FlowKey k;
@@ -162,21 +154,8 @@ void ringBenchmark() {
       if (parsePacket(s.frame, s.snapLen, s.wireLen, s.gso, s.vlan, info) != ParseResult::ok) {
         return;
       }
-      FlowKey k;
-      k.ipVersion = info.ipVersion;
-      k.protocol = info.protocol;
-      k.src = info.src;
-      k.dst = info.dst;
-      k.srcPort = info.srcPort;
-      k.dstPort = info.dstPort;
-      k.ingressIf = o.ifindex;
-      FlowSample fs;
-      fs.packets = info.segments;
-      fs.octets = info.octets;
-      fs.tos = info.tos;
-      fs.wallMs = s.wallNs / 1'000'000;
       now += 1000;
-      cache.sample(k, fs, now, sink);
+      cache.sample(flowKeyOf(info, o.ifindex, 0), flowSampleOf(info, s.wallNs), now, sink);
       if ((seen & 255) == 0) cache.expire(now, 2048, sink);
     });
     std::string error;

@@ -30,6 +30,29 @@ constexpr uint16_t kTemplateIpv6 = 262;
 
 }  // namespace
 
+FlowKey flowKeyOf(const PacketInfo& info, uint32_t ingressIf, uint32_t vrfId) {
+  FlowKey key;
+  key.ipVersion = info.ipVersion;
+  key.protocol = info.protocol;
+  key.src = info.src;
+  key.dst = info.dst;
+  key.srcPort = info.srcPort;
+  key.dstPort = info.dstPort;
+  key.ingressIf = ingressIf;
+  key.vrfId = vrfId;
+  return key;
+}
+
+FlowSample flowSampleOf(const PacketInfo& info, int64_t wallNs) {
+  FlowSample s;
+  s.packets = info.segments;
+  s.octets = info.octets;
+  s.tos = info.tos;
+  s.tcpFlags = info.tcpFlags;
+  s.wallMs = wallNs / 1'000'000;
+  return s;
+}
+
 struct DataPathSm::Tracker {
   Tracker(const FlowCache::Config& config, const Zub::Ptr<HwFlowTracking::FtConfig>& hw)
       : cache(config), hw(hw) {}
@@ -212,21 +235,8 @@ void DataPathSm::handleSample_(const Nelo::IntfId& intf, const Sample& s) {
     if (r != ParseResult::notIp) ++parseErrors_;
     return;
   }
-  FlowKey key;
-  key.ipVersion = info.ipVersion;
-  key.protocol = info.protocol;
-  key.src = info.src;
-  key.dst = info.dst;
-  key.srcPort = info.srcPort;
-  key.dstPort = info.dstPort;
-  key.ingressIf = pit->second.ifindex;
-  key.vrfId = pit->second.vrfId;
-  FlowSample fs;
-  fs.packets = info.segments;
-  fs.octets = info.octets;
-  fs.tos = info.tos;
-  fs.tcpFlags = info.tcpFlags;
-  fs.wallMs = s.wallNs / 1'000'000;
+  const FlowKey key = flowKeyOf(info, pit->second.ifindex, pit->second.vrfId);
+  FlowSample fs = flowSampleOf(info, s.wallNs);
   const bool known = t->cache.find(key) != nullptr;
   if (!known && egressOf_) fs.egressIf = egressOf_(key);
   Sink sink(*this, *t);

@@ -34,6 +34,10 @@
 
 namespace FlowTracking {
 
+// A parsed sample as its flow's key (on `ingressIf` in VRF `vrfId`) and what it adds.
+FlowKey flowKeyOf(const PacketInfo& info, uint32_t ingressIf, uint32_t vrfId);
+FlowSample flowSampleOf(const PacketInfo& info, int64_t wallNs);
+
 class DataPathSm : public Zub::Reactor {
  public:
   struct Options {
