@@ -328,6 +328,7 @@ void FlowExportAgent::applyKernel_() {
   AgentConfig platform;
   kernel_->status().platform(kernelNames_, platform);
   applyPlatform(status_, platform);
+  if (dataPathSm_) dataPathSm_->vrfsChanged();
 }
 
 void FlowExportAgent::watchConfigFile_() {

@@ -245,6 +245,10 @@ void DataPathSm::handleSample_(const Nelo::IntfId& intf, const Sample& s) {
   scheduleTick_(false);
 }
 
+void DataPathSm::vrfsChanged() {
+  for (auto& [intf, port] : ports_) port.vrfId = vrfIdOf_ ? vrfIdOf_(intf) : 0;
+}
+
 void DataPathSm::egressIs(const FlowKey& key, uint32_t egressIf) {
   for (auto& [name, t] : trackers_) t->cache.egressIs(key, egressIf);
 }

@@ -69,6 +69,9 @@ class DataPathSm : public Zub::Reactor {
   void egressIs(const FlowKey& key, uint32_t egressIf);
   // Ends every flow now (the agent stops).
   void flushAll();
+  // The platform changed: each tracked interface's VRF is read again (new flows of an
+  // interface that moved are keyed with its new VRF).
+  void vrfsChanged();
 
   void handleTracker(const Zub::Name& name);
   void handleIntf(const Nelo::IntfId& intf);

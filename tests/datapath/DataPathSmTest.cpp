@@ -79,6 +79,7 @@ class DataPathSmTest : public ::testing::Test {
   Zub::Ptr<DataPathSm> sm;
   std::vector<FakeSource*> sources;
   bool failSources = false;
+  uint32_t vrfId = 3;
   DataPathSm::Options options;
 
   void SetUp() override {
@@ -102,7 +103,7 @@ class DataPathSmTest : public ::testing::Test {
   }
   void startDataPath() {
     sm = Zub::makeReactor<DataPathSm>(
-        w.hwConfig, w.hwStatus, intfIndexMap, [](const Nelo::IntfId&) { return 3u; },
+        w.hwConfig, w.hwStatus, intfIndexMap, [this](const Nelo::IntfId&) { return vrfId; },
         [](const FlowKey&) { return 9u; },
         [this](const Zub::Name& n) { return n == "T" ? container : nullptr; }, w.sched, options,
         [this](uint32_t ifindex, uint32_t rate, uint32_t, SampleSource::Handler h) {
@@ -174,6 +175,16 @@ TEST_F(DataPathSmTest, SamplesBecomeRecordsSentAfterTheTemplatesInTheOptionsSequ
   EXPECT_EQ(w.collInfo("T", "E", "a")->ipfixMsgSeqNo().value, 3u);
   EXPECT_EQ(sm->samples(), 3u);
   EXPECT_EQ(sm->flows("T"), 0u);
+  // The interface moves to another VRF: its new flows say so.
+  vrfId = 4;
+  sm->vrfsChanged();
+  sample(3000);
+  w.advance(15.25);
+  const auto moved = records();
+  ASSERT_EQ(moved.size(), 1u);
+  const std::string head =
+      TestSupport::toHex(hexBytes("c0000201 c6336402 11 0bb8 0035 00000005 00000004"));
+  EXPECT_EQ(moved[0].substr(0, head.size()), head);
 }
 
 TEST_F(DataPathSmTest, ASourceThatCannotStartIsLoggedOnceAndRetried) {
