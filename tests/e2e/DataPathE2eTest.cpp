@@ -279,6 +279,11 @@ class RoutedDataPath : public DataPathE2e {
     }
   }
   void TearDown() override {
+    // Stopped as a service is, so that it removes its statistics table on the way out.
+    if (daemon && daemon->running()) {
+      daemon->signal(SIGTERM);
+      daemon->wait();
+    }
     daemon.reset();
     if (gSkip.empty()) {
       TestSupport::runCommand("ip link del r1");
