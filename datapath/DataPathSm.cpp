@@ -59,6 +59,10 @@ struct DataPathSm::Tracker {
   FlowCache cache;
   Zub::Ptr<HwFlowTracking::FtConfig> hw;
   std::vector<FlowRecordBatch::Record> pending;
+  // Per family, the encoder of the published template and the group it was made from:
+  // made again only when the template is published anew.
+  std::optional<FlowRecordEncoder> encoders[2];
+  Zub::Ptr<HwFlowTracking::FgStatus> encodedGroup[2];
 };
 
 // Ended flows of one tracker, encoded for the template of their family.
@@ -67,23 +71,23 @@ class DataPathSm::Sink : public FlowSink {
   Sink(DataPathSm& sm, Tracker& t) : sm_(sm), t_(t) {}
   void flowEnded(const FlowRecord& r, FlowEndReason reason) override {
     const uint16_t id = r.key.ipVersion == 4 ? kTemplateIpv4 : kTemplateIpv6;
-    auto& encoder = encoders_[r.key.ipVersion == 4 ? 0 : 1];
-    if (!encoder) {
-      auto status = sm_.hwStatus_->hwFtStatus(t_.hw->name());
-      auto group = status ? status->hwFgStatus(TemplateId(id)) : nullptr;
-      if (!group) {
-        ++sm_.unencoded_;  // the template is not published (yet): nothing to send it as
-        return;
-      }
-      encoder.emplace(*group);
+    const int family = r.key.ipVersion == 4 ? 0 : 1;
+    auto status = sm_.hwStatus_->hwFtStatus(t_.hw->name());
+    auto group = status ? status->hwFgStatus(TemplateId(id)) : nullptr;
+    if (!group) {
+      ++sm_.unencoded_;  // the template is not published (yet): nothing to send it as
+      return;
     }
-    t_.pending.emplace_back(TemplateId(id), encoder->encode(r, reason));
+    if (t_.encodedGroup[family] != group) {
+      t_.encoders[family].emplace(*group);
+      t_.encodedGroup[family] = group;
+    }
+    t_.pending.emplace_back(TemplateId(id), t_.encoders[family]->encode(r, reason));
   }
 
  private:
   DataPathSm& sm_;
   Tracker& t_;
-  std::optional<FlowRecordEncoder> encoders_[2];
 };
 
 DataPathSm::DataPathSm(const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
@@ -236,11 +240,11 @@ void DataPathSm::handleSample_(const Nelo::IntfId& intf, const Sample& s) {
     return;
   }
   const FlowKey key = flowKeyOf(info, pit->second.ifindex, pit->second.vrfId);
-  FlowSample fs = flowSampleOf(info, s.wallNs);
-  const bool known = t->cache.find(key) != nullptr;
-  if (!known && egressOf_) fs.egressIf = egressOf_(key);
   Sink sink(*this, *t);
-  t->cache.sample(key, fs, scheduler_.now(), sink);
+  // Only a new flow asks for its route: one look-up of the key per sample.
+  if (t->cache.sample(key, flowSampleOf(info, s.wallNs), scheduler_.now(), sink) && egressOf_) {
+    if (const uint32_t egress = egressOf_(key)) t->cache.egressIs(key, egress);
+  }
   if (!t->pending.empty()) publish_(*t);  // ended by the sample (active timeout, room)
   scheduleTick_(false);
 }

@@ -219,11 +219,12 @@ void FlowCache::restart(uint32_t index, int64_t nowNs) {
   append(started_, &FlowRecord::startPrev, &FlowRecord::startNext, index);
 }
 
-void FlowCache::sample(const FlowKey& key, const FlowSample& s, int64_t nowNs, FlowSink& sink) {
+bool FlowCache::sample(const FlowKey& key, const FlowSample& s, int64_t nowNs, FlowSink& sink) {
   const uint64_t h = hashOf(key);
   uint32_t slot = findSlot(key, h);
   uint32_t index;
-  if (slots_[slot].item != 0) {
+  const bool created = slots_[slot].item == 0;
+  if (!created) {
     index = slots_[slot].item - 1;
     FlowRecord& r = records_[index];
     if (nowNs - r.startNs >= config_.activeTimeoutNs) {
@@ -262,6 +263,7 @@ void FlowCache::sample(const FlowKey& key, const FlowSample& s, int64_t nowNs, F
   r.lastSeenNs = nowNs;
   if (s.egressIf != 0) r.egressIf = s.egressIf;
   append(idle_, &FlowRecord::idlePrev, &FlowRecord::idleNext, index);
+  return created;
 }
 
 bool FlowCache::expire(int64_t nowNs, size_t budget, FlowSink& sink) {

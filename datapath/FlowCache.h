@@ -98,7 +98,8 @@ class FlowCache {
   // Adds a sample to its flow (a new one when there is none; when the cache is full
   // its least recently seen flow ends first, reason 5). A flow past its active timeout
   // ends (reason 2) and restarts with this sample.
-  void sample(const FlowKey& key, const FlowSample& s, int64_t nowNs, FlowSink& sink);
+  // Returns whether the sample started a new flow.
+  bool sample(const FlowKey& key, const FlowSample& s, int64_t nowNs, FlowSink& sink);
   // Ends the flows whose timeouts have passed at `nowNs`, at most `budget` of them
   // (records that end silently do not count). Returns whether more are due.
   bool expire(int64_t nowNs, size_t budget, FlowSink& sink);

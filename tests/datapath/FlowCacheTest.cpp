@@ -80,8 +80,8 @@ FlowCache::Config config(uint32_t capacity, int64_t idle, int64_t active) {
 TEST(FlowCache, IdleAndActiveTimeoutsAtTheirBoundaries) {
   FlowCache cache(config(16, 15 * kS, 60 * kS));
   Sink sink;
-  cache.sample(key(1), packet(100, 0, 5000), 0, sink);
-  cache.sample(key(1), packet(200, 0, 6000), 1 * kS, sink);
+  EXPECT_TRUE(cache.sample(key(1), packet(100, 0, 5000), 0, sink));  // a new flow
+  EXPECT_FALSE(cache.sample(key(1), packet(200, 0, 6000), 1 * kS, sink));
   EXPECT_EQ(cache.nextDeadlineNs(), 16 * kS);
   EXPECT_FALSE(cache.expire(16 * kS - kMs, 100, sink));  // a millisecond early: kept
   EXPECT_TRUE(sink.ended.empty());
