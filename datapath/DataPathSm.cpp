@@ -1,5 +1,9 @@
 #include "datapath/DataPathSm.h"
 
+#include <bit>
+#include <cstddef>
+#include <cstring>
+
 #include "platform/zub/Glint.h"
 #include "platform/zub/LogHandle.h"
 
@@ -31,15 +35,27 @@ constexpr uint16_t kTemplateIpv6 = 262;
 }  // namespace
 
 FlowKey flowKeyOf(const PacketInfo& info, uint32_t ingressIf, uint32_t vrfId) {
+  // Made as six whole words and stored as such: the hash and the look-up read it as
+  // words at once, and reading words over narrower stores stalls the load.
+  uint64_t w[6] = {};
+  if (info.ipVersion == 4) {
+    uint32_t a;
+    std::memcpy(&a, info.src.data(), 4);
+    w[0] = a;
+    std::memcpy(&a, info.dst.data(), 4);
+    w[2] = a;
+  } else {
+    std::memcpy(&w[0], info.src.data(), 16);
+    std::memcpy(&w[2], info.dst.data(), 16);
+  }
   FlowKey key;
-  key.ipVersion = info.ipVersion;
-  key.protocol = info.protocol;
-  key.src = info.src;
-  key.dst = info.dst;
-  key.srcPort = info.srcPort;
-  key.dstPort = info.dstPort;
-  key.ingressIf = ingressIf;
-  key.vrfId = vrfId;
+  static_assert(offsetof(FlowKey, ingressIf) == 32 && offsetof(FlowKey, srcPort) == 40 &&
+                offsetof(FlowKey, protocol) == 44 && offsetof(FlowKey, ipVersion) == 45);
+  static_assert(std::endian::native == std::endian::little);
+  w[4] = ingressIf | uint64_t{vrfId} << 32;
+  w[5] = info.srcPort | uint64_t{info.dstPort} << 16 | uint64_t{info.protocol} << 32 |
+         uint64_t{info.ipVersion} << 40;
+  std::memcpy(&key, w, sizeof w);
   return key;
 }
 
@@ -53,12 +69,60 @@ FlowSample flowSampleOf(const PacketInfo& info, int64_t wallNs) {
   return s;
 }
 
+size_t addSamples(std::span<const Sample> samples, uint32_t ingressIf, uint32_t vrfId,
+                  int64_t nowNs, FlowCache& cache, FlowSink& sink, const EgressOf& egressOf) {
+  constexpr size_t kBatch = SampleSource::kBatch;
+  // Storage for one pass, left uninitialised: each entry is written before it is read.
+  union Pass {
+    Pass() {}
+    FlowKey keys[kBatch];
+  } pass;
+  union Adds {
+    Adds() {}
+    FlowSample adds[kBatch];
+  } added;
+  FlowKey* keys = pass.keys;
+  FlowSample* adds = added.adds;
+  uint64_t hashes[kBatch];
+  size_t refused = 0;
+  while (!samples.empty()) {
+    const size_t n = std::min(samples.size(), kBatch);
+    // Frames are fetched a few samples ahead of the parser.
+    constexpr size_t kAhead = 6;
+    for (size_t i = 0; i < std::min(n, kAhead); ++i) __builtin_prefetch(samples[i].frame);
+    size_t m = 0;
+    for (size_t i = 0; i < n; ++i) {
+      if (i + kAhead < n) __builtin_prefetch(samples[i + kAhead].frame);
+      const Sample& s = samples[i];
+      PacketInfo info;
+      const ParseResult r = parsePacket(s.frame, s.snapLen, s.wireLen, s.gso, s.vlan, info);
+      if (r != ParseResult::ok) {
+        if (r != ParseResult::notIp) ++refused;
+        continue;
+      }
+      keys[m] = flowKeyOf(info, ingressIf, vrfId);
+      adds[m] = flowSampleOf(info, s.wallNs);
+      hashes[m] = cache.hashOf(keys[m]);
+      cache.prefetchSlot(hashes[m]);
+      ++m;
+    }
+    for (size_t i = 0; i < m; ++i) cache.prefetchRecord(hashes[i]);
+    for (size_t i = 0; i < m; ++i) {
+      FlowRecord* started = cache.sample(keys[i], hashes[i], adds[i], nowNs, sink);
+      // Only a new flow asks for its route: most flows of sampled traffic have one sample.
+      if (started && egressOf) started->egressIf = egressOf(keys[i]);
+    }
+    samples = samples.subspan(n);
+  }
+  return refused;
+}
+
 struct DataPathSm::Tracker {
   Tracker(const FlowCache::Config& config, const Zub::Ptr<HwFlowTracking::FtConfig>& hw)
       : cache(config), hw(hw) {}
   FlowCache cache;
   Zub::Ptr<HwFlowTracking::FtConfig> hw;
-  std::vector<FlowRecordBatch::Record> pending;
+  FlowRecords pending;
   // Per family, the encoder of the published template and the group it was made from:
   // made again only when the template is published anew.
   std::optional<FlowRecordEncoder> encoders[2];
@@ -82,7 +146,10 @@ class DataPathSm::Sink : public FlowSink {
       t_.encoders[family].emplace(*group);
       t_.encodedGroup[family] = group;
     }
-    t_.pending.emplace_back(TemplateId(id), t_.encoders[family]->encode(r, reason));
+    const FlowRecordEncoder& encoder = *t_.encoders[family];
+    encoder.encode(
+        r, reason,
+        t_.pending.append(TemplateId(id), static_cast<uint16_t>(encoder.recordLength())));
   }
 
  private:
@@ -198,8 +265,9 @@ void DataPathSm::handleIntf(const Nelo::IntfId& intf) {
 
 void DataPathSm::startPort_(const Nelo::IntfId& intf, Port& port) {
   const uint32_t rate = options_.sampleRate.value_or(hwConfig_->sampleRate());
-  port.source = sourceFactory_(port.ifindex, rate, options_.snapLen,
-                               [this, intf](const Sample& s) { handleSample_(intf, s); });
+  port.source =
+      sourceFactory_(port.ifindex, rate, options_.snapLen,
+                     [this, intf](std::span<const Sample> s) { handleSamples_(intf, s); });
   std::string error;
   if (port.source->start(&error)) {
     port.failed = false;
@@ -227,25 +295,16 @@ void DataPathSm::handleSampleRate() {
   }
 }
 
-void DataPathSm::handleSample_(const Nelo::IntfId& intf, const Sample& s) {
+void DataPathSm::handleSamples_(const Nelo::IntfId& intf, std::span<const Sample> samples) {
   auto pit = ports_.find(intf);
   if (pit == ports_.end()) return;
   Tracker* t = tracker_(pit->second.tracker);
   if (!t) return;
-  ++samples_;
-  PacketInfo info;
-  const ParseResult r = parsePacket(s.frame, s.snapLen, s.wireLen, s.gso, s.vlan, info);
-  if (r != ParseResult::ok) {
-    if (r != ParseResult::notIp) ++parseErrors_;
-    return;
-  }
-  const FlowKey key = flowKeyOf(info, pit->second.ifindex, pit->second.vrfId);
+  samples_ += samples.size();
   Sink sink(*this, *t);
-  // Only a new flow asks for its route: one look-up of the key per sample.
-  if (t->cache.sample(key, flowSampleOf(info, s.wallNs), scheduler_.now(), sink) && egressOf_) {
-    if (const uint32_t egress = egressOf_(key)) t->cache.egressIs(key, egress);
-  }
-  if (!t->pending.empty()) publish_(*t);  // ended by the sample (active timeout, room)
+  parseErrors_ += addSamples(samples, pit->second.ifindex, pit->second.vrfId, scheduler_.now(),
+                             t->cache, sink, egressOf_);
+  if (!t->pending.empty()) publish_(*t);  // ended by a sample (active timeout, room)
   scheduleTick_(false);
 }
 

@@ -38,6 +38,18 @@ namespace FlowTracking {
 FlowKey flowKeyOf(const PacketInfo& info, uint32_t ingressIf, uint32_t vrfId);
 FlowSample flowSampleOf(const PacketInfo& info, int64_t wallNs);
 
+// The egress of a flow when known (0 otherwise; the cache is told later).
+using EgressOf = std::function<uint32_t(const FlowKey&)>;
+
+// Adds a batch of one interface's samples to its tracker's cache at `nowNs`: each is
+// parsed and keyed on `ingressIf` in `vrfId`; a flow it starts takes its egress from
+// `egressOf` (when there is one). The batch goes in passes (parse and hash, then the
+// records the slots name, then the adds), so that the cache's memory for all of its
+// samples is on the way before the first add waits for it. Returns how many samples
+// were IP packets that did not parse (truncated, malformed).
+size_t addSamples(std::span<const Sample> samples, uint32_t ingressIf, uint32_t vrfId,
+                  int64_t nowNs, FlowCache& cache, FlowSink& sink, const EgressOf& egressOf);
+
 class DataPathSm : public Zub::Reactor {
  public:
   struct Options {
@@ -53,7 +65,7 @@ class DataPathSm : public Zub::Reactor {
   // The VRF id of an interface (0 for the default VRF or none).
   using VrfIdOf = std::function<uint32_t(const Nelo::IntfId&)>;
   // The egress of a flow when known (0 otherwise; `egressIs` tells it later).
-  using EgressOf = std::function<uint32_t(const FlowKey&)>;
+  using EgressOf = FlowTracking::EgressOf;
   // The exporters' container of a tracker (null when it has none yet).
   using ContainerOf = std::function<Zub::Ptr<OptionsDataContainer>(const Zub::Name&)>;
 
@@ -98,7 +110,7 @@ class DataPathSm : public Zub::Reactor {
   };
   class Sink;
 
-  void handleSample_(const Nelo::IntfId& intf, const Sample& s);
+  void handleSamples_(const Nelo::IntfId& intf, std::span<const Sample> samples);
   void startPort_(const Nelo::IntfId& intf, Port& port);
   void publish_(Tracker& t);
   Tracker* tracker_(const Zub::Name& name);

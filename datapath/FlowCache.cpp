@@ -58,8 +58,16 @@ FlowCache::Array<T>::Array(size_t n) : n_(n) {
 #else
   constexpr size_t kHuge = size_t{2} << 20;
   bytes_ = (n * sizeof(T) + kHuge - 1) / kHuge * kHuge;
-  void* p = ::mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  // A huge page needs an aligned address: one page more is mapped and the ends trimmed.
+  void* p =
+      ::mmap(nullptr, bytes_ + kHuge, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (p == MAP_FAILED) throw std::bad_alloc();
+  const auto at = reinterpret_cast<uintptr_t>(p);
+  const uintptr_t aligned = (at + kHuge - 1) & ~(kHuge - 1);
+  if (aligned > at) ::munmap(p, aligned - at);
+  if (aligned - at < kHuge)
+    ::munmap(reinterpret_cast<void*>(aligned + bytes_), kHuge - (aligned - at));
+  p = reinterpret_cast<void*>(aligned);
   ::madvise(p, bytes_, MADV_HUGEPAGE);  // a hint: without it the pages are small ones
   p_ = static_cast<T*>(p);
   std::uninitialized_value_construct_n(p_, n);
@@ -79,26 +87,6 @@ FlowCache::Array<T>::~Array() {
 
 template class FlowCache::Array<FlowCache::Slot>;
 template class FlowCache::Array<FlowRecord>;
-
-// A keyed hash of the key's six words, in the manner of wyhash: each pair of words,
-// mixed with the secret, is multiplied into 128 bits and folded. Without the secret (from
-// getrandom at start) nobody can choose keys that collide; it costs a few multiplies where
-// SipHash-1-3 costs nine rounds, which is most of a sample's time.
-uint64_t FlowCache::keyedHash(const FlowKey& key, const std::array<uint64_t, 2>& secret) {
-  uint64_t w[6];
-  std::memcpy(w, &key, sizeof w);
-  auto mum = [](uint64_t a, uint64_t b) {
-    const unsigned __int128 r = static_cast<unsigned __int128>(a) * b;
-    return static_cast<uint64_t>(r) ^ static_cast<uint64_t>(r >> 64);
-  };
-  constexpr uint64_t kP0 = 0xa0761d6478bd642fULL, kP1 = 0xe7037ed1a0b428dbULL,
-                     kP2 = 0x8ebc6af09c88c6e3ULL;
-  const uint64_t s0 = secret[0] ^ kP0, s1 = secret[1] ^ kP1;
-  uint64_t h = mum(w[0] ^ s0, w[1] ^ s1);
-  h = mum(w[2] ^ s1 ^ h, w[3] ^ kP2);
-  h = mum(w[4] ^ s0 ^ h, w[5] ^ s1);
-  return mum(h ^ kP0, sizeof(FlowKey) ^ kP1 ^ secret[0]);
-}
 
 // SipHash-1-3 over the key's 48 bytes (six whole words, then the length block).
 uint64_t FlowCache::sipHash(const FlowKey& key, const std::array<uint64_t, 2>& secret) {
@@ -183,9 +171,11 @@ void FlowCache::append(List& list, Link prev, Link next, uint32_t i) {
 // Takes the record out of the index (backward-shift: later members of its probe run
 // move up, so no run has a hole) and out of both lists.
 void FlowCache::remove(uint32_t index) {
-  FlowRecord& r = records_[index];
-  uint64_t hole = findSlot(r.key, hashOf(r.key));
-  ZUB_ASSERT_TEXT(slots_[hole].item == index + 1, "slot of the record");
+  uint64_t hole = records_[index].tag & mask_;
+  while (slots_[hole].item != index + 1) {
+    ZUB_ASSERT_TEXT(slots_[hole].item != 0, "slot of the record");
+    hole = (hole + 1) & mask_;
+  }
   for (uint64_t s = (hole + 1) & mask_; slots_[s].item != 0; s = (s + 1) & mask_) {
     // The tag is the hash's low half, which holds the home slot: no record is read.
     const uint64_t home = slots_[s].tag & mask_;
@@ -219,8 +209,8 @@ void FlowCache::restart(uint32_t index, int64_t nowNs) {
   append(started_, &FlowRecord::startPrev, &FlowRecord::startNext, index);
 }
 
-bool FlowCache::sample(const FlowKey& key, const FlowSample& s, int64_t nowNs, FlowSink& sink) {
-  const uint64_t h = hashOf(key);
+FlowRecord* FlowCache::sample(const FlowKey& key, uint64_t h, const FlowSample& s, int64_t nowNs,
+                              FlowSink& sink) {
   uint32_t slot = findSlot(key, h);
   uint32_t index;
   const bool created = slots_[slot].item == 0;
@@ -246,6 +236,7 @@ bool FlowCache::sample(const FlowKey& key, const FlowSample& s, int64_t nowNs, F
     FlowRecord& r = records_[index];
     r = FlowRecord();
     r.key = key;
+    r.tag = static_cast<uint32_t>(h);
     r.startNs = nowNs;
     r.firstWallMs = s.wallMs;
     r.tos = s.tos;
@@ -263,7 +254,7 @@ bool FlowCache::sample(const FlowKey& key, const FlowSample& s, int64_t nowNs, F
   r.lastSeenNs = nowNs;
   if (s.egressIf != 0) r.egressIf = s.egressIf;
   append(idle_, &FlowRecord::idlePrev, &FlowRecord::idleNext, index);
-  return created;
+  return created ? &r : nullptr;
 }
 
 bool FlowCache::expire(int64_t nowNs, size_t budget, FlowSink& sink) {

@@ -8,15 +8,37 @@ namespace FlowTracking {
 namespace {
 
 // The low `len` bytes of `v`, big-endian.
-void putUint(std::string& out, uint64_t v, uint16_t len) {
-  for (int i = len - 1; i >= 0; --i) {
-    out += static_cast<char>(i < 8 ? (v >> (8 * i)) & 0xFF : 0);
+uint8_t* putUint(uint8_t* out, uint64_t v, uint16_t len) {
+  switch (len) {
+    case 1:
+      *out = static_cast<uint8_t>(v);
+      return out + 1;
+    case 2: {
+      const auto w = __builtin_bswap16(static_cast<uint16_t>(v));
+      std::memcpy(out, &w, 2);
+      return out + 2;
+    }
+    case 4: {
+      const auto w = __builtin_bswap32(static_cast<uint32_t>(v));
+      std::memcpy(out, &w, 4);
+      return out + 4;
+    }
+    case 8: {
+      const auto w = __builtin_bswap64(v);
+      std::memcpy(out, &w, 8);
+      return out + 8;
+    }
+    default:
+      for (int i = len - 1; i >= 0; --i) *out++ = i < 8 ? static_cast<uint8_t>(v >> (8 * i)) : 0;
+      return out;
   }
 }
 
-void putBytes(std::string& out, const uint8_t* p, size_t n, uint16_t len) {
-  out.append(reinterpret_cast<const char*>(p), std::min<size_t>(n, len));
-  if (len > n) out.append(len - n, '\0');
+uint8_t* putBytes(uint8_t* out, const uint8_t* p, size_t n, uint16_t len) {
+  const size_t copied = std::min<size_t>(n, len);
+  std::memcpy(out, p, copied);
+  std::memset(out + copied, 0, len - copied);
+  return out + len;
 }
 
 }  // namespace
@@ -36,71 +58,75 @@ FlowRecordEncoder::FlowRecordEncoder(const HwFlowTracking::FgStatus& group)
 
 Zub::Ptr<const DataRecord> FlowRecordEncoder::encode(const FlowRecord& flow,
                                                      FlowEndReason reason) const {
-  std::string out;
-  out.reserve(length_);
+  std::string out(length_, '\0');
+  encode(flow, reason, reinterpret_cast<uint8_t*>(out.data()));
+  return Zub::Ptr<const DataRecord>(new DataRecord(out));
+}
+
+void FlowRecordEncoder::encode(const FlowRecord& flow, FlowEndReason reason, uint8_t* out) const {
   const FlowKey& k = flow.key;
   using RT = Ipfix::RecordType;
   for (const Field& f : fields_) {
     switch (f.type) {
       case RT::srcIp:
-        putBytes(out, k.src.data(), 4, f.len);
+        out = putBytes(out, k.src.data(), 4, f.len);
         break;
       case RT::dstIp:
-        putBytes(out, k.dst.data(), 4, f.len);
+        out = putBytes(out, k.dst.data(), 4, f.len);
         break;
       case RT::srcIp6:
-        putBytes(out, k.src.data(), 16, f.len);
+        out = putBytes(out, k.src.data(), 16, f.len);
         break;
       case RT::dstIp6:
-        putBytes(out, k.dst.data(), 16, f.len);
+        out = putBytes(out, k.dst.data(), 16, f.len);
         break;
       case RT::ipProtocol:
-        putUint(out, k.protocol, f.len);
+        out = putUint(out, k.protocol, f.len);
         break;
       case RT::srcL4Port:
-        putUint(out, k.srcPort, f.len);
+        out = putUint(out, k.srcPort, f.len);
         break;
       case RT::dstL4Port:
-        putUint(out, k.dstPort, f.len);
+        out = putUint(out, k.dstPort, f.len);
         break;
       case RT::ingressInterface:
-        putUint(out, k.ingressIf, f.len);
+        out = putUint(out, k.ingressIf, f.len);
         break;
       case RT::vrfId:
-        putUint(out, k.vrfId, f.len);
+        out = putUint(out, k.vrfId, f.len);
         break;
       case RT::ipClassOfService:
-        putUint(out, flow.tos, f.len);
+        out = putUint(out, flow.tos, f.len);
         break;
       case RT::tcpControlBits:
-        putUint(out, flow.tcpFlags, f.len);
+        out = putUint(out, flow.tcpFlags, f.len);
         break;
       case RT::egressInterface:
-        putUint(out, flow.egressIf, f.len);
+        out = putUint(out, flow.egressIf, f.len);
         break;
       case RT::byteCount:
-        putUint(out, flow.octets, f.len);
+        out = putUint(out, flow.octets, f.len);
         break;
       case RT::packetCount:
-        putUint(out, flow.packets, f.len);
+        out = putUint(out, flow.packets, f.len);
         break;
       case RT::timeStampFlowStart:
-        putUint(out, static_cast<uint64_t>(flow.firstWallMs), f.len);
+        out = putUint(out, static_cast<uint64_t>(flow.firstWallMs), f.len);
         break;
       case RT::timeStampFlowEnd:
-        putUint(out, static_cast<uint64_t>(flow.lastWallMs), f.len);
+        out = putUint(out, static_cast<uint64_t>(flow.lastWallMs), f.len);
         break;
       case RT::flowEndReason:
-        putUint(out, reason, f.len);
+        out = putUint(out, reason, f.len);
         break;
       default:
         // A field the software data path does not know: zero, as a chip reports what
         // it does not measure.
-        out.append(f.len, '\0');
+        std::memset(out, 0, f.len);
+        out += f.len;
         break;
     }
   }
-  return Zub::Ptr<const DataRecord>(new DataRecord(out));
 }
 
 }  // namespace FlowTracking

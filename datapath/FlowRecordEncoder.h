@@ -23,6 +23,8 @@ class FlowRecordEncoder {
   // The fields of a published template.
   explicit FlowRecordEncoder(const HwFlowTracking::FgStatus& group);
 
+  // Writes the record's `recordLength()` bytes at `out`.
+  void encode(const FlowRecord& flow, FlowEndReason reason, uint8_t* out) const;
   Zub::Ptr<const DataRecord> encode(const FlowRecord& flow, FlowEndReason reason) const;
   size_t recordLength() const { return length_; }
   const std::vector<Field>& fields() const { return fields_; }

@@ -143,42 +143,48 @@ void PacketSocketSource::drain() {
   if (!ring_) return;
   const size_t blockBytes = options_.blockBytes;
   for (uint32_t n = 0; n < options_.blocks; ++n) {
-    auto* block = reinterpret_cast<tpacket_block_desc*>(ring_ + nextBlock_ * blockBytes);
+    uint8_t* blockBase = ring_ + nextBlock_ * blockBytes;
+    auto* block = reinterpret_cast<tpacket_block_desc*>(blockBase);
     std::atomic_ref<uint32_t> status(block->hdr.bh1.block_status);
     if ((status.load(std::memory_order_acquire) & TP_STATUS_USER) == 0) break;
     const uint32_t count = block->hdr.bh1.num_pkts;
     size_t at = block->hdr.bh1.offset_to_first_pkt;
+    size_t batched = 0;
     for (uint32_t i = 0; i < count; ++i) {
       // The kernel's offsets, checked anyway: a sample never reads outside its block.
       if (at + sizeof(tpacket3_hdr) > blockBytes) break;
-      const auto* h = reinterpret_cast<const tpacket3_hdr*>(ring_ + nextBlock_ * blockBytes + at);
+      const auto* h = reinterpret_cast<const tpacket3_hdr*>(blockBase + at);
       const uint8_t* base = reinterpret_cast<const uint8_t*>(h);
-      // The next sample's header and first frame bytes are fetched while this one is
-      // handled: the ring is written by the kernel and not in this CPU's caches.
-      if (h->tp_next_offset != 0 && at + h->tp_next_offset + 192 <= blockBytes) {
-        const uint8_t* next = base + h->tp_next_offset;
-        __builtin_prefetch(next);
-        __builtin_prefetch(next + 64);
-        __builtin_prefetch(next + 128);
+      // The next sample's header is fetched while this one is read.
+      if (h->tp_next_offset != 0 && at + h->tp_next_offset + 64 <= blockBytes) {
+        __builtin_prefetch(base + h->tp_next_offset);
       }
       const auto* sll =
           reinterpret_cast<const sockaddr_ll*>(base + TPACKET_ALIGN(sizeof(tpacket3_hdr)));
       if (h->tp_mac >= sizeof(VnetHeader) && at + h->tp_mac + h->tp_snaplen <= blockBytes) {
-        Sample s;
+        Sample& s = batch_[batched++];
         s.frame = base + h->tp_mac;
         s.snapLen = h->tp_snaplen;
         s.wireLen = h->tp_len;
         s.ifindex = static_cast<uint32_t>(sll->sll_ifindex);
-        if (h->tp_status & TP_STATUS_VLAN_VALID) s.vlan = h->hv1.tp_vlan_tci & 0x0FFF;
+        s.vlan = (h->tp_status & TP_STATUS_VLAN_VALID) ? h->hv1.tp_vlan_tci & 0x0FFF : 0;
         VnetHeader vnet;
         std::memcpy(&vnet, base + h->tp_mac - sizeof vnet, sizeof vnet);
-        if (vnet.gsoType != 0) s.gso.gsoSize = vnet.gsoSize;
+        s.gso.gsoSize = vnet.gsoType != 0 ? vnet.gsoSize : 0;
         s.wallNs = int64_t{h->tp_sec} * 1'000'000'000 + h->tp_nsec;
-        ++samples_;
-        handler_(s);
+        if (batched == kBatch) {
+          samples_ += batched;
+          handler_(std::span<const Sample>(batch_, batched));
+          batched = 0;
+        }
       }
       if (h->tp_next_offset == 0) break;
       at += h->tp_next_offset;
+    }
+    // The samples point into the block: all are handled before it goes back.
+    if (batched > 0) {
+      samples_ += batched;
+      handler_(std::span<const Sample>(batch_, batched));
     }
     status.store(TP_STATUS_KERNEL, std::memory_order_release);
     nextBlock_ = (nextBlock_ + 1) % options_.blocks;

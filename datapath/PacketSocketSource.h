@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string>
 
 #include "datapath/PacketParser.h"
@@ -28,10 +29,14 @@ struct Sample {
   int64_t wallNs = 0;  // when the kernel received it
 };
 
-// Where samples come from: a packet socket, or what a test feeds.
+// Where samples come from: a packet socket, or what a test feeds. Samples are handed
+// over in batches (up to `kBatch`, all of one interface), so that the work per batch
+// (finding the interface and its tracker, reading the clock) is done once and the flow
+// cache can fetch the memory of a whole batch before it is needed.
 class SampleSource {
  public:
-  using Handler = std::function<void(const Sample&)>;
+  static constexpr size_t kBatch = 64;
+  using Handler = std::function<void(std::span<const Sample>)>;
   virtual ~SampleSource() = default;
   virtual bool start(std::string* error) = 0;
   virtual bool sampleRateIs(uint32_t rate, std::string* error) = 0;
@@ -78,6 +83,7 @@ class PacketSocketSource : public SampleSource {
   uint8_t* ring_ = nullptr;
   size_t ringBytes_ = 0;
   uint32_t nextBlock_ = 0;
+  Sample batch_[kBatch];
   uint64_t samples_ = 0;
   uint64_t drops_ = 0;
 };

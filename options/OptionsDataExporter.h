@@ -9,8 +9,10 @@
 // Ptr<const DataRecord> and never changed after publishing. The manager creates the
 // containers, the sources write into them, the exporters only read.
 
+#include <cstring>
 #include <map>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -82,6 +84,44 @@ class OptionsDataUpdate : public Zub::Entity {
   Update update_{TemplateId(TemplateId::invalidTemplateId), nullptr};
 };
 
+// Data records of several sets in order, each tagged with its set id.
+class FlowRecords {
+ public:
+  struct Record {
+    TemplateId setId;
+    uint16_t len;
+    uint32_t offset;  // in the batch's bytes
+  };
+  // Room for a record of `len` bytes of set `setId`, to be written at once: records lie
+  // back to back in one buffer, so a batch that is reused allocates nothing per record.
+  uint8_t* append(TemplateId setId, uint16_t len) {
+    const size_t at = bytes_.size();
+    bytes_.resize(at + len);
+    records_.push_back({setId, len, static_cast<uint32_t>(at)});
+    return reinterpret_cast<uint8_t*>(bytes_.data()) + at;
+  }
+  void append(TemplateId setId, std::string_view bytes) {
+    std::memcpy(append(setId, static_cast<uint16_t>(bytes.size())), bytes.data(), bytes.size());
+  }
+  std::string_view bytes(const Record& r) const { return {bytes_.data() + r.offset, r.len}; }
+  const std::vector<Record>& list() const { return records_; }
+  size_t size() const { return records_.size(); }
+  bool empty() const { return records_.empty(); }
+  // Keeps the buffers' room.
+  void clear() {
+    records_.clear();
+    bytes_.clear();
+  }
+  void swap(FlowRecords& o) noexcept {
+    records_.swap(o.records_);
+    bytes_.swap(o.bytes_);
+  }
+
+ private:
+  std::vector<Record> records_;
+  std::string bytes_;
+};
+
 // Data records of the tracker's flow templates, ended by the software data path. Its
 // owner fills `records` and raises `version`; each exporter of the tracker sends them to
 // its collectors within that notification, through the path of the options data, so the
@@ -89,13 +129,12 @@ class OptionsDataUpdate : public Zub::Entity {
 class FlowRecordBatch : public Zub::Entity {
  public:
   explicit FlowRecordBatch(const Zub::Name& ftName) : Entity(ftName) {}
-  using Record = std::pair<TemplateId, Zub::Ptr<const DataRecord>>;
-  std::vector<Record>& records() { return records_; }
-  const std::vector<Record>& records() const { return records_; }
+  FlowRecords& records() { return records_; }
+  const FlowRecords& records() const { return records_; }
   ZUB_COUNTER(uint32_t, version)
 
  private:
-  std::vector<Record> records_;
+  FlowRecords records_;
 };
 
 // What the exporters of one tracker read: the global and the tracker's own sources and

@@ -404,16 +404,17 @@ void OptionsDataExporterSm::sendFlowRecords() {
   if (records.empty() || !txReady()) return;
   BuilderWrapper b(maxMsgSize_(), ftId_.value());
   b.startMsg();
-  for (const auto& [setId, record] : records) {
-    if (b.addSetRecord(setId, record) > 0) continue;
+  for (const FlowRecords::Record& r : records.list()) {
+    const std::string_view record = records.bytes(r);
+    if (b.addSetRecord(r.setId, record) > 0) continue;
     if (b.hasRecords()) {
       sendMessageToCollectors(*b.finalizeMsg());
       b.startMsg();
     }
-    if (b.addSetRecord(setId, record) == 0) {
+    if (b.addSetRecord(r.setId, record) == 0) {
       // Larger than a message of this exporter's MTU can carry: cannot be sent.
-      TRACE_SM(0, "sendFlowRecords") << "a record of " << record->dataLen()
-                                     << " bytes exceeds the message size " << maxMsgSize_();
+      TRACE_SM(0, "sendFlowRecords")
+          << "a record of " << record.size() << " bytes exceeds the message size " << maxMsgSize_();
     }
   }
   if (b.hasRecords()) sendMessageToCollectors(*b.finalizeMsg());

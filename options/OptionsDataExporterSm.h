@@ -72,7 +72,9 @@ class BuilderWrapper {
   void recycleFrom(Zub::LinkQueue<Zub::Ptr<MessageWrapper>>* old) { recycle_ = old; }
   // Bytes consumed, 0 when the record does not fit the current message.
   uint32_t addSetRecord(TemplateId setId, const Zub::Ptr<const DataRecord>& record) {
-    const std::string_view bytes = record->data();
+    return addSetRecord(setId, record->data());
+  }
+  uint32_t addSetRecord(TemplateId setId, std::string_view bytes) {
     const uint32_t consumed = addSetRecordBytes(builder_.get(), setId.value(), bytes.data(),
                                                 static_cast<uint32_t>(bytes.size()));
     if (consumed == 0) return 0;

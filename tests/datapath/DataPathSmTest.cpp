@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "datapath/DataPathSm.h"
 #include "options/OptionsDataExporterSm.h"
 #include "platform/nelo/IpfixHeaders.h"
@@ -116,14 +118,18 @@ class DataPathSmTest : public ::testing::Test {
           return s;
         });
   }
-  void sample(uint16_t sport) {
-    const std::string f = frame(sport);
+  Sample sampleOf(const std::string& f) {
     Sample s;
     s.frame = reinterpret_cast<const uint8_t*>(f.data());
     s.snapLen = s.wireLen = static_cast<uint32_t>(f.size());
     s.ifindex = 5;
     s.wallNs = w.clock.wallNs();
-    sources.back()->handler(s);
+    return s;
+  }
+  void sample(uint16_t sport) {
+    const std::string f = frame(sport);
+    const Sample s = sampleOf(f);
+    sources.back()->handler({&s, 1});
   }
   // The records of set 261 sent since the last call, as hex, and the messages' numbers.
   std::vector<std::string> records(std::vector<uint32_t>* seqs = nullptr) {
@@ -185,6 +191,38 @@ TEST_F(DataPathSmTest, SamplesBecomeRecordsSentAfterTheTemplatesInTheOptionsSequ
   const std::string head =
       TestSupport::toHex(hexBytes("c0000201 c6336402 11 0bb8 0035 00000005 00000004"));
   EXPECT_EQ(moved[0].substr(0, head.size()), head);
+}
+
+TEST_F(DataPathSmTest, ABatchLongerThanAPassCountsEverySampleOnce) {
+  startDataPath();
+  w.collector4("T", "E", "a", "192.0.2.9", 4739);
+  w.run();
+  w.recorder.take();
+  // 150 samples over 40 flows (a flow's first and later samples in the same pass), one
+  // of them cut inside its IP header.
+  std::vector<std::string> frames;
+  for (int i = 0; i < 150; ++i) frames.push_back(frame(static_cast<uint16_t>(1 + i % 40)));
+  frames[70].resize(30);
+  std::vector<Sample> batch;
+  for (const std::string& f : frames) batch.push_back(sampleOf(f));
+  sources.back()->handler(batch);
+  EXPECT_EQ(sm->samples(), 150u);
+  EXPECT_EQ(sm->parseErrors(), 1u);
+  EXPECT_EQ(sm->flows("T"), 40u);
+  w.advance(15.25);
+  const auto got = records();
+  ASSERT_EQ(got.size(), 40u);
+  std::map<uint16_t, uint64_t> packets;
+  for (std::string r : got) {
+    std::erase(r, ' ');
+    EXPECT_EQ(r.substr(48, 8), "00000009") << r;  // every new flow asked its route
+    packets[static_cast<uint16_t>(std::stoul(r.substr(18, 4), nullptr, 16))] +=
+        std::stoull(r.substr(72, 16), nullptr, 16);
+  }
+  for (uint16_t p = 1; p <= 40; ++p) {
+    // Ports 1-30 have four samples, 31-40 three; one of port 31's was the cut one.
+    EXPECT_EQ(packets[p], (p <= 30 ? 4u : 3u) - (p == 31 ? 1u : 0u)) << p;
+  }
 }
 
 TEST_F(DataPathSmTest, ASourceThatCannotStartIsLoggedOnceAndRetried) {
