@@ -4,6 +4,7 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -193,6 +194,16 @@ bool FlowExportAgent::reload() {
     restoreFtIds_();
   }
   applyPlatformFrom_(cfg);
+  // Trackers that the file drops (or all, when it disables flow tracking) end their flows
+  // in the data path now (reason 4), while their exporters are still there to send them.
+  if (dataPathSm_) {
+    for (const Zub::Name& name : hwConfig_->hwFtConfigColl().keys()) {
+      const bool kept =
+          cfg.enabled && std::any_of(cfg.trackers.begin(), cfg.trackers.end(),
+                                     [&](const TrackerSpec& t) { return t.name == name; });
+      if (!kept) dataPathSm_->endFlows(name);
+    }
+  }
   applyFlowTracking(config_, cfg);
   dataPathIs_(cfg.platformSource == PlatformSource::kernel);
   appliedText_ = std::move(text);

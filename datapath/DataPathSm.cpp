@@ -358,11 +358,15 @@ void DataPathSm::handleTick() {
 }
 
 void DataPathSm::flushAll() {
-  for (auto& [name, t] : trackers_) {
-    Sink sink(*this, *t);
-    while (t->cache.flush(options_.batch, sink)) publish_(*t);
-    publish_(*t);
-  }
+  for (const auto& [name, t] : trackers_) endFlows(name);
+}
+
+void DataPathSm::endFlows(const Zub::Name& tracker) {
+  Tracker* t = tracker_(tracker);
+  if (!t) return;
+  Sink sink(*this, *t);
+  while (t->cache.flush(options_.batch, sink)) publish_(*t);
+  publish_(*t);
 }
 
 uint64_t DataPathSm::ringDrops() {

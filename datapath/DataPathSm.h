@@ -81,6 +81,8 @@ class DataPathSm : public Zub::Reactor {
   void egressIs(const FlowKey& key, uint32_t egressIf);
   // Ends every flow now (the agent stops).
   void flushAll();
+  // Ends the flows of one tracker now (it is about to go, its exporters still send).
+  void endFlows(const Zub::Name& tracker);
   // The platform changed: each tracked interface's VRF is read again (new flows of an
   // interface that moved are keyed with its new VRF).
   void vrfsChanged();

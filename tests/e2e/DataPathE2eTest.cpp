@@ -1,7 +1,8 @@
 // The software data path against the real kernel, in a network namespace this program
 // makes before the tests run (skipped with the reason where it cannot): frames the test
 // writes onto one end of a veth pair are sampled on the other end's ingress, one in one
-// exactly and one in N within five standard deviations.
+// exactly and one in N within five standard deviations; and flowexportd routing between
+// two more namespaces, its records decoded by tshark and ipfixDump.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -18,6 +19,7 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -299,16 +301,25 @@ class RoutedDataPath : public DataPathE2e {
     }
     DataPathE2e::TearDown();
   }
+  // The daemon's file: tracker t on Ethernet1 (r1), or (`inactive` 0) no tracker at all.
+  void writeConfig(int inactive, int active) {
+    std::ofstream out(dir.file("flowexport.yaml"));
+    out << "flow-tracking:\n  enabled: true\n  sample-rate: 1024\n";
+    if (inactive == 0) {
+      out << "  trackers: []\n";
+    } else {
+      out << "  interfaces: {Ethernet1: t}\n  trackers:\n    - name: t\n"
+          << "      inactive-timeout: " << inactive << "\n"
+          << "      active-interval: " << active << "\n"
+          << "      exporters:\n        - name: e\n          local-interface: lo\n"
+          << "          template-interval: 3600\n          collectors: [\"127.0.0.1:" << rx.port()
+          << "\"]\n";
+    }
+    out << "platform:\n  source: kernel\n  names: {r1: Ethernet1, r2: Ethernet2}\n";
+  }
   void startDaemon(const char* rate, int inactive = 3, int active = 60) {
+    writeConfig(inactive, active);
     const std::string file = dir.file("flowexport.yaml");
-    std::ofstream(file) << "flow-tracking:\n  enabled: true\n  sample-rate: 1024\n"
-                        << "  interfaces: {Ethernet1: t}\n  trackers:\n    - name: t\n"
-                        << "      inactive-timeout: " << inactive << "\n"
-                        << "      active-interval: " << active << "\n"
-                        << "      exporters:\n        - name: e\n          local-interface: lo\n"
-                        << "          template-interval: 3600\n          collectors: [\"127.0.0.1:"
-                        << rx.port() << "\"]\n"
-                        << "platform:\n  source: kernel\n  names: {r1: Ethernet1, r2: Ethernet2}\n";
     daemon = std::make_unique<TestSupport::Daemon>(
         FLOWEXPORTD,
         std::vector<std::string>{"--config", file, "--stats-name",
@@ -405,11 +416,34 @@ class RoutedDataPath : public DataPathE2e {
   }
 };
 
+// ipfixDump's data records of templates 261 and 262, each by field name.
+std::vector<std::map<std::string, std::string>> dumpedFlowRecords(const std::string& out) {
+  std::vector<std::map<std::string, std::string>> records;
+  bool inFlow = false;
+  std::istringstream lines(out);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("\tcount:", 0) == 0) {  // a data record's header: "count: 15 tid: 261"
+      const auto tid = line.find("tid:");
+      const int id = tid == std::string::npos ? 0 : std::atoi(line.c_str() + tid + 4);
+      inFlow = id == 261 || id == 262;
+      if (inFlow) records.emplace_back();
+    } else if (inFlow && line.rfind("\t(", 0) == 0) {  // "(7)   sourceTransportPort : 1004"
+      const auto colon = line.find(" : ");
+      const auto name = line.find_first_not_of(' ', line.find(')') + 1);
+      if (colon == std::string::npos || name >= colon) continue;
+      records.back()[line.substr(name, colon - name)] = line.substr(colon + 3);
+    } else if (line != "fields:") {
+      inFlow = inFlow && line.rfind("header:", 0) != 0 && !line.empty() && line[0] == '\t';
+    }
+  }
+  return records;
+}
+
 // At one in one: a record per 5-tuple with the ingress and egress interfaces' kernel
 // indexes, ToS, ports and exact totals; idle flows end with reason 1, a flow longer than
 // the active interval with reason 2, flows still open when the daemon stops with reason
 // 4; IPv6 flows as records of template 262; sequence numbers run on through options data
-// and records alike (tshark follows them).
+// and records alike (tshark follows them); ipfixDump decodes the same records.
 TEST_F(RoutedDataPath, OneInOneGivesExactRecordsWithTheirEndReasons) {
   startDaemon("1", 3, 5);
   sendFrom(1001, 0x20, 10);
@@ -451,12 +485,53 @@ TEST_F(RoutedDataPath, OneInOneGivesExactRecordsWithTheirEndReasons) {
   EXPECT_EQ(withAddrs.find("1010")->second.substr(0, 13), "2001:db8:1::2");
   EXPECT_EQ(withAddrs.find("1001")->second.substr(0, 11), "198.18.1.2 ");
 
+  // libfixbuf's decoder reads the same records.
+  auto dump = TestSupport::ipfixDumpDecode(all);
+  ASSERT_EQ(dump.status, 0) << dump.err;
+  EXPECT_EQ(dump.err, "");
+  const auto dumped = dumpedFlowRecords(dump.out);
+  // The test's flows (the kernel's own ICMPv6 on the new links is sampled too).
+  std::map<std::string, std::map<std::string, std::string>> byPort;
+  size_t ours = 0;
+  for (const auto& rec : dumped) {
+    auto port = rec.find("destinationTransportPort");
+    if (port == rec.end() || port->second != "5001") continue;
+    ++ours;
+    byPort[rec.at("sourceTransportPort")] = rec;
+  }
+  EXPECT_EQ(ours, 7u) << dump.out;
+  const std::map<std::string, std::string> held = {
+      {"sourceTransportPort", "1004"},    {"destinationTransportPort", "5001"},
+      {"ingressInterface", r1},           {"egressInterface", r2},
+      {"protocolIdentifier", "17"},       {"packetDeltaCount", "2"},
+      {"octetDeltaCount", "256"},         {"flowEndReason", "4"},
+      {"sourceIPv4Address", "198.18.1.2"}};
+  for (const auto& [name, value] : held) EXPECT_EQ(byPort["1004"][name], value) << name;
+  EXPECT_EQ(byPort["1010"]["sourceIPv6Address"], "2001:0db8:0001::0002");
+  EXPECT_EQ(byPort["1010"]["ipClassOfService"], "40");
+
   auto seq = TestSupport::tsharkFields(all, {"cflow.sequence_analysis.expected_sn"});
   EXPECT_EQ(seq.out.find_first_not_of("\n"), std::string::npos) << seq.out;
   auto gap = all;
   gap.erase(gap.begin() + 2);  // a message lost on the way
   seq = TestSupport::tsharkFields(gap, {"cflow.sequence_analysis.expected_sn"});
   EXPECT_NE(seq.out.find_first_not_of("\n"), std::string::npos) << "tshark sees no gap";
+}
+
+// A reload that removes the tracker ends its open flows first (reason 4), and they reach
+// the collector before the exporter goes.
+TEST_F(RoutedDataPath, ATrackerThatAReloadRemovesSendsItsOpenFlowsFirst) {
+  startDaemon("1", 30, 60);
+  sendFrom(1007, 0, 4);
+  std::this_thread::sleep_for(200ms);
+  writeConfig(0, 0);
+  daemon->signal(SIGHUP);
+  collectFor(1500ms);
+  const auto got = records();
+  const std::string path = "5001 " + std::to_string(::if_nametoindex("r1")) + " " +
+                           std::to_string(::if_nametoindex("r2")) + " ";
+  ASSERT_EQ(got.count("1007"), 1u) << daemon->log();
+  EXPECT_EQ(got.find("1007")->second, path + "4 512 17 0x00 4");
 }
 
 // One in a hundred of 100,000 packets: the packets in the records are within five
