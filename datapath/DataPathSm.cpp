@@ -129,32 +129,46 @@ struct DataPathSm::Tracker {
   Zub::Ptr<HwFlowTracking::FgStatus> encodedGroup[2];
 };
 
-// Ended flows of one tracker, encoded for the template of their family.
+// Ended flows of one tracker, encoded for the template of their family. A sink lives for
+// one batch, tick or flush: each family's template is looked up once in it, not once per
+// record.
 class DataPathSm::Sink : public FlowSink {
  public:
   Sink(DataPathSm& sm, Tracker& t) : sm_(sm), t_(t) {}
   void flowEnded(const FlowRecord& r, FlowEndReason reason) override {
-    const uint16_t id = r.key.ipVersion == 4 ? kTemplateIpv4 : kTemplateIpv6;
     const int family = r.key.ipVersion == 4 ? 0 : 1;
-    auto status = sm_.hwStatus_->hwFtStatus(t_.hw->name());
-    auto group = status ? status->hwFgStatus(TemplateId(id)) : nullptr;
-    if (!group) {
+    const FlowRecordEncoder* encoder = encoderOf_(family);
+    if (!encoder) {
       ++sm_.unencoded_;  // the template is not published (yet): nothing to send it as
       return;
     }
-    if (t_.encodedGroup[family] != group) {
-      t_.encoders[family].emplace(*group);
-      t_.encodedGroup[family] = group;
-    }
-    const FlowRecordEncoder& encoder = *t_.encoders[family];
-    encoder.encode(
-        r, reason,
-        t_.pending.append(TemplateId(id), static_cast<uint16_t>(encoder.recordLength())));
+    encoder->encode(r, reason,
+                    t_.pending.append(TemplateId(family == 0 ? kTemplateIpv4 : kTemplateIpv6),
+                                      static_cast<uint16_t>(encoder->recordLength())));
   }
 
  private:
+  // The encoder of the family's published template (made again only when the template
+  // was published anew), null while there is none.
+  const FlowRecordEncoder* encoderOf_(int family) {
+    if (!looked_[family]) {
+      looked_[family] = true;
+      const uint16_t id = family == 0 ? kTemplateIpv4 : kTemplateIpv6;
+      auto status = sm_.hwStatus_->hwFtStatus(t_.hw->name());
+      auto group = status ? status->hwFgStatus(TemplateId(id)) : nullptr;
+      if (group && t_.encodedGroup[family] != group) {
+        t_.encoders[family].emplace(*group);
+        t_.encodedGroup[family] = group;
+      }
+      encoders_[family] = group ? &*t_.encoders[family] : nullptr;
+    }
+    return encoders_[family];
+  }
+
   DataPathSm& sm_;
   Tracker& t_;
+  bool looked_[2] = {false, false};
+  const FlowRecordEncoder* encoders_[2] = {nullptr, nullptr};
 };
 
 DataPathSm::DataPathSm(const Zub::Ptr<HwFlowTracking::Config>& hwConfig,

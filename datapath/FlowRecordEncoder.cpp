@@ -56,13 +56,6 @@ FlowRecordEncoder::FlowRecordEncoder(const HwFlowTracking::FgStatus& group)
         return fields;
       }()) {}
 
-Zub::Ptr<const DataRecord> FlowRecordEncoder::encode(const FlowRecord& flow,
-                                                     FlowEndReason reason) const {
-  std::string out(length_, '\0');
-  encode(flow, reason, reinterpret_cast<uint8_t*>(out.data()));
-  return Zub::Ptr<const DataRecord>(new DataRecord(out));
-}
-
 void FlowRecordEncoder::encode(const FlowRecord& flow, FlowEndReason reason, uint8_t* out) const {
   const FlowKey& k = flow.key;
   using RT = Ipfix::RecordType;

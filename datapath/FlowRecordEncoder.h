@@ -9,7 +9,6 @@
 
 #include "config/HwFlowTrackingStatus.h"
 #include "datapath/FlowCache.h"
-#include "ipfix/DataExporter.h"
 
 namespace FlowTracking {
 
@@ -25,7 +24,6 @@ class FlowRecordEncoder {
 
   // Writes the record's `recordLength()` bytes at `out`.
   void encode(const FlowRecord& flow, FlowEndReason reason, uint8_t* out) const;
-  Zub::Ptr<const DataRecord> encode(const FlowRecord& flow, FlowEndReason reason) const;
   size_t recordLength() const { return length_; }
   const std::vector<Field>& fields() const { return fields_; }
 

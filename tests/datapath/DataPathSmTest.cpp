@@ -1,8 +1,10 @@
 // The data path reactor on a manual clock with a fake sample source and recording
 // endpoints: samples become records of template 261 that reach the collector after its
-// templates, numbered in one sequence with the options data; a source that cannot start
-// is logged once and retried; expiry goes in bounded batches; a tracker that goes ends
-// its flows; a new sample rate or cache size ends the flows so far.
+// templates, numbered in one sequence with the options data; a batch of samples counts
+// each once; records take the layout of the template as published now, and flows of an
+// unpublished template end unencoded; a source that cannot start is logged once and
+// retried; expiry goes in bounded batches; a tracker that goes ends its flows; a new
+// sample rate or cache size ends the flows so far.
 
 #include <gtest/gtest.h>
 
@@ -223,6 +225,40 @@ TEST_F(DataPathSmTest, ABatchLongerThanAPassCountsEverySampleOnce) {
     // Ports 1-30 have four samples, 31-40 three; one of port 31's was the cut one.
     EXPECT_EQ(packets[p], (p <= 30 ? 4u : 3u) - (p == 31 ? 1u : 0u)) << p;
   }
+}
+
+TEST_F(DataPathSmTest, RecordsTakeTheLayoutOfTheTemplateAsPublishedNow) {
+  startDataPath();
+  w.collector4("T", "E", "a", "192.0.2.9", 4739);
+  w.run();
+  w.recorder.take();
+  // An IPv6 flow: template 262 is not published, so it ends without a record.
+  const std::string v6 =
+      hexBytes("020000000002 020000000001 86dd 60000000 0010 11 40") +
+      hexBytes("20010db8000000000000000000000001 20010db8000000000000000000000002") +
+      hexBytes("0400 0035 0010 0000") + std::string(8, 'x');
+  const Sample s6 = sampleOf(v6);
+  sources.back()->handler({&s6, 1});
+  sample(1000);
+  w.advance(15.25);
+  EXPECT_EQ(records().size(), 1u);
+  EXPECT_EQ(sm->unencoded(), 1u);
+  // Template 261 published anew with fewer fields: the next records follow it.
+  w.flowGroup("T", 261, {{RT::srcIp, 4}, {RT::packetCount, 8}, {RT::flowEndReason, 1}});
+  w.run();
+  w.recorder.take();
+  sample(2000);
+  sample(2000);
+  w.advance(15.25);
+  std::vector<std::string> sets;
+  for (const SentPkt& p : w.recorder.take()) {
+    if (firstSetOf(p) != 261) continue;
+    const uint16_t len = Nelo::NetU16::read(reinterpret_cast<const uint8_t*>(p.bytes.data()) + 18);
+    sets.push_back(TestSupport::toHex(p.bytes.substr(20, len - 4u)));
+  }
+  EXPECT_EQ(
+      sets,
+      (std::vector<std::string>{TestSupport::toHex(hexBytes("c0000201 0000000000000002 01"))}));
 }
 
 TEST_F(DataPathSmTest, ASourceThatCannotStartIsLoggedOnceAndRetried) {

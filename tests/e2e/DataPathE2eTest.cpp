@@ -433,7 +433,7 @@ std::vector<std::map<std::string, std::string>> dumpedFlowRecords(const std::str
       if (colon == std::string::npos || name >= colon) continue;
       records.back()[line.substr(name, colon - name)] = line.substr(colon + 3);
     } else if (line != "fields:") {
-      inFlow = inFlow && line.rfind("header:", 0) != 0 && !line.empty() && line[0] == '\t';
+      inFlow = false;  // the record ended
     }
   }
   return records;
