@@ -8,8 +8,8 @@
 
 #include "agent/AgentConfig.h"
 #include "config/FlowTrackerConfig.h"
-#include "options/OptionsDataSourceIntfTableSm.h"
 #include "platform/status/Interface.h"
+#include "platform/status/IntfIndexMap.h"
 #include "platform/status/Ip.h"
 
 namespace Agent {

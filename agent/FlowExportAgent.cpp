@@ -95,7 +95,8 @@ void FlowExportAgent::start() {
   ipfixInitSm_ = Ipfix::ipfixInitSmFactory();
   statusPublisherSm_ = Zub::makeReactor<SwStatusPublisherSm>(hwConfig_, hwStatus_,
                                                              ipfixInitSm_->elementIdCollection());
-  flowTrackingInfoSm_ = FlowTracking::flowTrackingInfoSmFactory(hwConfig_, info_, scheduler());
+  flowTrackingInfoSm_ =
+      FlowTracking::flowTrackingInfoSmFactory(hwConfig_, info_, scheduler(), stats_.get());
   templateSm_ = FlowTracking::templateSmFactory(config_, configReq_, hwConfig_, hwStatus_, info_,
                                                 stats_.get(), scheduler());
   optionsDataManagerSm_ =
@@ -133,7 +134,7 @@ void FlowExportAgent::dataPathIs_(bool on) {
     routes_.reset();
     return;
   }
-  if (dataPathSm_ || !optionsDataManagerSm_) return;
+  if (dataPathSm_) return;
   routes_ = std::make_unique<FlowTracking::RouteLookup>(
       scheduler(), [this](const FlowTracking::FlowKey& key, uint32_t egressIf) {
         if (dataPathSm_) dataPathSm_->egressIs(key, egressIf);
@@ -147,14 +148,9 @@ void FlowExportAgent::dataPathIs_(bool on) {
   FlowTracking::DataPathSm::Options dataPathOptions;
   dataPathOptions.sampleRate = options_.testSampleRate;
   dataPathSm_ = Zub::makeReactor<FlowTracking::DataPathSm>(
-      hwConfig_, hwStatus_, status_.intfIndexMap,
+      hwConfig_, hwStatus_, status_.intfIndexMap, info_,
       [this](const Nelo::IntfId& intf) { return vrfIdOf_(intf); },
       [this](const FlowTracking::FlowKey& key) { return routes_ ? routes_->egress(key) : 0; },
-      [this](const Zub::Name& tracker) -> Zub::Ptr<FlowTracking::OptionsDataContainer> {
-        const auto& all = optionsDataManagerSm_->dataContainer();
-        auto it = all.find(tracker);
-        return it == all.end() ? nullptr : it->second;
-      },
       scheduler(), dataPathOptions, FlowTracking::packetSocketSources(scheduler()));
 }
 
@@ -266,7 +262,10 @@ std::string FlowExportAgent::handleControl(const std::vector<std::string>& words
            std::to_string(dataPathSm_->samples()) + " flows " + std::to_string(flows) +
            " parse-errors " + std::to_string(dataPathSm_->parseErrors()) + " ring-drops " +
            std::to_string(dataPathSm_->ringDrops()) + " unencoded " +
-           std::to_string(dataPathSm_->unencoded());
+           std::to_string(dataPathSm_->unencoded()) + " dropped-no-exporter " +
+           std::to_string(dataPathSm_->dropped().noExporter) + " dropped-no-ready-collector " +
+           std::to_string(dataPathSm_->dropped().noReadyCollector) + " dropped-oversized " +
+           std::to_string(dataPathSm_->dropped().oversized);
   }
   return "error: unknown request '" + words[0] + "'";
 }

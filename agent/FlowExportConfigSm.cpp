@@ -3,41 +3,23 @@
 namespace Agent {
 
 namespace {
-using RT = Ipfix::RecordType;
-
-// A sampled-flow record: the addresses of its family, then the same fields for both.
-std::vector<FlowTracking::FlowParam> recordFields(RT src, RT dst) {
-  const std::pair<RT, bool> fields[] = {
-      {src, true},
-      {dst, true},
-      {RT::ipProtocol, true},
-      {RT::srcL4Port, true},
-      {RT::dstL4Port, true},
-      {RT::ingressInterface, true},
-      {RT::vrfId, true},
-      {RT::ipClassOfService, false},
-      {RT::tcpControlBits, false},
-      {RT::egressInterface, false},
-      {RT::byteCount, false},
-      {RT::packetCount, false},
-      {RT::timeStampFlowStart, false},
-      {RT::timeStampFlowEnd, false},
-      {RT::flowEndReason, false},
-  };
+// The data path's layout as the chip's flow parameters, numbered from 1.
+std::vector<FlowTracking::FlowParam> recordFields(bool ipv6) {
   std::vector<FlowTracking::FlowParam> out;
   uint32_t seq = 1;
-  for (const auto& [type, key] : fields) out.push_back({seq++, type, key});
+  for (const auto& f : FlowTracking::flowTemplateFields(ipv6))
+    out.push_back({seq++, f.type, f.key});
   return out;
 }
 }  // namespace
 
 const std::vector<FlowTracking::FlowParam>& FlowExportConfigSm::ipv4Fields() {
-  static const auto fields = recordFields(RT::srcIp, RT::dstIp);
+  static const auto fields = recordFields(false);
   return fields;
 }
 
 const std::vector<FlowTracking::FlowParam>& FlowExportConfigSm::ipv6Fields() {
-  static const auto fields = recordFields(RT::srcIp6, RT::dstIp6);
+  static const auto fields = recordFields(true);
   return fields;
 }
 

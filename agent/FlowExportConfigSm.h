@@ -4,6 +4,7 @@
 // IPv6 with template 262) carrying the fields of a sampled-flow record.
 
 #include "config/FlowTrackerConfigSm.h"
+#include "datapath/FlowRecordEncoder.h"
 #include "ipfix/Ipfix.h"
 
 namespace Agent {

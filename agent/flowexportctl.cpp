@@ -34,8 +34,9 @@ int usage(FILE* out, int rc) {
                "       flowexportctl --help | --version\n"
                "  show collectors [--json | --format table|json|prometheus]\n"
                "                                      export statistics per collector\n"
-               "  show datapath                       the software data path's counters (sources,\n"
-               "                                      samples, flows, parse errors, ring drops)\n"
+               "  show datapath [--json]              the software data path's counters (sources,\n"
+               "                                      samples, flows, parse errors, ring drops,\n"
+               "                                      records that reached no collector)\n"
                "  clear counters [TRACKER [EXPORTER]] reset them (all, one tracker, or one\n"
                "                                      exporter of a tracker)\n");
   return rc;
@@ -90,8 +91,8 @@ int showCollectors(const std::string& statsName, Agent::StatsFormat format) {
   return rc;
 }
 
-// The software data path's counters, one per line.
-int showDataPath(const std::string& socket) {
+// The software data path's counters: a line each, or one JSON object of numbers.
+int showDataPath(const std::string& socket, bool json) {
   std::string error;
   auto reply = Agent::controlRequest(socket, {"datapath"}, &error);
   if (!reply) {
@@ -103,17 +104,33 @@ int showDataPath(const std::string& socket) {
     std::fprintf(stderr, "flowexportctl: %s\n", Zub::printable(*reply).c_str());
     return 1;
   }
-  // "ok name value name value ...": a table of names and values.
+  // "ok name value name value ...": names and values.
   std::vector<std::string> words;
   for (size_t at = 3; at < reply->size();) {
     const size_t end = std::min(reply->find(' ', at), reply->size());
     words.push_back(reply->substr(at, end - at));
     at = end + 1;
   }
+  std::string out = json ? "{" : "";
   for (size_t i = 0; i + 1 < words.size(); i += 2) {
-    std::printf("%-14s %s\n", Zub::printable(words[i]).c_str(),
-                Zub::printable(words[i + 1]).c_str());
+    const std::string name = Zub::printable(words[i]);
+    const std::string& value = words[i + 1];
+    if (!json) {
+      out += Zub::str(name, std::string(name.size() < 28 ? 28 - name.size() : 1, ' '),
+                      Zub::printable(value), "\n");
+      continue;
+    }
+    // Names are words and values counts: anything else would be a daemon of another
+    // version, and is left out or null rather than trusted.
+    if (name.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789-") != std::string::npos) {
+      continue;
+    }
+    const bool number = !value.empty() && value.size() <= 20 &&
+                        value.find_first_not_of("0123456789") == std::string::npos;
+    out += Zub::str(out.size() > 1 ? ", " : "", "\"", name, "\": ", number ? value : "null");
   }
+  if (json) out += "}\n";
+  std::fputs(out.c_str(), stdout);
   return 0;
 }
 
@@ -163,7 +180,10 @@ int main(int argc, char** argv) {
       if (args[3] == "prometheus") return showCollectors(statsName, Agent::StatsFormat::prometheus);
     }
   }
-  if (args.size() == 2 && args[0] == "show" && args[1] == "datapath") return showDataPath(socket);
+  if (args.size() >= 2 && args[0] == "show" && args[1] == "datapath") {
+    if (args.size() == 2) return showDataPath(socket, false);
+    if (args.size() == 3 && args[2] == "--json") return showDataPath(socket, true);
+  }
   if (args.size() >= 2 && args.size() <= 4 && args[0] == "clear" && args[1] == "counters") {
     return clearCounters(socket, std::vector<std::string>(args.begin() + 2, args.end()));
   }

@@ -73,21 +73,7 @@ std::vector<std::string> frames(int flows) {
 
 // Ends flows into records of template 261.
 struct EncodeSink : FlowSink {
-  FlowRecordEncoder encoder{{{Ipfix::RecordType::srcIp, 4},
-                             {Ipfix::RecordType::dstIp, 4},
-                             {Ipfix::RecordType::ipProtocol, 1},
-                             {Ipfix::RecordType::srcL4Port, 2},
-                             {Ipfix::RecordType::dstL4Port, 2},
-                             {Ipfix::RecordType::ingressInterface, 4},
-                             {Ipfix::RecordType::vrfId, 4},
-                             {Ipfix::RecordType::ipClassOfService, 1},
-                             {Ipfix::RecordType::tcpControlBits, 2},
-                             {Ipfix::RecordType::egressInterface, 4},
-                             {Ipfix::RecordType::byteCount, 8},
-                             {Ipfix::RecordType::packetCount, 8},
-                             {Ipfix::RecordType::timeStampFlowStart, 8},
-                             {Ipfix::RecordType::timeStampFlowEnd, 8},
-                             {Ipfix::RecordType::flowEndReason, 1}}};
+  FlowRecordEncoder encoder{FlowRecordEncoder::fieldsOf(flowTemplateFields(false))};
   size_t records = 0;
   FlowRecords pending;  // as the data path keeps them until they are handed over
   void flowEnded(const FlowRecord& r, FlowEndReason reason) override {

@@ -115,7 +115,7 @@ struct Rig {
     }
     fg->genIdIs(1);
     for (uint32_t i = 1; i <= rows; ++i) intfMap->intfIs(rowName(i), i);
-    infoSm = flowTrackingInfoSmFactory(hw, info, sched);
+    infoSm = flowTrackingInfoSmFactory(hw, info, sched, stats.get());
     templateSm = templateSmFactory(config, req, hw, status, info, stats.get(), sched);
     manager = optionsDataManagerSmFactory(hw, status, info, intfMap, vrfMap, stats.get(), sched);
     sched.runReady();  // templates, options templates, then each collector's own table

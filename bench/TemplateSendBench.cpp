@@ -50,7 +50,7 @@ struct Rig {
                    Ipfix::RecordType::byteCount, Ipfix::RecordType::packetCount}) {
       fg->templateEntryIs(seq++, t)->fieldLenIs(4);
     }
-    infoSm = FlowTracking::flowTrackingInfoSmFactory(hw, info, sched);
+    infoSm = FlowTracking::flowTrackingInfoSmFactory(hw, info, sched, nullptr);
     templateSm = FlowTracking::templateSmFactory(config, req, hw, status, info,
                                                  withStats ? stats.get() : nullptr, sched);
     sched.runReady();

@@ -29,8 +29,11 @@ const Zub::LogHandle FLOWTRACKING_SAMPLING(
     "The software data path samples the interface's received packets.", Zub::NoActionRequired, 0.0,
     1.0, "FLOWTRACKING");
 
-constexpr uint16_t kTemplateIpv4 = 261;
-constexpr uint16_t kTemplateIpv6 = 262;
+// The data template of each family: 261 (IPv4), 262 (IPv6).
+TemplateId templateOf(int family) {
+  return Constants::reservedTemplateId(family == 0 ? StaticTemplateId::dataTemplateIpv4
+                                                   : StaticTemplateId::dataTemplateIpv6);
+}
 
 }  // namespace
 
@@ -142,9 +145,9 @@ class DataPathSm::Sink : public FlowSink {
       ++sm_.unencoded_;  // the template is not published (yet): nothing to send it as
       return;
     }
-    encoder->encode(r, reason,
-                    t_.pending.append(TemplateId(family == 0 ? kTemplateIpv4 : kTemplateIpv6),
-                                      static_cast<uint16_t>(encoder->recordLength())));
+    encoder->encode(
+        r, reason,
+        t_.pending.append(templateOf(family), static_cast<uint16_t>(encoder->recordLength())));
   }
 
  private:
@@ -153,9 +156,8 @@ class DataPathSm::Sink : public FlowSink {
   const FlowRecordEncoder* encoderOf_(int family) {
     if (!looked_[family]) {
       looked_[family] = true;
-      const uint16_t id = family == 0 ? kTemplateIpv4 : kTemplateIpv6;
       auto status = sm_.hwStatus_->hwFtStatus(t_.hw->name());
-      auto group = status ? status->hwFgStatus(TemplateId(id)) : nullptr;
+      auto group = status ? status->hwFgStatus(templateOf(family)) : nullptr;
       if (group && t_.encodedGroup[family] != group) {
         t_.encoders[family].emplace(*group);
         t_.encodedGroup[family] = group;
@@ -173,15 +175,16 @@ class DataPathSm::Sink : public FlowSink {
 
 DataPathSm::DataPathSm(const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
                        const Zub::Ptr<HwFlowTracking::Status>& hwStatus,
-                       const Zub::Ptr<IntfIndexMap>& intfIndexMap, VrfIdOf vrfIdOf,
-                       EgressOf egressOf, ContainerOf containerOf, Orrin::TaskScheduler& scheduler,
-                       Options options, SourceFactory sourceFactory)
+                       const Zub::Ptr<IntfIndexMap>& intfIndexMap,
+                       const Zub::Ptr<FlowTrackingInfo>& flowTrackingInfo, VrfIdOf vrfIdOf,
+                       EgressOf egressOf, Orrin::TaskScheduler& scheduler, Options options,
+                       SourceFactory sourceFactory)
     : hwConfig_(hwConfig),
       hwStatus_(hwStatus),
       intfIndexMap_(intfIndexMap),
+      flowTrackingInfo_(flowTrackingInfo),
       vrfIdOf_(std::move(vrfIdOf)),
       egressOf_(std::move(egressOf)),
-      containerOf_(std::move(containerOf)),
       scheduler_(scheduler),
       options_(options),
       sourceFactory_(std::move(sourceFactory)) {
@@ -330,13 +333,21 @@ void DataPathSm::egressIs(const FlowKey& key, uint32_t egressIf) {
   for (auto& [name, t] : trackers_) t->cache.egressIs(key, egressIf);
 }
 
+// Hands the tracker's ended flows to its exporters; what reached no collector is counted.
 void DataPathSm::publish_(Tracker& t) {
   if (t.pending.empty()) return;
-  if (auto container = containerOf_ ? containerOf_(t.hw->name()) : nullptr) {
-    auto batch = container->flowRecords();
+  const uint64_t n = t.pending.size();
+  auto ftInfo = flowTrackingInfo_->ftInfo(t.hw->name());
+  if (!ftInfo || ftInfo->expInfoSize() == 0) {
+    dropped_.noExporter += n;
+  } else {
+    const auto& batch = ftInfo->flowRecords();
     batch->records().swap(t.pending);
+    batch->outcomeDel();
     batch->versionInc(1);
-    batch->records().clear();
+    batch->records().swap(t.pending);
+    dropped_.oversized += batch->oversized();
+    if (!batch->reached()) dropped_.noReadyCollector += n - batch->oversized();
   }
   t.pending.clear();
 }

@@ -1,8 +1,8 @@
 #pragma once
 // The software data path: samples of the tracked interfaces' received packets, one flow
 // cache per tracker, and the ended flows as data records of the tracker's templates 261
-// (IPv4) and 262 (IPv6), handed to its exporters (through the options data's path, so
-// that they share each collector's sequence number).
+// (IPv4) and 262 (IPv6), handed to the tracker's exporters through its export state
+// (FlowTrackerInfo::flowRecords); records that reach no collector are counted by reason.
 //
 // - An interface tracked by a tracker gets a sample source at the hardware's sample
 //   rate, bound to the interface's index (the kernel's, with the kernel as the status
@@ -27,9 +27,9 @@
 #include "datapath/FlowCache.h"
 #include "datapath/FlowRecordEncoder.h"
 #include "datapath/PacketSocketSource.h"
-#include "options/OptionsDataExporter.h"
-#include "options/OptionsDataSourceIntfTableSm.h"
+#include "export/FlowTrackerInfoSm.h"
 #include "platform/orrin/TaskScheduler.h"
+#include "platform/status/IntfIndexMap.h"
 #include "platform/zub/Entity.h"
 
 namespace FlowTracking {
@@ -66,14 +66,19 @@ class DataPathSm : public Zub::Reactor {
   using VrfIdOf = std::function<uint32_t(const Nelo::IntfId&)>;
   // The egress of a flow when known (0 otherwise; `egressIs` tells it later).
   using EgressOf = FlowTracking::EgressOf;
-  // The exporters' container of a tracker (null when it has none yet).
-  using ContainerOf = std::function<Zub::Ptr<OptionsDataContainer>(const Zub::Name&)>;
+  // Ended flows that reached no collector, by reason.
+  struct Dropped {
+    uint64_t noExporter = 0;        // the tracker has no exporter that could send
+    uint64_t noReadyCollector = 0;  // no collector of its exporters has the data templates
+    uint64_t oversized = 0;         // larger than a message of an exporter can carry
+    uint64_t total() const { return noExporter + noReadyCollector + oversized; }
+  };
 
   DataPathSm(const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
              const Zub::Ptr<HwFlowTracking::Status>& hwStatus,
-             const Zub::Ptr<IntfIndexMap>& intfIndexMap, VrfIdOf vrfIdOf, EgressOf egressOf,
-             ContainerOf containerOf, Orrin::TaskScheduler& scheduler, Options options,
-             SourceFactory sourceFactory);
+             const Zub::Ptr<IntfIndexMap>& intfIndexMap,
+             const Zub::Ptr<FlowTrackingInfo>& flowTrackingInfo, VrfIdOf vrfIdOf, EgressOf egressOf,
+             Orrin::TaskScheduler& scheduler, Options options, SourceFactory sourceFactory);
   void handleInitialized() override;
   void handleDestroyed() override;
 
@@ -96,6 +101,7 @@ class DataPathSm : public Zub::Reactor {
   uint64_t samples() const { return samples_; }
   uint64_t parseErrors() const { return parseErrors_; }
   uint64_t unencoded() const { return unencoded_; }
+  const Dropped& dropped() const { return dropped_; }
   uint64_t ringDrops();
   size_t flows(const Zub::Name& tracker) const;
   size_t sources() const;
@@ -121,9 +127,9 @@ class DataPathSm : public Zub::Reactor {
   Zub::Ptr<HwFlowTracking::Config> hwConfig_;
   Zub::Ptr<HwFlowTracking::Status> hwStatus_;
   Zub::Ptr<IntfIndexMap> intfIndexMap_;
+  Zub::Ptr<FlowTrackingInfo> flowTrackingInfo_;
   VrfIdOf vrfIdOf_;
   EgressOf egressOf_;
-  ContainerOf containerOf_;
   Orrin::TaskScheduler& scheduler_;
   Options options_;
   SourceFactory sourceFactory_;
@@ -135,6 +141,7 @@ class DataPathSm : public Zub::Reactor {
   uint64_t samples_ = 0;
   uint64_t parseErrors_ = 0;
   uint64_t unencoded_ = 0;
+  Dropped dropped_;
   uint64_t ringDropsGone_ = 0;  // of sources that no longer exist
 };
 

@@ -43,6 +43,39 @@ uint8_t* putBytes(uint8_t* out, const uint8_t* p, size_t n, uint16_t len) {
 
 }  // namespace
 
+const std::vector<FlowTemplateField>& flowTemplateFields(bool ipv6) {
+  using RT = Ipfix::RecordType;
+  auto layout = [](RT src, RT dst, uint16_t addrLen) {
+    return std::vector<FlowTemplateField>{
+        {src, addrLen, true},
+        {dst, addrLen, true},
+        {RT::ipProtocol, 1, true},
+        {RT::srcL4Port, 2, true},
+        {RT::dstL4Port, 2, true},
+        {RT::ingressInterface, 4, true},
+        {RT::vrfId, 4, true},
+        {RT::ipClassOfService, 1, false},
+        {RT::tcpControlBits, 2, false},
+        {RT::egressInterface, 4, false},
+        {RT::byteCount, 8, false},
+        {RT::packetCount, 8, false},
+        {RT::timeStampFlowStart, 8, false},
+        {RT::timeStampFlowEnd, 8, false},
+        {RT::flowEndReason, 1, false},
+    };
+  };
+  static const auto v4 = layout(RT::srcIp, RT::dstIp, 4);
+  static const auto v6 = layout(RT::srcIp6, RT::dstIp6, 16);
+  return ipv6 ? v6 : v4;
+}
+
+std::vector<FlowRecordEncoder::Field> FlowRecordEncoder::fieldsOf(
+    const std::vector<FlowTemplateField>& layout) {
+  std::vector<Field> fields;
+  for (const FlowTemplateField& f : layout) fields.push_back({f.type, f.len});
+  return fields;
+}
+
 FlowRecordEncoder::FlowRecordEncoder(std::vector<Field> fields) : fields_(std::move(fields)) {
   for (const Field& f : fields_) length_ += f.len;
 }

@@ -12,12 +12,25 @@
 
 namespace FlowTracking {
 
+// One field of the data path's own flow records (templates 261 and 262): its element,
+// its length in the catalogue and whether it is part of the flow key.
+struct FlowTemplateField {
+  Ipfix::RecordType type;
+  uint16_t len;
+  bool key;
+};
+// The layout of the data path's flow records of one family: the addresses, then the same
+// fields for both. The software status publisher announces it as the chip's templates.
+const std::vector<FlowTemplateField>& flowTemplateFields(bool ipv6);
+
 class FlowRecordEncoder {
  public:
   struct Field {
     Ipfix::RecordType type;
     uint16_t len;
   };
+  // A template of the data path's layout.
+  static std::vector<Field> fieldsOf(const std::vector<FlowTemplateField>& layout);
   explicit FlowRecordEncoder(std::vector<Field> fields);
   // The fields of a published template.
   explicit FlowRecordEncoder(const HwFlowTracking::FgStatus& group);

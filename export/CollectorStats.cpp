@@ -164,6 +164,10 @@ std::string CollectorStatisticsEntry::stovaString() const {
   std::string s = Zub::str(
       "[", key.stovaString(), "] msgs: ", exportedMessageTotalCount,
       ", flows: ", exportedFlowRecordTotalCount, ", octets: ", exportedOctetTotalCount,
+      ", messages by kind: (templates: ", exportedTemplateMessageCount,
+      ", data: ", exportedDataMessageCount, ", options data: ", exportedOptionsDataMessageCount,
+      "), records by kind: (data: ", exportedDataRecordCount,
+      ", options data: ", exportedOptionsDataRecordCount, ")",
       ", last message: ", fixed(lastSentTime), ", template: ", fixed(lastTemplateSentTime),
       ", data: ", fixed(lastDataRecordSentTime), ", options data: ", fixed(lastOptionsDataSentTime),
       ", cleared: ", fixed(lastClearedTime));

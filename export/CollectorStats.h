@@ -109,9 +109,19 @@ struct CollectorStatisticsEntry {
   static constexpr size_t kSetSlots = SetIndex::max() + 1;  // 9
 
   CollectorStatisticsKey key;
+  // Totals over every kind of message: the messages, their data records (flow and
+  // options data) and their bytes.
   uint64_t exportedMessageTotalCount = 0;
   uint64_t exportedFlowRecordTotalCount = 0;
   uint64_t exportedOctetTotalCount = 0;
+  // The same by kind: template messages (data and options templates), messages of flow
+  // records (data sets of the data templates) and messages of options data, and the
+  // records of the two data kinds.
+  uint64_t exportedTemplateMessageCount = 0;
+  uint64_t exportedDataMessageCount = 0;
+  uint64_t exportedOptionsDataMessageCount = 0;
+  uint64_t exportedDataRecordCount = 0;
+  uint64_t exportedOptionsDataRecordCount = 0;
   Zub::Seconds lastSentTime = 0;
   Zub::Seconds lastTemplateSentTime = 0;
   Zub::Seconds lastDataRecordSentTime = 0;

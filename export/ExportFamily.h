@@ -22,14 +22,11 @@ struct Ipv4Family {
   }
   static Zub::Ptr<Nelo::UdpPam> pam(const ExporterInfo& e) { return e.udpPam4(); }
   static auto src(const HwFlowTracking::ExporterConfig& c) { return c.srcIpAddr(); }
-  static bool send(const Zub::Ptr<Nelo::Pkt>& pkt, const HwFlowTracking::ExporterConfig& c,
-                   const ExporterInfo& e, const Dst& dst) {
-    return sendPkt4(pkt, e.udpPam4(), c.srcIpAddr(), dst, c.dscpValue());
-  }
-  static size_t sendBatch(const Zub::Ptr<Nelo::Pkt>* pkts, size_t n,
-                          const HwFlowTracking::ExporterConfig& c, const ExporterInfo& e,
-                          const Dst& dst) {
-    return sendPkts4(pkts, n, e.udpPam4(), c.srcIpAddr(), dst, c.dscpValue());
+  // Sends `n` datagrams through `pam`; returns how many the kernel took (in order).
+  static size_t send(const Zub::Ptr<Nelo::Pkt>* pkts, size_t n, const Zub::Ptr<Nelo::UdpPam>& pam,
+                     const HwFlowTracking::ExporterConfig& c, const Dst& dst) {
+    if (n == 1) return sendPkt4(pkts[0], pam, c.srcIpAddr(), dst, c.dscpValue()) ? 1 : 0;
+    return sendPkts4(pkts, n, pam, c.srcIpAddr(), dst, c.dscpValue());
   }
   static Stova::Ipfix::CollectorInfo key(const Dst& d) {
     return Stova::Ipfix::CollectorInfo::fromIpAndPort(d);
@@ -50,14 +47,11 @@ struct Ipv6Family {
   }
   static Zub::Ptr<Nelo::UdpPam> pam(const ExporterInfo& e) { return e.udpPam6(); }
   static auto src(const HwFlowTracking::ExporterConfig& c) { return c.srcIp6Addr(); }
-  static bool send(const Zub::Ptr<Nelo::Pkt>& pkt, const HwFlowTracking::ExporterConfig& c,
-                   const ExporterInfo& e, const Dst& dst) {
-    return sendPkt6(pkt, e.udpPam6(), c.srcIp6Addr(), dst, c.dscpValue());
-  }
-  static size_t sendBatch(const Zub::Ptr<Nelo::Pkt>* pkts, size_t n,
-                          const HwFlowTracking::ExporterConfig& c, const ExporterInfo& e,
-                          const Dst& dst) {
-    return sendPkts6(pkts, n, e.udpPam6(), c.srcIp6Addr(), dst, c.dscpValue());
+  // Sends `n` datagrams through `pam`; returns how many the kernel took (in order).
+  static size_t send(const Zub::Ptr<Nelo::Pkt>* pkts, size_t n, const Zub::Ptr<Nelo::UdpPam>& pam,
+                     const HwFlowTracking::ExporterConfig& c, const Dst& dst) {
+    if (n == 1) return sendPkt6(pkts[0], pam, c.srcIp6Addr(), dst, c.dscpValue()) ? 1 : 0;
+    return sendPkts6(pkts, n, pam, c.srcIp6Addr(), dst, c.dscpValue());
   }
   static Stova::Ipfix::CollectorInfo key(const Dst& d) {
     return Stova::Ipfix::CollectorInfo::fromIp6AndPort(d);

@@ -38,16 +38,18 @@ PamFactory realPamFactory() {
 
 // ---- ExporterInfoSm ---------------------------------------------------------------------
 
-ExporterInfoSm::ExporterInfoSm(const Zub::Name& expName, const Zub::Name& ftName,
+ExporterInfoSm::ExporterInfoSm(const Zub::Name& expName, const Zub::Name& ftName, FtId ftId,
                                const Zub::Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig,
                                const Zub::Ptr<ExporterInfo>& expInfo,
-                               Orrin::TaskScheduler& scheduler, PamFactory pamFactory)
+                               const Zub::Ptr<FlowRecordBatch>& flowRecords,
+                               const ExportContext& context)
     : expName_(expName),
       ftName_(ftName),
+      ftId_(ftId),
       hwExpConfig_(hwExpConfig),
       expInfo_(expInfo),
-      scheduler_(scheduler),
-      pamFactory_(std::move(pamFactory)),
+      flowRecords_(flowRecords),
+      context_(context),
       traceId_(ftName + "-" + expName) {
   // A collector is known when either family resolved it.
   watch(hwExpConfig_->collectorIpAndPortSignal(),
@@ -55,12 +57,13 @@ ExporterInfoSm::ExporterInfoSm(const Zub::Name& expName, const Zub::Name& ftName
   watch(hwExpConfig_->collectorIp6AndPortSignal(),
         [this](const Zub::String& n) { handleCollector(n); });
   watch(hwExpConfig_->vrfDeviceSignal(), [this] { handleVrfDevice(); });
+  if (flowRecords_) watch(flowRecords_->versionSignal(), [this] { handleFlowRecords(); });
 }
 
 void ExporterInfoSm::handleInitialized() {
   GLINT(exportTrace(), kEntry) << "ExporterInfoSm::handleInitialized for " << traceId_;
   pamManagementTask_ =
-      new Orrin::TimerTask(scheduler_, "PamManagementTask-" + ftName_ + "-" + expName_,
+      new Orrin::TimerTask(context_.scheduler, "PamManagementTask-" + ftName_ + "-" + expName_,
                            kTaskPriority, [this] { handlePamManagementTask(); });
   pamManagementTask_->schedule();
 }
@@ -103,10 +106,14 @@ void ExporterInfoSm::handleCollector(const Zub::String& name) {
   }
   if (auto info = expInfo_->collInfo(name)) {
     GLINT(exportTrace(), kDiag) << "Using existing collectorInfo for " << name
-                                << ", seqNo: " << info->ipfixMsgSeqNo();
+                                << ", seqNo: " << info->channel4()->ipfixMsgSeqNo() << "/"
+                                << info->channel6()->ipfixMsgSeqNo();
     return;
   }
-  expInfo_->collInfoIs(name);
+  auto info = Zub::make<CollectorInfo>(name, hwExpConfig_, context_.stats, ftName_, expName_);
+  info->channel4()->pamIs(expInfo_->udpPam4());
+  info->channel6()->pamIs(expInfo_->udpPam6());
+  expInfo_->collInfoColl().insert(name, info);
   GLINT(exportTrace(), kState) << "Initiated sequence number for " << name;
   // The first collector of a family needs that family's endpoint; one that could not be
   // made is tried again now too.
@@ -127,11 +134,7 @@ void ExporterInfoSm::handleVrfDevice() {
     auto pam = v6 ? expInfo_->udpPam6() : expInfo_->udpPam4();
     if (!pam || pam->bindDevice() == hwExpConfig_->vrfDevice()) continue;
     pam->modeIs(Nelo::UdpPam::modeOff);
-    if (v6) {
-      expInfo_->udpPam6Is(nullptr);
-    } else {
-      expInfo_->udpPam4Is(nullptr);
-    }
+    pamIs_(v6, nullptr);
     GLINT(exportTrace(), kLife) << "Closed Pam: " << pam->name() << ", bound to '"
                                 << pam->bindDevice() << "'";
   }
@@ -147,16 +150,12 @@ void ExporterInfoSm::createPam_(bool v6) {
   const Zub::Name name = Zub::str(v6 ? "udpPam6-" : "udpPam4-", ftName_, "-", expName_);
   const char* family = v6 ? "6" : "4";
   try {
-    Zub::Ptr<Nelo::UdpPam> pam = pamFactory_(name);
+    Zub::Ptr<Nelo::UdpPam> pam = context_.pamFactory(name);
     pam->ipv6EnIs(v6);
     pam->txPrioIs(kTxPrio);
     pam->bindDeviceIs(hwExpConfig_->vrfDevice());
     pam->modeIs(Nelo::UdpPam::modeOn);
-    if (v6) {
-      expInfo_->udpPam6Is(pam);
-    } else {
-      expInfo_->udpPam4Is(pam);
-    }
+    pamIs_(v6, pam);
     GLINT(exportTrace(), kLife) << "Created Pam: " << name << ", txPrio: " << kTxPrio
                                 << ", device: '" << pam->bindDevice() << "', fd: " << pam->fd();
     if (noEndpoint_[v6]) {
@@ -176,24 +175,65 @@ void ExporterInfoSm::closeUnusedPam_(bool v6) {
   auto pam = v6 ? expInfo_->udpPam6() : expInfo_->udpPam4();
   if (!pam || familyInUse(*hwExpConfig_, v6)) return;
   pam->modeIs(Nelo::UdpPam::modeOff);
-  if (v6) {
-    expInfo_->udpPam6Is(nullptr);
-  } else {
-    expInfo_->udpPam4Is(nullptr);
-  }
+  pamIs_(v6, nullptr);
   GLINT(exportTrace(), kLife) << "Closed Pam: " << pam->name() << ", no collector left";
+}
+
+void ExporterInfoSm::pamIs_(bool v6, const Zub::Ptr<Nelo::UdpPam>& pam) {
+  for (const auto& [name, info] : expInfo_->collInfoColl()) info->channel(!v6)->pamIs(pam);
+  if (v6) {
+    expInfo_->udpPam6Is(pam);
+  } else {
+    expInfo_->udpPam4Is(pam);
+  }
+}
+
+void ExporterInfoSm::handleFlowRecords() {
+  const FlowRecords& records = flowRecords_->records();
+  GLINT(exportTrace(), kEntry) << "ExporterInfoSm::handleFlowRecords for " << traceId_
+                               << ", records: " << records.size();
+  if (records.empty()) return;
+  std::vector<Zub::Ptr<CollectorChannel>> ready;
+  for (const auto& [name, info] : expInfo_->collInfoColl()) {
+    for (const auto& ch : {info->channel4(), info->channel6()}) {
+      if (ch->ready() && ch->templateSent()) ready.push_back(ch);
+    }
+  }
+  if (ready.empty()) return;
+  flowRecords_->reachedIs(true);
+  const auto maxSize = static_cast<uint16_t>(hwExpConfig_->ipfixMaxMsgSize());
+  BuilderWrapper b(maxSize, ftId_.value());
+  b.startMsg();
+  auto sendMsg = [&] {
+    const Zub::Ptr<MessageWrapper> msg = b.finalizeMsg();
+    for (const auto& ch : ready) ch->send(*msg, SetKind::data);
+  };
+  for (const FlowRecords::Record& r : records.list()) {
+    const std::string_view record = records.bytes(r);
+    if (b.addSetRecord(r.setId, record) > 0) continue;
+    if (b.hasRecords()) {
+      sendMsg();
+      b.startMsg();
+    }
+    if (b.addSetRecord(r.setId, record) == 0) {
+      // Larger than a message of this exporter's MTU can carry: cannot be sent.
+      flowRecords_->oversizedInc();
+      GLINT(exportTrace(), 0) << "ExporterInfoSm::handleFlowRecords for " << traceId_
+                              << ": a record of " << record.size()
+                              << " bytes exceeds the message size " << maxSize;
+    }
+  }
+  if (b.hasRecords()) sendMsg();
 }
 
 void ExporterInfoSm::handleDestroyed() {
   GLINT(exportTrace(), kEntry) << "ExporterInfoSm::handleDestroyed for " << traceId_;
   if (pamManagementTask_) pamManagementTask_->unschedule();
-  if (auto pam = expInfo_->udpPam4()) {
-    pam->modeIs(Nelo::UdpPam::modeOff);
-    expInfo_->udpPam4Is(nullptr);
-  }
-  if (auto pam = expInfo_->udpPam6()) {
-    pam->modeIs(Nelo::UdpPam::modeOff);
-    expInfo_->udpPam6Is(nullptr);
+  for (bool v6 : {false, true}) {
+    if (auto pam = v6 ? expInfo_->udpPam6() : expInfo_->udpPam4()) {
+      pam->modeIs(Nelo::UdpPam::modeOff);
+      pamIs_(v6, nullptr);
+    }
   }
   expInfo_->collInfoDelAll();
 }
@@ -203,12 +243,8 @@ void ExporterInfoSm::handleDestroyed() {
 FlowTrackerInfoSm::FlowTrackerInfoSm(const Zub::Name& trackerName,
                                      const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
                                      const Zub::Ptr<FlowTrackerInfo>& ftInfo,
-                                     Orrin::TaskScheduler& scheduler, PamFactory pamFactory)
-    : trackerName_(trackerName),
-      hwFtConfig_(hwFtConfig),
-      ftInfo_(ftInfo),
-      scheduler_(scheduler),
-      pamFactory_(std::move(pamFactory)) {
+                                     const ExportContext& context)
+    : trackerName_(trackerName), hwFtConfig_(hwFtConfig), ftInfo_(ftInfo), context_(context) {
   watch(hwFtConfig_->expConfigSignal(), [this](const Zub::Name& n) { handleHwExpConfig(n); });
 }
 
@@ -224,8 +260,8 @@ void FlowTrackerInfoSm::handleHwExpConfig(const Zub::Name& name) {
   // The run-time entry is created just before its reactor and deleted right after it.
   expInfoSm_.reconcile(name, bool(hwExp), [&] {
     auto expInfo = ftInfo_->expInfoIs(name);
-    auto sm = Zub::makeReactor<ExporterInfoSm>(name, trackerName_, hwExp, expInfo, scheduler_,
-                                               pamFactory_);
+    auto sm = Zub::makeReactor<ExporterInfoSm>(name, trackerName_, hwFtConfig_->ftId(), hwExp,
+                                               expInfo, ftInfo_->flowRecords(), context_);
     GLINT(exportTrace(), kLife) << "Created ExporterInfoSm for " << name;
     return sm;
   });
@@ -239,11 +275,8 @@ void FlowTrackerInfoSm::handleHwExpConfig(const Zub::Name& name) {
 
 FlowTrackingInfoSm::FlowTrackingInfoSm(const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
                                        const Zub::Ptr<FlowTrackingInfo>& flowTrackingInfo,
-                                       Orrin::TaskScheduler& scheduler, PamFactory pamFactory)
-    : hwConfig_(hwConfig),
-      flowTrackingInfo_(flowTrackingInfo),
-      scheduler_(scheduler),
-      pamFactory_(std::move(pamFactory)) {
+                                       const ExportContext& context)
+    : hwConfig_(hwConfig), flowTrackingInfo_(flowTrackingInfo), context_(context) {
   watch(hwConfig_->hwFtConfigSignal(), [this](const Zub::Name& n) { handleHwFtConfig(n); });
 }
 
@@ -257,7 +290,7 @@ void FlowTrackingInfoSm::handleHwFtConfig(const Zub::Name& name) {
   const bool had = ftInfoSm_.has(name);
   ftInfoSm_.reconcile(name, bool(hwFt), [&] {
     auto ftInfo = flowTrackingInfo_->ftInfoIs(name);
-    auto sm = Zub::makeReactor<FlowTrackerInfoSm>(name, hwFt, ftInfo, scheduler_, pamFactory_);
+    auto sm = Zub::makeReactor<FlowTrackerInfoSm>(name, hwFt, ftInfo, context_);
     GLINT(exportTrace(), kLife) << "Created FlowTrackerInfoSm for " << name;
     return sm;
   });
@@ -270,9 +303,9 @@ void FlowTrackingInfoSm::handleHwFtConfig(const Zub::Name& name) {
 Zub::Ptr<FlowTrackingInfoSm> flowTrackingInfoSmFactory(
     const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
     const Zub::Ptr<FlowTrackingInfo>& flowTrackingInfo, Orrin::TaskScheduler& scheduler,
-    PamFactory pamFactory) {
-  return Zub::makeReactor<FlowTrackingInfoSm>(hwConfig, flowTrackingInfo, scheduler,
-                                              std::move(pamFactory));
+    Stova::Ipfix::CollectorStatistics* stats, PamFactory pamFactory) {
+  return Zub::makeReactor<FlowTrackingInfoSm>(
+      hwConfig, flowTrackingInfo, ExportContext{scheduler, std::move(pamFactory), stats});
 }
 
 }  // namespace FlowTracking

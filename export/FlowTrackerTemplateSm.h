@@ -16,8 +16,8 @@
 
 #include "config/HwFlowTrackingStatus.h"
 #include "export/FlowTrackingConfigReq.h"
+#include "export/OptionsTemplateExporterSm.h"
 #include "export/TemplateSmBase.h"
-#include "options/OptionsTemplateExporterSm.h"
 #include "platform/nelo/IpfixHeaders.h"
 
 namespace FlowTracking {
@@ -34,6 +34,10 @@ class FtExporterSm : public TemplateExporterSmBase {
   uint16_t headerSetId() const override { return Nelo::IpfixConst::templateSetId(); }
   uint32_t getTemplateLength() const override { return getFtTemplateLength(); }
   void handleTemplateCreationTask() override;
+  // The channel's destination has the data templates: flow records may follow.
+  void updateCollectorOnTx(CollectorChannel& channel) override {
+    channel.templateDstIs(channel.dst());
+  }
   void handleInitialized() override;
   // A flow group status appeared, went away or was replaced.
   void onHwFgStatus(TemplateId templateId);

@@ -74,7 +74,7 @@ uint32_t TemplateExporterSmBase::getTemplateLength() const {
 void TemplateExporterSmBase::handleTemplateCreationTask() {
   ZUB_FATAL("(!(\"handleTemplateCreationTask\"))");
 }
-void TemplateExporterSmBase::updateCollectorOnTx(const Zub::String&) {}
+void TemplateExporterSmBase::updateCollectorOnTx(CollectorChannel&) {}
 
 uint32_t TemplateExporterSmBase::addTemplateFieldSpecifier(
     const Zub::Ptr<Nelo::Pkt>& pkt, uint32_t offset, const HwFlowTracking::FtTemplateEntry& entry) {
@@ -233,20 +233,20 @@ void TemplateExporterSmBase::handleCollectorIp6AndPort(const Zub::String& name) 
   handleCollector_<V6>(name);
 }
 
-// A full pass over one family: every configured collector with collector information
-// gets the packet, if the family can send at all.
+// A full pass over one family: every configured collector whose channel can send gets
+// the packet.
 template <class F>
 void TemplateExporterSmBase::maybeTx_() {
   TRACE_BASE(kEntry, F::kMaybeTx);
   auto& st = F::state(*this);
   st.served.clear();
   bool sent = false;
-  if (templateReady_ && hwExpConfig_->exporterReady() && F::hasSource(*hwExpConfig_) &&
-      F::pam(*expInfo_)) {
+  if (templateReady_ && hwExpConfig_->exporterReady()) {
     for (const Zub::String& name : F::collectors(*hwExpConfig_).keys()) {
       const typename F::Dst* dst = F::collectors(*hwExpConfig_).find(name);
-      if (!dst || !expInfo_->collInfoHas(name)) continue;
-      doTx_<F>(typename F::Dst(*dst), name);
+      const auto info = expInfo_->collInfo(name);
+      if (!dst || !info || !info->channel(F::kIpv4)->ready()) continue;
+      doTx_<F>(typename F::Dst(*dst), *info->channel(F::kIpv4));
       TRACE_BASE(kDiag, F::kMaybeTx) << " Template sent to " << name;
       sent = true;
     }
@@ -261,21 +261,18 @@ void TemplateExporterSmBase::maybeTx_() {
 }
 
 template <class F>
-void TemplateExporterSmBase::doTx_(const typename F::Dst& dst, const Zub::String& name) {
+void TemplateExporterSmBase::doTx_(const typename F::Dst& dst, CollectorChannel& channel) {
   const Zub::Nanoseconds nowNs = Zub::System::clock().wallNs();
-  updateMsgHeader_(name, nowNs);
+  exportTimeU32_[channel.name()] = static_cast<uint32_t>(nowNs / 1'000'000'000LL);
   TRACE_BASE(kDiag, F::kDoTx) << ",  dst ip: " << dst.addr << ", dst port: " << dst.port
                               << ", src: " << F::src(*hwExpConfig_)
-                              << ", tos :" << hwExpConfig_->dscpValue();
-  if (F::send(templatePkt_, *hwExpConfig_, *expInfo_, dst)) {
-    updateStats(F::key(dst), nowNs);
-  } else {
-    collectorSendFailed(collStats_, {F::key(dst), ftName_, expName_},
-                        F::pam(*expInfo_)->lastErrno());
-  }
-  F::state(*this).served[name] = dst;
+                              << ", tos :" << hwExpConfig_->dscpValue()
+                              << ", seqNo: " << channel.ipfixMsgSeqNo();
+  const bool taken =
+      channel.sendTemplates(templatePkt_, headerSetId(), templatePktTemplateCount_, nowNs);
+  F::state(*this).served[channel.name()] = dst;
   ++templateTxCount_;
-  updateCollectorOnTx(name);
+  if (taken) updateCollectorOnTx(channel);
 }
 
 // One collector of a family was configured, changed, removed, or got or lost its
@@ -295,49 +292,13 @@ void TemplateExporterSmBase::handleCollector_(const Zub::String& name) {
   if (served != st.served.end() && served->second == *dst) return;  // it has the packet
   if (served != st.served.end()) dropStaleStats_(true);             // it moved: the old row goes
   if (st.sending) {
-    doTx_<F>(typename F::Dst(*dst), name);
-    schedulePeriodicTemplateTx_();
+    const auto& channel = expInfo_->collInfo(name)->channel(F::kIpv4);
+    if (channel->ready() && templateReady_ && hwExpConfig_->exporterReady()) {
+      doTx_<F>(typename F::Dst(*dst), *channel);
+      schedulePeriodicTemplateTx_();
+    }
   } else {
     maybeTx_<F>();
-  }
-}
-
-void TemplateExporterSmBase::updateMsgHeader_(const Zub::String& name, Zub::Nanoseconds nowNs) {
-  const auto now = static_cast<uint32_t>(nowNs / 1'000'000'000LL);
-  exportTimeU32_[name] = now;
-  Nelo::MessageHeader msg(templatePkt_, 0);
-  msg.exportTimeIs(now);
-  // A template message carries no data record: the sequence number is the collector's
-  // count of data records, not advanced here.
-  const uint32_t seqNo = expInfo_->collInfo(name)->ipfixMsgSeqNo().value;
-  TRACE_BASE(kDiag, "updateMsgHeader_") << " Collector " << name << " has seqNo " << seqNo;
-  msg.sequenceNumberIs(seqNo);
-}
-
-void TemplateExporterSmBase::updateStats(const Stova::Ipfix::CollectorInfo& collector,
-                                         Zub::Nanoseconds nowNs) {
-  if (!collStats_) return;
-  const Stova::Ipfix::CollectorStatisticsKey key(collector, ftName_, expName_);
-  const Zub::Seconds now = Zub::secondsFromNs(nowNs);
-  const Stova::Ipfix::SetId setId(headerSetId());
-  try {
-    collStats_->statsUpdate(key, [&](Stova::Ipfix::CollectorStatisticsEntry& entry) {
-      // The set slot first: a tenth distinct set id is refused before anything changed.
-      Stova::Ipfix::CollectorSetStatisticsEntry set = entry.setEntry(setId);
-      if (!(set.setId == setId)) set = Stova::Ipfix::CollectorSetStatisticsEntry{setId};
-      set.exportedTemplateCount += templatePktTemplateCount_;
-      entry.setEntryIs(set);
-      entry.exportedMessageTotalCount += 1;
-      entry.exportedOctetTotalCount += templatePktMsgLen_;
-      entry.lastSentTime = now;
-      entry.lastTemplateSentTime = now;
-      TRACE_BASE(kDiag, "updateStats") << ", stats: " << entry.stovaString();
-    });
-  } catch (const Zub::RangeException& e) {
-    // A full table loses this collector's statistics, not its export.
-    TRACE_BASE(Zub::Glint::kError, "updateStats")
-        << " statistics of " << key.stovaString() << " not kept: " << e.what();
-    collectorStatsLost(key);
   }
 }
 

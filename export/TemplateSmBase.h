@@ -4,18 +4,17 @@
 // interval. A derived class (data templates, options templates) says how long its
 // templates are and writes their records into a packet from its template creation task
 // (getPkt, addTemplateFieldSpecifier, finishMessage); the base prepends the message and
-// set headers, stamps the export time and each collector's sequence number, sends to
-// every IPv4 then every IPv6 collector, and counts each send in the collector
-// statistics.
+// set headers and hands the packet to the channel of every IPv4 then every IPv6
+// collector, which stamps it, sends it and counts it (CollectorChannel.h).
 //
 // Which collectors get the packet when: a family (IPv4 or IPv6) is "sending" while the
-// last full pass over it reached at least one collector, and the base remembers each
-// collector it serves with the destination it sent to. A collector is sent the current
-// packet when it starts being served (it is configured and has collector information,
-// in whichever order the two notifications arrive) or when its destination changes; a
-// notification about a collector already served at its destination sends nothing. So
-// each collector receives the templates exactly once when it is added, whichever reactor
-// subscribed first; the periodic task and every full pass send to all.
+// last full pass over it found at least one collector whose channel can send, and the
+// base remembers each collector it serves with the destination it sent to. A collector is sent the
+// current packet when it starts being served (it is configured and has collector information, in
+// whichever order the two notifications arrive) or when its destination changes; a notification
+// about a collector already served at its destination sends nothing. So each collector receives the
+// templates exactly once when it is added, whichever reactor subscribed first; the periodic task
+// and every full pass send to all.
 
 #include <map>
 #include <unordered_map>
@@ -44,8 +43,8 @@ class TemplateExporterSmBase : public Zub::Reactor {
   // The slots of a template exporter; every derived class overrides the first two.
   virtual Zub::String taskPrefix() const;
   virtual uint16_t headerSetId() const;
-  // After each successful send to one collector.
-  virtual void updateCollectorOnTx(const Zub::String& collector);
+  // After each send to one collector that the kernel took.
+  virtual void updateCollectorOnTx(CollectorChannel& channel);
   // Bytes of all template records the derived class would write now.
   virtual uint32_t getTemplateLength() const;
   // Writes one field specifier at `offset` of the packet's data region: identifier
@@ -123,15 +122,13 @@ class TemplateExporterSmBase : public Zub::Reactor {
   template <class F>
   void maybeTx_();
   template <class F>
-  void doTx_(const typename F::Dst& dst, const Zub::String& name);
+  void doTx_(const typename F::Dst& dst, CollectorChannel& channel);
   template <class F>
   void handleCollector_(const Zub::String& name);
 
   bool taskRunning_(const Orrin::Task& task, const char* handler, const char* taskName) const;
   void runTemplateCreationTask_();
   void addIpfixHeaders_();
-  void updateMsgHeader_(const Zub::String& name, Zub::Nanoseconds nowNs);
-  void updateStats(const Stova::Ipfix::CollectorInfo& collector, Zub::Nanoseconds nowNs);
   void schedulePeriodicTemplateTx_();
   void stopPeriodicTemplateTx_();
 

@@ -1,5 +1,6 @@
 #pragma once
-// The trace facility of the export subsystem ("FtExport").
+// The trace facilities of export: "FtExport" for templates, endpoints and collector
+// channels, "FtOptions" for options templates and options data.
 
 #include "platform/zub/Glint.h"
 
@@ -7,6 +8,10 @@ namespace FlowTracking {
 
 inline Zub::Glint::Facility& exportTrace() {
   static Zub::Glint::Facility& f = Zub::Glint::facility("FtExport");
+  return f;
+}
+inline Zub::Glint::Facility& optionsTrace() {
+  static Zub::Glint::Facility& f = Zub::Glint::facility("FtOptions");
   return f;
 }
 using Zub::Glint::kDiag;

@@ -9,7 +9,6 @@
 // Ptr<const DataRecord> and never changed after publishing. The manager creates the
 // containers, the sources write into them, the exporters only read.
 
-#include <cstring>
 #include <map>
 #include <optional>
 #include <string>
@@ -84,67 +83,11 @@ class OptionsDataUpdate : public Zub::Entity {
   Update update_{TemplateId(TemplateId::invalidTemplateId), nullptr};
 };
 
-// Data records of several sets in order, each tagged with its set id.
-class FlowRecords {
- public:
-  struct Record {
-    TemplateId setId;
-    uint16_t len;
-    uint32_t offset;  // in the batch's bytes
-  };
-  // Room for a record of `len` bytes of set `setId`, to be written at once: records lie
-  // back to back in one buffer, so a batch that is reused allocates nothing per record.
-  uint8_t* append(TemplateId setId, uint16_t len) {
-    const size_t at = bytes_.size();
-    bytes_.resize(at + len);
-    records_.push_back({setId, len, static_cast<uint32_t>(at)});
-    return reinterpret_cast<uint8_t*>(bytes_.data()) + at;
-  }
-  void append(TemplateId setId, std::string_view bytes) {
-    std::memcpy(append(setId, static_cast<uint16_t>(bytes.size())), bytes.data(), bytes.size());
-  }
-  std::string_view bytes(const Record& r) const { return {bytes_.data() + r.offset, r.len}; }
-  const std::vector<Record>& list() const { return records_; }
-  size_t size() const { return records_.size(); }
-  bool empty() const { return records_.empty(); }
-  // Keeps the buffers' room.
-  void clear() {
-    records_.clear();
-    bytes_.clear();
-  }
-  void swap(FlowRecords& o) noexcept {
-    records_.swap(o.records_);
-    bytes_.swap(o.bytes_);
-  }
-
- private:
-  std::vector<Record> records_;
-  std::string bytes_;
-};
-
-// Data records of the tracker's flow templates, ended by the software data path. Its
-// owner fills `records` and raises `version`; each exporter of the tracker sends them to
-// its collectors within that notification, through the path of the options data, so the
-// two share each collector's sequence number. The owner empties the batch right after.
-class FlowRecordBatch : public Zub::Entity {
- public:
-  explicit FlowRecordBatch(const Zub::Name& ftName) : Entity(ftName) {}
-  FlowRecords& records() { return records_; }
-  const FlowRecords& records() const { return records_; }
-  ZUB_COUNTER(uint32_t, version)
-
- private:
-  FlowRecords records_;
-};
-
 // What the exporters of one tracker read: the global and the tracker's own sources and
-// updates, each keyed by its scope, and the tracker's flow records. The same collections
-// sit in several containers.
+// updates, each keyed by its scope. The same collections sit in several containers.
 class OptionsDataContainer : public Zub::Entity {
  public:
-  explicit OptionsDataContainer(const Zub::Name& ftName)
-      : Entity(ftName), flowRecords_(new FlowRecordBatch(ftName)) {}
-  const Zub::Ptr<FlowRecordBatch>& flowRecords() const { return flowRecords_; }
+  explicit OptionsDataContainer(const Zub::Name& ftName) : Entity(ftName) {}
   ZUB_COLL(data, Zub::OrderedCollection<OptionsDataScope, Zub::Ptr<OptionsDataSourceColl>>)
   ZUB_COLL(update, Zub::OrderedCollection<OptionsDataScope, Zub::Ptr<OptionsDataUpdate>>)
   // Inserts a collection (update) under its scope; null is refused.
@@ -154,9 +97,6 @@ class OptionsDataContainer : public Zub::Entity {
   void updateIs(const Zub::Ptr<OptionsDataUpdate>& update) {
     update_.insert(update ? update->scope() : OptionsDataScope::scopeGlobal, update);
   }
-
- private:
-  Zub::Ptr<FlowRecordBatch> flowRecords_;
 };
 
 // Puts `record` (null: nothing) in the place of `key`'s row; returns the row's previous

@@ -1,6 +1,6 @@
 #include "options/OptionsDataExporterSm.h"
 
-#include "options/Trace.h"
+#include "export/Trace.h"
 #include "platform/zub/Clock.h"
 
 namespace FlowTracking {
@@ -8,168 +8,11 @@ namespace FlowTracking {
 #define TRACE_SM(level, handler) \
   GLINT(optionsTrace(), level) << "OptionsDataExporterSm::" << handler << " for " << traceId_ << " "
 
-// ---- BuilderWrapper ----------------------------------------------------------------------
-
-void BuilderWrapper::builderIs(uint16_t maxSize, uint32_t observationDomainId) {
-  if (builder_ && builder_->maxSize() == maxSize &&
-      builder_->observationDomainId() == observationDomainId) {
-    return;
-  }
-  builder_ = messageBuilderFactory(maxSize, observationDomainId);
-}
-
-void BuilderWrapper::startMsg() {
-  if (recycle_ && !recycle_->empty()) {
-    Zub::Ptr<MessageWrapper> old = recycle_->deq();
-    if (old->references() == 1) {
-      builder_->startMsg(old->reset());
-      msgWrap_ = std::move(old);
-      return;
-    }
-  }
-  builder_->startMsg();
-  msgWrap_ = Zub::make<MessageWrapper>();
-}
-
-void BuilderWrapper::countRun_() {
-  if (runCount_ > 0) msgWrap_->setRecordInc(runSetId_, runCount_);
-  runCount_ = 0;
-}
-
-Zub::Ptr<MessageWrapper> BuilderWrapper::finalizeMsg() {
-  countRun_();
-  msgWrap_->msgIs(builder_->finalizeMsg());
-  return std::exchange(msgWrap_, nullptr);
-}
-
-// ---- Collector ---------------------------------------------------------------------------
-
-Collector::Collector(const Zub::String& name, const Zub::Ptr<CollectorInfo>& info,
-                     const Nelo::IpAndPort& dst4, const Nelo::Ip6AndPort& dst6, bool isIpv4,
-                     Stova::Ipfix::CollectorStatistics* stats, const Zub::String& ftName,
-                     const Zub::String& expName)
-    : Entity(name),
-      info_(info),
-      dst4_(dst4),
-      dst6_(dst6),
-      isIpv4_(isIpv4),
-      stats_(stats),
-      ftName_(ftName),
-      expName_(expName) {}
-
-namespace {
-// What a collector's send says and checks per family.
-template <class F>
-struct CollectorFamily;
-template <>
-struct CollectorFamily<Ipv4Family> {
-  static constexpr const char* kSrcAssert = "src != IpAddr::ipAddrZero()";
-  static constexpr const char* kTx = " TX IPv4 ";
-};
-template <>
-struct CollectorFamily<Ipv6Family> {
-  static constexpr const char* kSrcAssert = "!src.isZero()";
-  static constexpr const char* kTx = " TX IPv6 ";
-};
-}  // namespace
-
-template <class F>
-size_t Collector::send_(const ExporterInfo& expInfo,
-                        const HwFlowTracking::ExporterConfig& hwExpConfig,
-                        const Zub::Ptr<Nelo::Pkt>* pkts, size_t n, const typename F::Dst& dst) {
-  const auto src = F::src(hwExpConfig);
-  ZUB_ASSERT_TEXT(!src.isZero(), CollectorFamily<F>::kSrcAssert);
-  ZUB_ASSERT_TEXT(F::pam(expInfo), "_pam");
-  GLINT(optionsTrace(), kDiag) << "Collector::sendMessage " << name() << CollectorFamily<F>::kTx
-                               << src << " => " << dst << " (" << n << " messages)";
-  if (optionsTrace().enabled(kDump)) {
-    for (size_t i = 0; i < n; ++i) GLINT(optionsTrace(), kDump) << pkts[i]->hexdump();
-  }
-  const size_t sent = n == 1 ? (F::send(pkts[0], hwExpConfig, expInfo, dst) ? 1 : 0)
-                             : F::sendBatch(pkts, n, hwExpConfig, expInfo, dst);
-  if (sent < n) {
-    const Stova::Ipfix::CollectorStatisticsKey key(F::key(dst), ftName_, expName_);
-    const int error = F::pam(expInfo)->lastErrno();
-    collectorSendFailed(stats_, key, error, n - sent);
-  }
-  return sent;
-}
-
-void Collector::sendMessage(const ExporterInfo& expInfo,
-                            const HwFlowTracking::ExporterConfig& hwExpConfig,
-                            const MessageWrapper& msgWrap) {
-  // The header carries the data records sent to this collector before this message.
-  const uint32_t seqNo = info_->ipfixMsgSeqNo().value;
-  info_->ipfixMsgSeqNoInc(msgWrap.recordCount());
-  const Zub::Ptr<Nelo::Pkt> pkt = msgWrap.msg()->pkt(seqNo);
-  const size_t sent = isIpv4_ ? send_<Ipv4Family>(expInfo, hwExpConfig, &pkt, 1, dst4_)
-                              : send_<Ipv6Family>(expInfo, hwExpConfig, &pkt, 1, dst6_);
-  if (sent) updateStats(msgWrap);
-}
-
-void Collector::sendMessages(const ExporterInfo& expInfo,
-                             const HwFlowTracking::ExporterConfig& hwExpConfig,
-                             const Zub::LinkQueue<Zub::Ptr<MessageWrapper>>& msgs) {
-  constexpr size_t kBatch = 64;
-  Zub::Ptr<Nelo::Pkt> pkts[kBatch];
-  const MessageWrapper* wraps[kBatch];
-  size_t n = 0;
-  auto flush = [&] {
-    if (n == 0) return;
-    const size_t sent = isIpv4_ ? send_<Ipv4Family>(expInfo, hwExpConfig, pkts, n, dst4_)
-                                : send_<Ipv6Family>(expInfo, hwExpConfig, pkts, n, dst6_);
-    for (size_t i = 0; i < n; ++i) {
-      if (i < sent) updateStats(*wraps[i]);  // only what the kernel took counts as exported
-      pkts[i] = nullptr;
-    }
-    n = 0;
-  };
-  for (const Zub::Ptr<MessageWrapper>& msg : msgs) {
-    // Each message is its own packet: stamping it for this collector leaves the others.
-    const uint32_t seqNo = info_->ipfixMsgSeqNo().value;
-    info_->ipfixMsgSeqNoInc(msg->recordCount());
-    pkts[n] = msg->msg()->pkt(seqNo);
-    wraps[n++] = msg.get();
-    if (n == kBatch) flush();
-  }
-  flush();
-}
-
-void Collector::updateStats(const MessageWrapper& msgWrap) {
-  if (!stats_) return;
-  const Stova::Ipfix::CollectorStatisticsKey key(
-      isIpv4_ ? Ipv4Family::key(dst4_) : Ipv6Family::key(dst6_), ftName_, expName_);
-  const Zub::Seconds now = Zub::System::now();
-  try {
-    stats_->statsUpdate(key, [&](Stova::Ipfix::CollectorStatisticsEntry& entry) {
-      // The set slots first: a tenth distinct set id is refused before anything changed.
-      for (const SetRecord& rec : msgWrap.setRecord()) {
-        const Stova::Ipfix::SetId setId(rec.setId.value());
-        Stova::Ipfix::CollectorSetStatisticsEntry set = entry.setEntry(setId);
-        if (!(set.setId == setId)) set = Stova::Ipfix::CollectorSetStatisticsEntry{setId};
-        set.exportedFlowRecordCount += rec.count;
-        entry.setEntryIs(set);
-      }
-      entry.exportedMessageTotalCount += 1;
-      entry.exportedFlowRecordTotalCount += msgWrap.recordCount();
-      entry.exportedOctetTotalCount += msgWrap.bytes();
-      entry.lastSentTime = now;
-      entry.lastOptionsDataSentTime = now;
-      GLINT(optionsTrace(), kDiag)
-          << "Collector::updateStats " << name() << " stats: " << entry.stovaString();
-    });
-  } catch (const Zub::RangeException& e) {
-    // A full table loses this collector's statistics, not its export.
-    GLINT(optionsTrace(), Zub::Glint::kError)
-        << "statistics of " << key.stovaString() << " not kept: " << e.what();
-    collectorStatsLost(key);
-  }
-}
-
 // ---- OptionsDataExporterSm ---------------------------------------------------------------
 
 // The exporter's view of each family: its collectors and its texts.
 struct OptionsDataExporterSm::V4 : Ipv4Family {
+  static constexpr int kIndex = 0;
   static constexpr const char* kHandleCollector = "handleCollector4";
   static constexpr const char* kHandleSrc = "handleSrc4";
   static constexpr const char* kStale = "stale v4 collector ";
@@ -179,6 +22,7 @@ struct OptionsDataExporterSm::V4 : Ipv4Family {
 };
 
 struct OptionsDataExporterSm::V6 : Ipv6Family {
+  static constexpr int kIndex = 1;
   static constexpr const char* kHandleCollector = "handleCollector6";
   static constexpr const char* kHandleSrc = "handleSrc6";
   static constexpr const char* kStale = "stale v6 collector ";
@@ -245,7 +89,6 @@ void OptionsDataExporterSm::handleInitialized() {
                                maybeBeginPeriodicTransmission();
                            });
   msgCacheValid_ = false;
-  watch(container_->flowRecords()->versionSignal(), [this] { sendFlowRecords(); });
   for (const Zub::String& name : expInfo_->collInfoColl().keys()) handleCollInfo_(name);
   // The sources are fixed from here on: only their records change.
   for (const auto& [scope, coll] : container_->dataColl()) {
@@ -292,10 +135,10 @@ void OptionsDataExporterSm::handleCollInfo_(const Zub::String& name) {
   collInfoDel(name);
   if (auto info = expInfo_->collInfo(name)) {
     collInfoColl().insert(name, info);
-    watch(collInfoSubs_, name, info->optTemplateSentSignal(), [this, name] {
-      handleCollector4(name);
-      handleCollector6(name);
-    });
+    watch(collInfoSubs_, name, info->channel4()->optTemplateDstSignal(),
+          [this, name] { handleCollector4(name); });
+    watch(collInfoSubs_, name, info->channel6()->optTemplateDstSignal(),
+          [this, name] { handleCollector6(name); });
   }
   handleCollector4(name);
   handleCollector6(name);
@@ -390,39 +233,15 @@ void OptionsDataExporterSm::sendDataTables() {
   TRACE_SM(kDiag, "sendDataTables") << "msgCache count: " << msgCache_.size();
   // Collector by collector, every cached message in queue order: each collector's
   // messages go out in batches.
-  forEachReadyCollector_(
-      "sendDataTables", [&](Collector& c) { c.sendMessages(*expInfo_, *hwExpConfig_, msgCache_); });
+  forEachReadyCollector_("sendDataTables",
+                         [&](CollectorChannel& c) { c.send(msgCache_, SetKind::optionsData); });
   processing_ = false;
   maybeSchedulePeriodic();
 }
 
-// The data path's records, now, in as few messages as fit: to the collectors that have
-// their templates (the ready ones); a collector without them yet misses these records.
-void OptionsDataExporterSm::sendFlowRecords() {
-  const auto& records = container_->flowRecords()->records();
-  TRACE_SM(kEntry, "sendFlowRecords") << "records: " << records.size();
-  if (records.empty() || !txReady()) return;
-  BuilderWrapper b(maxMsgSize_(), ftId_.value());
-  b.startMsg();
-  for (const FlowRecords::Record& r : records.list()) {
-    const std::string_view record = records.bytes(r);
-    if (b.addSetRecord(r.setId, record) > 0) continue;
-    if (b.hasRecords()) {
-      sendMessageToCollectors(*b.finalizeMsg());
-      b.startMsg();
-    }
-    if (b.addSetRecord(r.setId, record) == 0) {
-      // Larger than a message of this exporter's MTU can carry: cannot be sent.
-      TRACE_SM(0, "sendFlowRecords")
-          << "a record of " << record.size() << " bytes exceeds the message size " << maxMsgSize_();
-    }
-  }
-  if (b.hasRecords()) sendMessageToCollectors(*b.finalizeMsg());
-}
-
 void OptionsDataExporterSm::sendMessageToCollectors(const MessageWrapper& msg) {
   forEachReadyCollector_("sendMessageToCollectors",
-                         [&](Collector& c) { c.sendMessage(*expInfo_, *hwExpConfig_, msg); });
+                         [&](CollectorChannel& c) { c.send(msg, SetKind::optionsData); });
 }
 
 // Every collector of a family whose source is ready, IPv4 first.
@@ -460,39 +279,30 @@ void OptionsDataExporterSm::handleCollector6(const Zub::String& name) {
   handleCollector_<V6>(name);
 }
 
-Zub::Ptr<Collector> OptionsDataExporterSm::makeCollector_(const Zub::String& name,
-                                                          const Zub::Ptr<CollectorInfo>& info,
-                                                          bool isIpv4) const {
-  return Zub::make<Collector>(name, info, hwExpConfig_->collectorIpAndPort(name),
-                              hwExpConfig_->collectorIp6AndPort(name), isIpv4, collStats_, ftName_,
-                              expName_);
-}
-
 template <class F>
 void OptionsDataExporterSm::handleCollector_(const Zub::String& name) {
   auto info = expInfo_->collInfo(name);
-  const typename F::Dst* dst = F::collectors(*hwExpConfig_).find(name);
-  TRACE_SM(kEntry, F::kHandleCollector) << "collector " << name << ", collInfo: " << bool(info)
-                                        << ", dst: " << (dst ? dst->stringValue() : "none")
-                                        << ", templateSent: " << (info && info->optTemplateSent());
-  if (info && dst && !dst->addr.isZero() && info->optTemplateSent()) {
-    auto existing = F::coll(*this).get(name);
-    if (existing && existing->info() == info &&
-        existing->dst4() == hwExpConfig_->collectorIpAndPort(name) &&
-        existing->dst6() == hwExpConfig_->collectorIp6AndPort(name)) {
-      return;
+  const Zub::Ptr<CollectorChannel> channel = info ? info->channel(F::kIpv4) : nullptr;
+  TRACE_SM(kEntry, F::kHandleCollector)
+      << "collector " << name << ", collInfo: " << bool(info)
+      << ", dst: " << (channel && channel->hasDst() ? channel->dst().stringValue() : "none")
+      << ", templateSent: " << (channel && channel->optTemplateSent());
+  auto& served = served_[F::kIndex];
+  if (channel && channel->optTemplateSent()) {
+    auto it = served.find(name);
+    if (F::coll(*this).get(name) == channel && it != served.end() && it->second == channel->dst()) {
+      return;  // served at this destination already
     }
-    collector4Del(name);
-    collector6Del(name);
-    auto c = makeCollector_(name, info, F::kIpv4);
-    F::coll(*this).insert(name, c);
-    collectorColl().insert(name, c);
+    served[name] = channel->dst();
+    F::coll(*this).insert(name, channel);
+    collectorColl().insert(name, channel);
     handleCollector(name);
     return;
   }
   if (!F::coll(*this).has(name)) return;
   TRACE_SM(kState, F::kHandleCollector) << F::kStale << name;
   F::coll(*this).del(name);
+  served.erase(name);
   if (!F::other(*this).has(name)) collectorDel(name);
 }
 
@@ -507,10 +317,10 @@ void OptionsDataExporterSm::processCollectorQueue() {
   for (const Zub::String& name : collectorUpdate_) {
     TRACE_SM(kDiag, "processCollectorQueue")
         << "name: " << name << ", exists: " << collectorHas(name);
-    auto sendAlone = [&](const Zub::Ptr<Collector>& c, bool ready) {
+    auto sendAlone = [&](const Zub::Ptr<CollectorChannel>& c, bool ready) {
       if (!c || !ready) return;
       maybeBuildMsgCache();
-      c->sendMessages(*expInfo_, *hwExpConfig_, msgCache_);
+      c->send(msgCache_, SetKind::optionsData);
     };
     sendAlone(collector4(name), v4Ready());
     sendAlone(collector6(name), v6Ready());

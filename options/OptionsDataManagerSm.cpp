@@ -1,6 +1,6 @@
 #include "options/OptionsDataManagerSm.h"
 
-#include "options/Trace.h"
+#include "export/Trace.h"
 
 namespace FlowTracking {
 

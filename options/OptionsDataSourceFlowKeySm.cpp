@@ -2,8 +2,8 @@
 
 #include <cstdio>
 
+#include "export/Trace.h"
 #include "options/OptionsDataRecordWriter.h"
-#include "options/Trace.h"
 
 namespace FlowTracking {
 

@@ -1,7 +1,7 @@
 #include "options/OptionsDataSourceFlowTrackerTableSm.h"
 
+#include "export/Trace.h"
 #include "options/OptionsDataRecordWriter.h"
-#include "options/Trace.h"
 
 namespace FlowTracking {
 

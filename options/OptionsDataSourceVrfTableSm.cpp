@@ -1,7 +1,7 @@
 #include "options/OptionsDataSourceVrfTableSm.h"
 
+#include "export/Trace.h"
 #include "options/OptionsDataRecordWriter.h"
-#include "options/Trace.h"
 
 namespace FlowTracking {
 

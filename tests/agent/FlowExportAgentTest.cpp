@@ -64,8 +64,9 @@ TEST_F(AgentTest, ReloadAppliesOnlyTheDifferences) {
   const auto ftId = agent->hwConfig()->hwFtConfig("t")->ftId();
   auto info1 = collInfo(*agent, "t", "127.0.0.1");
   ASSERT_TRUE(info1);
-  info1->ipfixMsgSeqNoInc(17);
-  const uint32_t seqBefore = info1->ipfixMsgSeqNo().value;  // 17 and the table's records
+  info1->channel4()->ipfixMsgSeqNoInc(17);
+  const uint32_t seqBefore =
+      info1->channel4()->ipfixMsgSeqNo().value;  // 17 and the table's records
   auto pam4 = agent->flowTrackingInfo()->ftInfo("t")->expInfo("e")->udpPam4();
 
   write("    - name: t\n", c1() + ", " + c2());
@@ -75,7 +76,7 @@ TEST_F(AgentTest, ReloadAppliesOnlyTheDifferences) {
   EXPECT_TRUE(rx1.drain(100ms).empty());  // the first collector already has the templates
   EXPECT_EQ(agent->hwConfig()->hwFtConfig("t")->ftId(), ftId);
   EXPECT_EQ(collInfo(*agent, "t", "127.0.0.1"), info1);
-  EXPECT_EQ(info1->ipfixMsgSeqNo().value, seqBefore);
+  EXPECT_EQ(info1->channel4()->ipfixMsgSeqNo().value, seqBefore);
   EXPECT_EQ(agent->flowTrackingInfo()->ftInfo("t")->expInfo("e")->udpPam4(), pam4);
 
   // A broken file is refused and changes nothing.

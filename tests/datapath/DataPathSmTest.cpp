@@ -1,17 +1,16 @@
 // The data path reactor on a manual clock with a fake sample source and recording
 // endpoints: samples become records of template 261 that reach the collector after its
-// templates, numbered in one sequence with the options data; a batch of samples counts
-// each once; records take the layout of the template as published now, and flows of an
-// unpublished template end unencoded; a source that cannot start is logged once and
-// retried; expiry goes in bounded batches; a tracker that goes ends its flows; a new
-// sample rate or cache size ends the flows so far.
+// data templates; records that reach no collector are counted by reason; a batch of
+// samples counts each once; records take the layout of the template as published now,
+// and flows of an unpublished template end unencoded; a source that cannot start is
+// logged once and retried; expiry goes in bounded batches; a tracker that goes ends its
+// flows; a new sample rate or cache size ends the flows so far.
 
 #include <gtest/gtest.h>
 
 #include <map>
 
 #include "datapath/DataPathSm.h"
-#include "options/OptionsDataExporterSm.h"
 #include "platform/nelo/IpfixHeaders.h"
 #include "platform/zub/LogHandle.h"
 #include "tests/support/Bytes.h"
@@ -41,21 +40,9 @@ struct FakeSource : SampleSource {
 };
 
 std::vector<TestSupport::FieldSpec> fields4() {
-  return {{RT::srcIp, 4},
-          {RT::dstIp, 4},
-          {RT::ipProtocol, 1},
-          {RT::srcL4Port, 2},
-          {RT::dstL4Port, 2},
-          {RT::ingressInterface, 4},
-          {RT::vrfId, 4},
-          {RT::ipClassOfService, 1},
-          {RT::tcpControlBits, 2},
-          {RT::egressInterface, 4},
-          {RT::byteCount, 8},
-          {RT::packetCount, 8},
-          {RT::timeStampFlowStart, 8},
-          {RT::timeStampFlowEnd, 8},
-          {RT::flowEndReason, 1}};
+  std::vector<TestSupport::FieldSpec> out;
+  for (const auto& f : flowTemplateFields(false)) out.push_back({f.type, f.len, false, f.key});
+  return out;
 }
 
 // An IPv4 UDP frame 192.0.2.1:`sport` -> 198.51.100.2:53 with 100 bytes of payload.
@@ -76,10 +63,7 @@ uint32_t seqOf(const SentPkt& p) {
 class DataPathSmTest : public ::testing::Test {
  protected:
   ExportWorld w;
-  Zub::Ptr<OptionsDataContainer> container{new OptionsDataContainer("T")};
-  Zub::Ptr<OptionsDataSourceColl> global{new OptionsDataSourceColl(OptionsDataScope::scopeGlobal)};
   Zub::Ptr<IntfIndexMap> intfIndexMap{new IntfIndexMap()};
-  Zub::Ptr<OptionsDataExporterSm> exporterSm;
   Zub::Ptr<DataPathSm> sm;
   std::vector<FakeSource*> sources;
   bool failSources = false;
@@ -94,22 +78,14 @@ class DataPathSmTest : public ::testing::Test {
     ft->inactiveTimeoutIs(InactiveTimeout(15000));
     w.hwConfig->sampleRateIs(1);
     w.flowGroup("T", 261, fields4());
-    container->dataIs(global);
-    auto table = global->sourceIs("InterfaceTable", TemplateId(257));
-    table->dataRecordIs(Zub::Ptr<const DataRecord>(new DataRecord(hexBytes("00000005 01 45"))));
-    table->versionInc(1);
     intfIndexMap->intfIs(Nelo::IntfId("Ethernet1"), 5);
     w.hwConfig->hwIntfFtConfigIs(Nelo::IntfId("Ethernet1"), ft);
     w.start();
-    exporterSm = Zub::makeReactor<OptionsDataExporterSm>("E", "T", FtId(7), ft, hw,
-                                                         w.info->ftInfo("T")->expInfo("E"),
-                                                         w.stats.get(), container, w.sched);
   }
   void startDataPath() {
     sm = Zub::makeReactor<DataPathSm>(
-        w.hwConfig, w.hwStatus, intfIndexMap, [this](const Nelo::IntfId&) { return vrfId; },
-        [](const FlowKey&) { return 9u; },
-        [this](const Zub::Name& n) { return n == "T" ? container : nullptr; }, w.sched, options,
+        w.hwConfig, w.hwStatus, intfIndexMap, w.info, [this](const Nelo::IntfId&) { return vrfId; },
+        [](const FlowKey&) { return 9u; }, w.sched, options,
         [this](uint32_t ifindex, uint32_t rate, uint32_t, SampleSource::Handler h) {
           EXPECT_EQ(ifindex, 5u);
           auto s = std::make_unique<FakeSource>();
@@ -149,12 +125,16 @@ class DataPathSmTest : public ::testing::Test {
   }
 };
 
-TEST_F(DataPathSmTest, SamplesBecomeRecordsSentAfterTheTemplatesInTheOptionsSequence) {
+TEST_F(DataPathSmTest, SamplesBecomeRecordsSentAfterTheDataTemplates) {
   startDataPath();
   ASSERT_EQ(sources.size(), 1u);
+  // Before any collector: the flow's record reaches nobody, and is counted so.
+  sample(999);
+  w.advance(15.25);
+  EXPECT_EQ(sm->dropped().noReadyCollector, 1u);
   w.collector4("T", "E", "a", "192.0.2.9", 4739);
   w.run();
-  w.recorder.take();  // templates and the interface table (one record)
+  w.recorder.take();  // the templates
   const int64_t startMs = w.clock.wallNs() / 1'000'000;
   sample(1000);
   w.advance(2);
@@ -178,11 +158,17 @@ TEST_F(DataPathSmTest, SamplesBecomeRecordsSentAfterTheTemplatesInTheOptionsSequ
                                                 "0000000000000002" +
                                                 ms(startMs) + ms(startMs + 2000) + "01")));
   EXPECT_EQ(got[1].substr(0, 24), TestSupport::toHex(hexBytes("c0000201 c6336402 11 07d0")));
-  // After the table's one record.
-  EXPECT_EQ(seqs, (std::vector<uint32_t>{1}));
-  EXPECT_EQ(w.collInfo("T", "E", "a")->ipfixMsgSeqNo().value, 3u);
-  EXPECT_EQ(sm->samples(), 3u);
+  EXPECT_EQ(seqs, (std::vector<uint32_t>{0}));
+  EXPECT_EQ(w.collInfo("T", "E", "a")->channel4()->ipfixMsgSeqNo().value, 2u);
+  const auto stats = w.stats->stats(w.collInfo("T", "E", "a")->channel4()->statsKey());
+  EXPECT_EQ(stats.exportedDataRecordCount, 2u);
+  EXPECT_EQ(stats.exportedDataMessageCount, 1u);
+  EXPECT_EQ(stats.exportedOptionsDataMessageCount, 0u);
+  EXPECT_NEAR(stats.lastDataRecordSentTime, Zub::System::now(), 0.25);
+  EXPECT_EQ(stats.lastOptionsDataSentTime, 0);
+  EXPECT_EQ(sm->samples(), 4u);
   EXPECT_EQ(sm->flows("T"), 0u);
+  EXPECT_EQ(sm->dropped().total(), 1u);
   // The interface moves to another VRF: its new flows say so.
   vrfId = 4;
   sm->vrfsChanged();
@@ -309,12 +295,18 @@ TEST_F(DataPathSmTest, ExpiryGoesInBatchesAndANewRateEndsTheFlows) {
   ASSERT_EQ(resized.size(), 1u);
   EXPECT_EQ(resized[0].substr(resized[0].size() - 2), "04");
   EXPECT_EQ(sm->flows("T"), 0u);
-  // A tracker that goes takes its flows with it.
+  // A tracker whose exporter goes ends its flows with no exporter to send them; a
+  // tracker that goes takes its flows with it.
+  sample(9);
+  w.hwConfig->hwFtConfig("T")->expConfigDel("E");
+  w.hwConfig->sampleRateIs(10);
+  EXPECT_EQ(sm->dropped().noExporter, 1u);
   sample(9);
   w.hwConfig->hwIntfFtConfigDel(Nelo::IntfId("Ethernet1"));
   EXPECT_EQ(sm->sources(), 0u);
   w.hwConfig->hwFtConfigDel("T");
   EXPECT_EQ(sm->flows("T"), 0u);
+  EXPECT_EQ(sm->dropped().noExporter, 2u);
 }
 
 }  // namespace

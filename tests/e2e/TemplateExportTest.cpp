@@ -130,7 +130,7 @@ TEST(TemplateExportE2e, TemplatesReachRealCollectorsAndDecode) {
 
   // The sequence number is the collector's count of data records.
   auto info4 = ew.collInfo("T", "E", "127.0.0.1");
-  info4->ipfixMsgSeqNoInc(5);
+  info4->channel4()->ipfixMsgSeqNoInc(5);
   // A shorter interval: sent at once, then every 5 s.
   cw.config->flowTrackerConfig("T")->expConfig("E")->templateIntervalIs(
       FlowTracking::TemplateInterval(5000));

@@ -73,11 +73,14 @@ TEST(CollectorStats, TextForms) {
   CollectorStatisticsEntry e(key4("trk", "exp"));
   e.exportedMessageTotalCount = 3;
   e.exportedOctetTotalCount = 168;
+  e.exportedTemplateMessageCount = 3;
   e.lastSentTime = 1800000000.6;
   e.setEntryIs(set(2, 6));
   EXPECT_EQ(e.stovaString(),
-            "[trk exp 10.0.0.1:4739] msgs: 3, flows: 0, octets: 168, last message: 1800000001, "
-            "template: 0, data: 0, options data: 0, cleared: 0, set 2: (flows: 0, templates: 6)");
+            "[trk exp 10.0.0.1:4739] msgs: 3, flows: 0, octets: 168, messages by kind: "
+            "(templates: 3, data: 0, options data: 0), records by kind: (data: 0, options data: "
+            "0), last message: 1800000001, template: 0, data: 0, options data: 0, cleared: 0, "
+            "set 2: (flows: 0, templates: 6)");
   EXPECT_TRUE(!CollectorInfo());
   EXPECT_FALSE(!v6.collector);
   try {

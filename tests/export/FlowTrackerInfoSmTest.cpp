@@ -28,7 +28,7 @@ TEST(ExporterInfoSm, EndpointsPerExporterAndSequenceNumbersPerCollector) {
 
   auto a = w.collInfo("T", "E", "a");
   ASSERT_TRUE(a);
-  a->ipfixMsgSeqNoInc(10);
+  a->channel4()->ipfixMsgSeqNoInc(10);
   // Changing anything else of the exporter keeps the number.
   auto hw = w.hwConfig->hwFtConfig("T")->expConfig("E");
   hw->collectorIpAndPortIs("a", Nelo::IpAndPort{Nelo::IpAddr("192.0.2.1"), 4740});
@@ -38,9 +38,9 @@ TEST(ExporterInfoSm, EndpointsPerExporterAndSequenceNumbersPerCollector) {
   ASSERT_TRUE(expInfo->udpPam6());
   EXPECT_EQ(expInfo->udpPam6()->name(), "udpPam6-T-E");
   EXPECT_TRUE(expInfo->udpPam6()->ipv6En());
-  EXPECT_EQ(w.collInfo("T", "E", "a")->ipfixMsgSeqNo().value, 10u);
+  EXPECT_EQ(w.collInfo("T", "E", "a")->channel4()->ipfixMsgSeqNo().value, 10u);
   ASSERT_TRUE(w.collInfo("T", "E", "b"));
-  EXPECT_FALSE(w.collInfo("T", "E", "b")->optTemplateSent());
+  EXPECT_FALSE(w.collInfo("T", "E", "b")->channel6()->optTemplateSent());
   // The last IPv6 collector going gives its endpoint back; IPv4 goes on as it was.
   w.recorder.events.clear();
   hw->collectorIp6AndPortDel("b");
@@ -48,12 +48,12 @@ TEST(ExporterInfoSm, EndpointsPerExporterAndSequenceNumbersPerCollector) {
   EXPECT_FALSE(expInfo->udpPam6());
   EXPECT_EQ(w.recorder.events, (std::vector<std::string>{"close udpPam6-T-E"}));
   ASSERT_TRUE(expInfo->udpPam4());
-  EXPECT_EQ(w.collInfo("T", "E", "a")->ipfixMsgSeqNo().value, 10u);
+  EXPECT_EQ(w.collInfo("T", "E", "a")->channel4()->ipfixMsgSeqNo().value, 10u);
   // Removing and re-adding restarts at 0.
   hw->collectorIpAndPortDel("a");
   EXPECT_FALSE(w.collInfo("T", "E", "a"));
   w.collector4("T", "E", "a", "192.0.2.1", 4739);
-  EXPECT_EQ(w.collInfo("T", "E", "a")->ipfixMsgSeqNo().value, 0u);
+  EXPECT_EQ(w.collInfo("T", "E", "a")->channel4()->ipfixMsgSeqNo().value, 0u);
 }
 
 TEST(ExporterInfoSm, RemovingAnExporterSwitchesBothEndpointsOffFirst) {
@@ -89,7 +89,7 @@ TEST(ExporterInfoSm, EndpointsAreBoundToTheVrfDeviceAndOpenedAnewWhenItChanges) 
   ASSERT_TRUE(expInfo->udpPam4() && expInfo->udpPam6());
   EXPECT_EQ(expInfo->udpPam4()->bindDevice(), "blue");
   EXPECT_EQ(expInfo->udpPam6()->bindDevice(), "blue");
-  w.collInfo("T", "E", "a")->ipfixMsgSeqNoInc(7);
+  w.collInfo("T", "E", "a")->channel4()->ipfixMsgSeqNoInc(7);
 
   // Another device: both sockets are replaced, never rebound; the collectors keep their
   // sequence numbers.
@@ -100,7 +100,7 @@ TEST(ExporterInfoSm, EndpointsAreBoundToTheVrfDeviceAndOpenedAnewWhenItChanges) 
                                                          "open udpPam4-T-E", "open udpPam6-T-E"}));
   EXPECT_EQ(expInfo->udpPam4()->bindDevice(), "green");
   EXPECT_EQ(expInfo->udpPam6()->bindDevice(), "green");
-  EXPECT_EQ(w.collInfo("T", "E", "a")->ipfixMsgSeqNo().value, 7u);
+  EXPECT_EQ(w.collInfo("T", "E", "a")->channel4()->ipfixMsgSeqNo().value, 7u);
   // Back in the default VRF: unbound sockets.
   hw->vrfDeviceIs("");
   w.run();

@@ -110,12 +110,12 @@ TEST_F(TemplateTest, SequenceNumberIsTheCollectorsCountAndIsNotAdvanced) {
   w.run();
   w.recorder.take(2);
   auto info = w.collInfo("T", "E", "a");
-  info->ipfixMsgSeqNoIs(Ipfix::IpfixMsgSeqNo(4242));
+  info->channel4()->ipfixMsgSeqNoIs(Ipfix::IpfixMsgSeqNo(4242));
   w.ftExporterSm("T", "E")->handleTemplateInterval();
   auto sent = w.recorder.take(2);
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(seqOf(sent[0].bytes), 4242u);
-  EXPECT_EQ(info->ipfixMsgSeqNo().value, 4242u);
+  EXPECT_EQ(info->channel4()->ipfixMsgSeqNo().value, 4242u);
 }
 
 TEST_F(TemplateTest, NoSourceAddressMeansNoSendAndNoPeriodicTask) {
@@ -233,7 +233,7 @@ TEST(TemplateExporter, CollectorWithoutCollectorInfoWaitsForIt) {
   info->udpPam4()->modeIs(1);
   EXPECT_EQ(w.recorder.count(2), 0u);
   EXPECT_FALSE(sm->sending4());
-  info->collInfoIs("late");
+  ExportWorld::collInfoIs(*info, hw, "late");
   auto sent = w.recorder.take(2);
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(sent[0].dst, "192.0.2.3:4739");

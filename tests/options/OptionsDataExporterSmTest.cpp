@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "export/Trace.h"
 #include "options/OptionsDataExporterSm.h"
-#include "options/Trace.h"
 #include "platform/nelo/IpfixHeaders.h"
 #include "tests/support/ExportWorld.h"
 
@@ -130,7 +130,10 @@ class OptionsExportTest : public ::testing::TestWithParam<bool> {
     }
     return out;
   }
-  Zub::Ptr<CollectorInfo> info(const std::string& name) { return w.collInfo("T", "E", name); }
+  // The collector's channel of the family under test.
+  Zub::Ptr<CollectorChannel> channel(const std::string& name) {
+    return w.collInfo("T", "E", name)->channel(!v6());
+  }
 };
 
 TEST_P(OptionsExportTest, AFullTableFollowsTheOptionsTemplatesToThatCollectorAlone) {
@@ -141,7 +144,7 @@ TEST_P(OptionsExportTest, AFullTableFollowsTheOptionsTemplatesToThatCollectorAlo
   EXPECT_EQ(firstSetOf(sent[1]), 3);
   EXPECT_EQ(recordsOf(sent[2]), 4u);
   EXPECT_EQ(seqOf(sent[2]), 0u);
-  EXPECT_EQ(info("a")->ipfixMsgSeqNo().value, 4u);
+  EXPECT_EQ(channel("a")->ipfixMsgSeqNo().value, 4u);
   EXPECT_TRUE(hasCollector("a"));
   EXPECT_TRUE(sm->txPeriodicTask()->scheduled());
   // A second collector gets its own table; the first hears nothing; the cache is reused.
@@ -156,7 +159,7 @@ TEST_P(OptionsExportTest, AFullTableFollowsTheOptionsTemplatesToThatCollectorAlo
 TEST_P(OptionsExportTest, ACollectorWithoutItsOptionsTemplatesGetsNothing) {
   sourceIs(false);
   addCollector("a", 1);
-  EXPECT_FALSE(info("a")->optTemplateSent());
+  EXPECT_FALSE(channel("a")->optTemplateSent());
   EXPECT_FALSE(hasCollector("a"));
   EXPECT_FALSE(sm->txPeriodicTask()->scheduled());
   w.advance(120);
@@ -182,7 +185,7 @@ TEST_P(OptionsExportTest, ABurstOfUpdatesIsOneMessageOneSecondAfterTheFirst) {
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(recordsOf(sent[0]), 3u);
   EXPECT_EQ(seqOf(sent[0]), 4u);
-  EXPECT_EQ(info("a")->ipfixMsgSeqNo().value, 7u);
+  EXPECT_EQ(channel("a")->ipfixMsgSeqNo().value, 7u);
   EXPECT_EQ(sm->updateQueueBytes(), 0u);
 }
 
@@ -267,14 +270,14 @@ TEST_P(OptionsExportTest, SequenceNumbersCountTheDataRecordsSentBefore) {
   }
   EXPECT_EQ(dataMessages, 4u);  // table, update, period, update
   EXPECT_EQ(before, 4u + 1 + 4 + 2);
-  EXPECT_EQ(info("a")->ipfixMsgSeqNo().value, before);
+  EXPECT_EQ(channel("a")->ipfixMsgSeqNo().value, before);
 }
 
 // Flow records from the data path go the options data's way: to the collectors that have
 // their templates, in messages within the MTU, numbered in one sequence with the tables.
 TEST_P(OptionsExportTest, FlowRecordsShareTheCollectorsSequenceNumbers) {
   addCollector("a", 1);
-  auto batch = container->flowRecords();
+  auto batch = w.info->ftInfo("T")->flowRecords();
   for (int i = 0; i < 40; ++i) {
     batch->records().append(TemplateId(261), std::string(kFlowRecordLen, char('a' + i % 26)));
   }
@@ -298,14 +301,17 @@ TEST_P(OptionsExportTest, FlowRecordsShareTheCollectorsSequenceNumbers) {
   // The table (3 interfaces, the tracker), the 40 records in two messages, the update.
   EXPECT_EQ(seqAndRecords,
             (std::vector<std::pair<uint32_t, uint32_t>>{{0, 4}, {4, 23}, {27, 17}, {44, 1}}));
-  EXPECT_EQ(info("a")->ipfixMsgSeqNo().value, 45u);
-  // Without a source of the family nothing goes, and nothing is counted.
+  EXPECT_EQ(channel("a")->ipfixMsgSeqNo().value, 45u);
+  EXPECT_TRUE(batch->reached());
+  // Without a source of the family nothing goes, and the batch says it reached nobody.
   sourceIs(false);
   w.run();
   batch->records().append(TemplateId(261), std::string(kFlowRecordLen, 'z'));
+  batch->outcomeDel();
   batch->versionInc(1);
   EXPECT_TRUE(data().empty());
-  EXPECT_EQ(info("a")->ipfixMsgSeqNo().value, 45u);
+  EXPECT_FALSE(batch->reached());
+  EXPECT_EQ(channel("a")->ipfixMsgSeqNo().value, 45u);
 }
 
 TEST_P(OptionsExportTest, ACollectorWhoseDestinationGoesIsDroppedAsStale) {

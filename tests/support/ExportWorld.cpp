@@ -100,7 +100,8 @@ void ExportWorld::start(bool templatesFirst) {
   };
   if (templatesFirst) makeTemplateSm();
   infoSm = FlowTracking::flowTrackingInfoSmFactory(
-      hwConfig, info, sched, realEndpoints ? FlowTracking::realPamFactory() : recorder.factory());
+      hwConfig, info, sched, stats.get(),
+      realEndpoints ? FlowTracking::realPamFactory() : recorder.factory());
   if (!templatesFirst) makeTemplateSm();
   run();
 }
@@ -162,6 +163,15 @@ Zub::Ptr<FlowTracking::CollectorInfo> ExportWorld::collInfo(const std::string& t
   auto ft = info->ftInfo(tracker);
   auto ex = ft ? ft->expInfo(exporter) : nullptr;
   return ex ? ex->collInfo(collector) : nullptr;
+}
+
+void ExportWorld::collInfoIs(FlowTracking::ExporterInfo& info,
+                             const Zub::Ptr<HwFlowTracking::ExporterConfig>& hw,
+                             const std::string& collector) {
+  auto c = Zub::make<FlowTracking::CollectorInfo>(collector, hw, nullptr, "T", "E");
+  c->channel4()->pamIs(info.udpPam4());
+  c->channel6()->pamIs(info.udpPam6());
+  info.collInfoColl().insert(collector, c);
 }
 
 }  // namespace TestSupport

@@ -1,11 +1,12 @@
 #pragma once
 // OptionsTemplateExporterSm: one exporter's options template message (set id 3), built
 // from the options template configuration on each of its versions and delivered by the
-// template exporter base. After each send to a collector it marks the collector's
-// options templates as sent, which lets the options data follow.
+// template exporter base. After each send to a collector that the kernel took, it marks
+// the channel's destination as having the options templates, which lets the options data
+// follow.
 
+#include "export/OptionsTemplate.h"
 #include "export/TemplateSmBase.h"
-#include "options/OptionsTemplate.h"
 #include "platform/nelo/IpfixHeaders.h"
 
 namespace FlowTracking {
@@ -25,7 +26,7 @@ class OptionsTemplateExporterSm : public TemplateExporterSmBase {
   uint32_t addTemplateFieldSpecifier(const Zub::Ptr<Nelo::Pkt>& pkt, uint32_t offset,
                                      const HwFlowTracking::FtTemplateEntry& entry) override;
   void handleTemplateCreationTask() override;
-  void updateCollectorOnTx(const Zub::String& collector) override;
+  void updateCollectorOnTx(CollectorChannel& channel) override;
   void handleInitialized() override;
   void handleOptTemplateConfigVersion();
 

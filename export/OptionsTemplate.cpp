@@ -1,6 +1,6 @@
-#include "options/OptionsTemplate.h"
+#include "export/OptionsTemplate.h"
 
-#include "options/Trace.h"
+#include "export/Trace.h"
 #include "platform/nelo/IpfixHeaders.h"
 #include "platform/zub/Assert.h"
 

@@ -1,6 +1,6 @@
-#include "options/OptionsTemplateExporterSm.h"
+#include "export/OptionsTemplateExporterSm.h"
 
-#include "options/Trace.h"
+#include "export/Trace.h"
 
 namespace FlowTracking {
 
@@ -89,8 +89,8 @@ void OptionsTemplateExporterSm::handleTemplateCreationTask() {
   finishMessage();
 }
 
-void OptionsTemplateExporterSm::updateCollectorOnTx(const Zub::String& collector) {
-  expInfo()->collInfoIs(collector)->optTemplateSentIs(true);
+void OptionsTemplateExporterSm::updateCollectorOnTx(CollectorChannel& channel) {
+  channel.optTemplateDstIs(channel.dst());
 }
 
 }  // namespace FlowTracking
