@@ -117,10 +117,28 @@ std::string prometheus(const std::vector<const Stova::Ipfix::CollectorStatistics
       out += std::string(name) + "{" + labels(*e) + "} " + value(*e) + "\n";
     }
   };
-  family("flowexport_messages_total", "counter", "IPFIX messages sent to the collector.",
-         [](const Entry& e) { return std::to_string(e.exportedMessageTotalCount); });
-  family("flowexport_records_total", "counter", "Data records sent to the collector.",
-         [](const Entry& e) { return std::to_string(e.exportedFlowRecordTotalCount); });
+  // Per kind of message: the kinds add up to the totals of the table.
+  auto byKind = [&](const char* name, const char* help,
+                    std::initializer_list<std::pair<const char*, uint64_t Entry::*>> kinds) {
+    out += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " counter\n";
+    for (const Entry* e : rows) {
+      for (const auto& [kind, field] : kinds) {
+        out += std::string(name) + "{" + labels(*e) + ",kind=\"" + kind + "\"} " +
+               std::to_string(e->*field) + "\n";
+      }
+    }
+  };
+  byKind("flowexport_messages_total",
+         "IPFIX messages sent to the collector, by kind: templates (data and options "
+         "templates), flow_data (flow records), options_data.",
+         {{"templates", &Entry::exportedTemplateMessageCount},
+          {"flow_data", &Entry::exportedDataMessageCount},
+          {"options_data", &Entry::exportedOptionsDataMessageCount}});
+  byKind("flowexport_records_total",
+         "Data records sent to the collector, by kind: flow_data (flow records), options_data "
+         "(rows of the options tables).",
+         {{"flow_data", &Entry::exportedDataRecordCount},
+          {"options_data", &Entry::exportedOptionsDataRecordCount}});
   family("flowexport_octets_total", "counter", "Octets of IPFIX messages sent to the collector.",
          [](const Entry& e) { return std::to_string(e.exportedOctetTotalCount); });
   family("flowexport_send_errors_total", "counter",
@@ -188,6 +206,12 @@ std::string renderCollectorStats(std::vector<Stova::Ipfix::CollectorStatisticsEn
              ", \"port\": " + std::to_string(e.key.collector.port) +
              ", \"messages\": " + std::to_string(e.exportedMessageTotalCount) +
              ", \"records\": " + std::to_string(e.exportedFlowRecordTotalCount) +
+             ", \"messagesByKind\": {\"templates\": " +
+             std::to_string(e.exportedTemplateMessageCount) +
+             ", \"flowData\": " + std::to_string(e.exportedDataMessageCount) +
+             ", \"optionsData\": " + std::to_string(e.exportedOptionsDataMessageCount) +
+             "}, \"recordsByKind\": {\"flowData\": " + std::to_string(e.exportedDataRecordCount) +
+             ", \"optionsData\": " + std::to_string(e.exportedOptionsDataRecordCount) + "}" +
              ", \"octets\": " + std::to_string(e.exportedOctetTotalCount) +
              ", \"lastSent\": " + num(e.lastSentTime) +
              ", \"lastTemplateSent\": " + num(e.lastTemplateSentTime) +
@@ -218,19 +242,24 @@ std::string renderCollectorStats(std::vector<Stova::Ipfix::CollectorStatisticsEn
     return out;
   }
 
-  appendf(out, "%-16s %-16s %-28s %9s %9s %11s %9s %9s  %s\n", "Tracker", "Exporter", "Collector",
-          "Messages", "Records", "Octets", "Templates", "OptTmpl", "Last sent");
+  appendf(out, "%-16s %-16s %-28s %9s %9s %9s %11s %9s %9s  %s\n", "Tracker", "Exporter",
+          "Collector", "Messages", "FlowRecs", "OptRecs", "Octets", "Templates", "OptTmpl",
+          "Last sent");
+  using ull = unsigned long long;
   for (const auto* e : rows) {
     const auto templates = e->setEntry(Stova::Ipfix::SetId(2)).exportedTemplateCount;
     const auto options = e->setEntry(Stova::Ipfix::SetId(3)).exportedTemplateCount;
-    appendf(out, "%-16s %-16s %-28s %9llu %9llu %11llu %9llu %9llu  %s\n",
+    appendf(out, "%-16s %-16s %-28s %9llu %9llu %9llu %11llu %9llu %9llu  %s\n",
             Zub::printable(e->key.tracker()).c_str(), Zub::printable(e->key.exporter()).c_str(),
-            e->key.collector.stringValue().c_str(),
-            static_cast<unsigned long long>(e->exportedMessageTotalCount),
-            static_cast<unsigned long long>(e->exportedFlowRecordTotalCount),
-            static_cast<unsigned long long>(e->exportedOctetTotalCount),
-            static_cast<unsigned long long>(templates), static_cast<unsigned long long>(options),
-            timeText(e->lastSentTime).c_str());
+            e->key.collector.stringValue().c_str(), static_cast<ull>(e->exportedMessageTotalCount),
+            static_cast<ull>(e->exportedDataRecordCount),
+            static_cast<ull>(e->exportedOptionsDataRecordCount),
+            static_cast<ull>(e->exportedOctetTotalCount), static_cast<ull>(templates),
+            static_cast<ull>(options), timeText(e->lastSentTime).c_str());
+    appendf(out, "    messages: %llu templates, %llu flow data, %llu options data\n",
+            static_cast<ull>(e->exportedTemplateMessageCount),
+            static_cast<ull>(e->exportedDataMessageCount),
+            static_cast<ull>(e->exportedOptionsDataMessageCount));
     // Below each collector: the records of every data set it received.
     for (size_t i = 0; i < setSlots(*e); ++i) {
       const auto& set = e->setEntryStorage[i];
@@ -243,6 +272,9 @@ std::string renderCollectorStats(std::vector<Stova::Ipfix::CollectorStatisticsEn
       appendf(out, "    send errors %llu, last %s: %s\n",
               static_cast<unsigned long long>(e->sendErrorCount),
               timeText(e->lastSendErrorTime).c_str(), std::strerror(e->lastSendErrno));
+    }
+    if (e->lastDataRecordSentTime > 0) {
+      appendf(out, "    flow records last sent %s\n", timeText(e->lastDataRecordSentTime).c_str());
     }
     if (e->lastOptionsDataSentTime > 0) {
       appendf(out, "    options data last sent %s\n", timeText(e->lastOptionsDataSentTime).c_str());

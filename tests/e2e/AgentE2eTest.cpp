@@ -119,7 +119,9 @@ TEST_F(AgentE2e, OperatorSession) {
   // keys of 261 and 262, the tracker.
   EXPECT_NE(
       json.out.find(row1 + ", \"address\": \"127.0.0.1\", \"port\": " + std::to_string(rx1.port()) +
-                    ", \"messages\": 3, \"records\": 9, \"octets\": "),
+                    ", \"messages\": 3, \"records\": 9, \"messagesByKind\": {\"templates\": 2, "
+                    "\"flowData\": 0, \"optionsData\": 1}, \"recordsByKind\": {\"flowData\": 0, "
+                    "\"optionsData\": 9}, \"octets\": "),
       std::string::npos)
       << json.out;
   EXPECT_NE(json.out.find("{\"setId\": 257, \"name\": \"interface table\", \"records\": 5"),
@@ -136,8 +138,10 @@ TEST_F(AgentE2e, OperatorSession) {
       "tracker=\"edge\",exporter=\"e\",collector=\"127.0.0.1:" + std::to_string(rx1.port()) + "\"";
   for (const std::string& line :
        {std::string("# TYPE flowexport_messages_total counter"),
-        "flowexport_messages_total{" + labels1 + "} 3",
-        "flowexport_records_total{" + labels1 + "} 9",
+        "flowexport_messages_total{" + labels1 + ",kind=\"templates\"} 2",
+        "flowexport_messages_total{" + labels1 + ",kind=\"flow_data\"} 0",
+        "flowexport_messages_total{" + labels1 + ",kind=\"options_data\"} 1",
+        "flowexport_records_total{" + labels1 + ",kind=\"options_data\"} 9",
         "flowexport_send_errors_total{" + labels1 + "} 0",
         "flowexport_set_records_total{" + labels1 + ",set_id=\"257\"} 5",
         "flowexport_set_templates_total{" + labels1 + ",set_id=\"2\"} 2"}) {

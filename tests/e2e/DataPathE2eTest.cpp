@@ -302,7 +302,8 @@ class RoutedDataPath : public DataPathE2e {
     DataPathE2e::TearDown();
   }
   // The daemon's file: tracker t on Ethernet1 (r1), or (`inactive` 0) no tracker at all.
-  void writeConfig(int inactive, int active) {
+  void writeConfig(int inactive, int active, std::string collector = "") {
+    if (collector.empty()) collector = "127.0.0.1:" + std::to_string(rx.port());
     std::ofstream out(dir.file("flowexport.yaml"));
     out << "flow-tracking:\n  enabled: true\n  sample-rate: 1024\n";
     if (inactive == 0) {
@@ -312,24 +313,34 @@ class RoutedDataPath : public DataPathE2e {
           << "      inactive-timeout: " << inactive << "\n"
           << "      active-interval: " << active << "\n"
           << "      exporters:\n        - name: e\n          local-interface: lo\n"
-          << "          template-interval: 3600\n          collectors: [\"127.0.0.1:" << rx.port()
+          << "          template-interval: 3600\n          collectors: [\"" << collector
           << "\"]\n";
     }
     out << "platform:\n  source: kernel\n  names: {r1: Ethernet1, r2: Ethernet2}\n";
   }
-  void startDaemon(const char* rate, int inactive = 3, int active = 60) {
-    writeConfig(inactive, active);
+  void startDaemon(const char* rate, int inactive = 3, int active = 60,
+                   const std::string& collector = "") {
+    writeConfig(inactive, active, collector);
     const std::string file = dir.file("flowexport.yaml");
     daemon = std::make_unique<TestSupport::Daemon>(
         FLOWEXPORTD,
-        std::vector<std::string>{"--config", file, "--stats-name",
-                                 "/flowexport-e2e-datapath-" + std::to_string(::getpid()),
+        std::vector<std::string>{"--config", file, "--stats-name", statsName(),
                                  "--control-socket", dir.file("control.sock"), "--log", "stderr",
                                  "--test-sample-rate", rate},
         dir.file("daemon.log"));
     ASSERT_TRUE(daemon->waitForLog("FLOWTRACKING_SAMPLING: Sampling interface Ethernet1", 5s))
         << daemon->log();
     collect(300ms);  // templates and tables
+  }
+  // flowexportctl, for this daemon; its standard output.
+  std::string ctl(const std::string& args) {
+    auto r = TestSupport::runCommand(std::string(FLOWEXPORTCTL) + " --stats-name " + statsName() +
+                                     " --control-socket " + dir.file("control.sock") + " " + args);
+    EXPECT_EQ(r.status, 0) << args << ": " << r.err;
+    return r.out;
+  }
+  static std::string statsName() {
+    return "/flowexport-e2e-datapath-" + std::to_string(::getpid());
   }
   void collect(std::chrono::milliseconds quiet) {
     for (const auto& d : rx.drain(quiet)) all.push_back(d);
@@ -457,6 +468,11 @@ TEST_F(RoutedDataPath, OneInOneGivesExactRecordsWithTheirEndReasons) {
   }
   sendFrom(1004, 0, 2);  // still open when the daemon stops
   std::this_thread::sleep_for(200ms);
+  // The statistics tell flow records from options data: data records and their time.
+  const std::string json = ctl("show collectors --json");
+  EXPECT_EQ(json.find("\"lastDataRecordSent\": 0.000"), std::string::npos) << json;
+  EXPECT_NE(json.find("\"recordsByKind\": {\"flowData\": "), std::string::npos) << json;
+  EXPECT_EQ(json.find("\"recordsByKind\": {\"flowData\": 0,"), std::string::npos) << json;
   daemon->signal(SIGTERM);
   EXPECT_EQ(daemon->wait(), 0) << daemon->log();
   collect(300ms);
@@ -532,6 +548,23 @@ TEST_F(RoutedDataPath, ATrackerThatAReloadRemovesSendsItsOpenFlowsFirst) {
                            std::to_string(::if_nametoindex("r2")) + " ";
   ASSERT_EQ(got.count("1007"), 1u) << daemon->log();
   EXPECT_EQ(got.find("1007")->second, path + "4 512 17 0x00 4");
+}
+
+// Records that reach no collector are counted with their reason: here the exporter's one
+// collector is a name that does not resolve, so it has no channel that could send.
+TEST_F(RoutedDataPath, RecordsThatReachNoCollectorAreCounted) {
+  startDaemon("1", 3, 60, "flowexport-test.invalid:4739");
+  sendFrom(1008, 0, 3);
+  sendFrom(1009, 0, 3);
+  std::this_thread::sleep_for(3700ms);  // idle after 3 s
+  const std::string json = ctl("show datapath --json");
+  EXPECT_NE(json.find("\"dropped-no-exporter\": 0, \"dropped-no-ready-collector\": "),
+            std::string::npos)
+      << json;
+  const auto at = json.find("\"dropped-no-ready-collector\": ");
+  ASSERT_NE(at, std::string::npos) << json;
+  EXPECT_GE(std::atoi(json.c_str() + at + 30), 2) << json;  // and the kernel's own ICMPv6
+  EXPECT_NE(ctl("show datapath").find("dropped-no-ready-collector"), std::string::npos);
 }
 
 // One in a hundred of 100,000 packets: the packets in the records are within five
