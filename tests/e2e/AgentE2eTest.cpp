@@ -73,39 +73,90 @@ class AgentE2e : public ::testing::Test {
   }
 };
 
+// One operator session: templates and the four options tables decoded by tshark and
+// ipfixDump, the DSCP on the wire, reloads that add an interface (one update message),
+// a collector and a tracker (the new ones get templates then tables, the old one nothing
+// again), every message's sequence number the count of data records before it, the
+// statistics as flowexportctl shows them, a broken file refused with export going on,
+// clearing, and tracker ids kept across a restart.
 TEST_F(AgentE2e, OperatorSession) {
   // Templates once an hour: no periodic send changes the numbers checked below.
   constexpr int kOnce = 3600;
   constexpr int kEf = 46;  // expedited forwarding: 0xb8 in the TOS / traffic class byte
-  writeConfig(tracker("edge", c1(), kOnce, kEf));
+  const std::string eth1 = "    Ethernet1: {link: up, forwarding-model: routed, index: 11}\n";
+  const std::string eth2 = "    Ethernet2: {link: up, forwarding-model: routed, index: 12}\n";
+  const std::string vrfs = "  vrfs:\n    default: active\n    red: {state: active, id: 5}\n";
+  writeConfig(tracker("edge", c1(), kOnce, kEf), eth1 + vrfs);
   auto daemon = startDaemon();
 
-  // Data templates arrive and decode.
-  auto first = rx1.receive(5000ms);
-  ASSERT_TRUE(first) << daemon->log();
-  EXPECT_EQ(first->tos, kEf << 2) << "the configured DSCP is not on the wire (IPv4)";
-  std::vector<Datagram> got = {*first};
-  auto fields = TestSupport::tsharkFields(got, {"cflow.od_id", "cflow.sequence", "cflow.flowset_id",
-                                                "cflow.template_id", "cflow.template_field_count"});
+  // Data templates, options templates, the tables in one message.
+  std::vector<Datagram> got;
+  for (int i = 0; i < 3; ++i) {
+    auto d = rx1.receive(5000ms);
+    ASSERT_TRUE(d) << daemon->log();
+    got.push_back(*d);
+  }
+  EXPECT_EQ(got[0].tos, kEf << 2) << "the configured DSCP is not on the wire (IPv4)";
+  EXPECT_EQ(TestSupport::firstSetId(got[1].payload), 3);
+  auto fields =
+      TestSupport::tsharkFields({got[0]}, {"cflow.od_id", "cflow.sequence", "cflow.flowset_id",
+                                           "cflow.template_id", "cflow.template_field_count"});
   ASSERT_EQ(fields.status, 0) << fields.err;
   EXPECT_EQ(fields.out, "1,0,2,261;262,15;15\n");
   auto dump = TestSupport::ipfixDumpDecode(got);
   ASSERT_EQ(dump.status, 0) << dump.err;
   EXPECT_EQ(dump.err, "");
-  EXPECT_NE(dump.out.find("sourceIPv4Address"), std::string::npos) << dump.out;
-  EXPECT_NE(dump.out.find("destinationIPv6Address"), std::string::npos) << dump.out;
+  for (const char* text :
+       {"sourceIPv4Address", "destinationIPv6Address", "interfaceName : (len: 9) Ethernet1",
+        "interfaceName : (len: 9) Loopback0", "interfaceName : (len: 3) CPU",
+        "VRFname : (len: 3) red", "VRFname : (len: 7) default", "templateId : 261",
+        "templateId : 262", "observationDomainName : (len: 4) edge", "flowActiveTimeout : 300",
+        "flowIdleTimeout : 15", "selectorAlgorithm : 3", "samplingPopulation : 1048576"}) {
+    EXPECT_NE(dump.out.find(text), std::string::npos) << text << "\n" << dump.out;
+  }
+  auto verbose = TestSupport::tsharkDecode(got);
+  ASSERT_EQ(verbose.status, 0) << verbose.err;
+  EXPECT_EQ(verbose.out.find("Malformed"), std::string::npos) << verbose.out;
+  EXPECT_EQ(verbose.out.find("Expert Info"), std::string::npos) << verbose.out;
   EXPECT_TRUE(daemon->waitForLog("FLOWTRACKING_ACTIVE: Sampled flow tracking is active."));
 
+  // A reload that adds an interface: one update message, within 1.5 s of the save.
+  writeConfig(tracker("edge", c1(), kOnce, kEf), eth1 + eth2 + vrfs);
+  const auto saved = std::chrono::steady_clock::now();
+  auto update = rx1.receive(3000ms);
+  ASSERT_TRUE(update) << daemon->log();
+  EXPECT_LT(std::chrono::steady_clock::now() - saved, 1500ms);
+  EXPECT_EQ(TestSupport::firstSetId(update->payload), 257);
+  got.push_back(*update);
+  EXPECT_TRUE(rx1.drain(300ms).empty());  // nothing else changed
+
   // A collector and a tracker added to the file: no restart; the first collector gets
-  // nothing again, the new ones get the templates.
-  writeConfig(tracker("edge", c1() + ", " + c2(), kOnce, kEf) + tracker("second", c1(), kOnce));
-  auto v6 = rx2.receive(5000ms);
-  ASSERT_TRUE(v6) << daemon->log();
-  EXPECT_EQ(v6->tos, kEf << 2) << "the configured DSCP is not on the wire (IPv6)";
-  EXPECT_EQ(domains({*v6}), "1\n");
+  // nothing again, the new ones get the templates, then the tables.
+  writeConfig(tracker("edge", c1() + ", " + c2(), kOnce, kEf) + tracker("second", c1(), kOnce),
+              eth1 + eth2 + vrfs);
+  std::vector<Datagram> got6;
+  for (int i = 0; i < 3; ++i) {
+    auto d = rx2.receive(5000ms);
+    ASSERT_TRUE(d) << daemon->log();
+    got6.push_back(*d);
+  }
+  EXPECT_EQ(got6[0].tos, kEf << 2) << "the configured DSCP is not on the wire (IPv6)";
+  EXPECT_EQ(domains({got6[0]}), "1\n");
+  EXPECT_EQ(TestSupport::firstSetId(got6[1].payload), 3);
+  EXPECT_GE(TestSupport::firstSetId(got6[2].payload), 256);
   auto fromSecond = TestSupport::ofSet(rx1.drain(500ms), 2);
   ASSERT_EQ(fromSecond.size(), 1u);
   EXPECT_EQ(domains(fromSecond), "2\n");
+  // Every message's sequence number is the count of data records before it.
+  for (const auto* seen : {&got, &got6}) {
+    uint32_t before = 0;
+    for (const auto& m : TestSupport::countRecords(*seen)) {
+      ASSERT_GE(m.records, 0);
+      EXPECT_EQ(m.sequence, before);
+      before += static_cast<uint32_t>(m.records);
+    }
+    EXPECT_GT(before, 0u);
+  }
 
   // Statistics as flowexportctl reads them.
   auto json = ctl("show collectors --json");
@@ -114,23 +165,29 @@ TEST_F(AgentE2e, OperatorSession) {
       "\"tracker\": \"edge\", \"exporter\": \"e\", \"collector\": "
       "\"127.0.0.1:" +
       std::to_string(rx1.port()) + "\"";
-  // Data templates, options templates, then the four tables in one message: the
-  // interface table (Loopback0 and the four reserved rows), the reserved VRF row, the flow
-  // keys of 261 and 262, the tracker.
+  // Data templates, options templates, the four tables in one message, the update: the
+  // interface table (Loopback0, Ethernet1 and the four reserved rows, then Ethernet2), the
+  // VRFs (the reserved row, default, red), the flow keys of 261 and 262, the tracker.
   EXPECT_NE(
       json.out.find(row1 + ", \"address\": \"127.0.0.1\", \"port\": " + std::to_string(rx1.port()) +
-                    ", \"messages\": 3, \"records\": 9, \"messagesByKind\": {\"templates\": 2, "
-                    "\"flowData\": 0, \"optionsData\": 1}, \"recordsByKind\": {\"flowData\": 0, "
-                    "\"optionsData\": 9}, \"octets\": "),
+                    ", \"messages\": 4, \"records\": 13, \"messagesByKind\": {\"templates\": 2, "
+                    "\"flowData\": 0, \"optionsData\": 2}, \"recordsByKind\": {\"flowData\": 0, "
+                    "\"optionsData\": 13}, \"octets\": "),
       std::string::npos)
       << json.out;
-  EXPECT_NE(json.out.find("{\"setId\": 257, \"name\": \"interface table\", \"records\": 5"),
+  EXPECT_NE(json.out.find("{\"setId\": 257, \"name\": \"interface table\", \"records\": 7"),
             std::string::npos)
       << json.out;
   EXPECT_NE(json.out.find("\"collector\": \"[::1]:" + std::to_string(rx2.port())),
             std::string::npos);
   auto table = ctl("show collectors");
   EXPECT_NE(table.out.find("second"), std::string::npos) << table.out;
+  for (const char* line : {"\n    messages: 2 templates, 0 flow data, 2 options data\n",
+                           "\n    set 257   interface table              7 records\n",
+                           "\n    set 259   flow tracker table           1 records\n",
+                           "\n    options data last sent "}) {
+    EXPECT_NE(table.out.find(line), std::string::npos) << line << table.out;
+  }
   // The same numbers for a metrics collector.
   auto metrics = ctl("show collectors --format prometheus");
   ASSERT_EQ(metrics.status, 0) << metrics.err;
@@ -140,10 +197,10 @@ TEST_F(AgentE2e, OperatorSession) {
        {std::string("# TYPE flowexport_messages_total counter"),
         "flowexport_messages_total{" + labels1 + ",kind=\"templates\"} 2",
         "flowexport_messages_total{" + labels1 + ",kind=\"flow_data\"} 0",
-        "flowexport_messages_total{" + labels1 + ",kind=\"options_data\"} 1",
-        "flowexport_records_total{" + labels1 + ",kind=\"options_data\"} 9",
+        "flowexport_messages_total{" + labels1 + ",kind=\"options_data\"} 2",
+        "flowexport_records_total{" + labels1 + ",kind=\"options_data\"} 13",
         "flowexport_send_errors_total{" + labels1 + "} 0",
-        "flowexport_set_records_total{" + labels1 + ",set_id=\"257\"} 5",
+        "flowexport_set_records_total{" + labels1 + ",set_id=\"257\"} 7",
         "flowexport_set_templates_total{" + labels1 + ",set_id=\"2\"} 2"}) {
     EXPECT_NE(metrics.out.find("\n" + line + "\n"), std::string::npos) << line << "\n"
                                                                        << metrics.out;
@@ -346,77 +403,6 @@ TEST_F(AgentE2e, ASecondDaemonLeavesTheFirstOneAlone) {
   }
   first->signal(SIGTERM);
   EXPECT_EQ(first->wait(), 0);
-}
-
-// The four options tables through the real daemon: decoded by tshark and ipfixDump, kept
-// up to date by a reload, sent whole to a collector added later, with every message's
-// sequence number counting the data records sent before it.
-TEST_F(AgentE2e, OptionsTablesReachCollectorsAndFollowReloads) {
-  const std::string eth1 = "    Ethernet1: {link: up, forwarding-model: routed, index: 11}\n";
-  const std::string eth2 = "    Ethernet2: {link: up, forwarding-model: routed, index: 12}\n";
-  const std::string vrfs = "  vrfs:\n    default: active\n    red: {state: active, id: 5}\n";
-  writeConfig(tracker("edge", c1()), eth1 + vrfs);
-  auto daemon = startDaemon();
-  // Data templates, options templates, the tables in one message.
-  std::vector<Datagram> got;
-  for (int i = 0; i < 3; ++i) {
-    auto d = rx1.receive(5000ms);
-    ASSERT_TRUE(d) << daemon->log();
-    got.push_back(*d);
-  }
-  EXPECT_EQ(TestSupport::firstSetId(got[0].payload), 2);
-  EXPECT_EQ(TestSupport::firstSetId(got[1].payload), 3);
-
-  auto dump = TestSupport::ipfixDumpDecode(got);
-  ASSERT_EQ(dump.status, 0) << dump.err;
-  EXPECT_EQ(dump.err, "");
-  for (const char* text :
-       {"interfaceName : (len: 9) Ethernet1", "interfaceName : (len: 9) Loopback0",
-        "interfaceName : (len: 3) CPU", "VRFname : (len: 3) red", "VRFname : (len: 7) default",
-        "templateId : 261", "templateId : 262", "observationDomainName : (len: 4) edge",
-        "flowActiveTimeout : 300", "flowIdleTimeout : 15", "selectorAlgorithm : 3",
-        "samplingPopulation : 1048576"}) {
-    EXPECT_NE(dump.out.find(text), std::string::npos) << text << "\n" << dump.out;
-  }
-  auto verbose = TestSupport::tsharkDecode(got);
-  ASSERT_EQ(verbose.status, 0) << verbose.err;
-  EXPECT_EQ(verbose.out.find("Malformed"), std::string::npos) << verbose.out;
-  EXPECT_EQ(verbose.out.find("Expert Info"), std::string::npos) << verbose.out;
-
-  // A reload that adds an interface: one update message, within 1.5 s of the save.
-  writeConfig(tracker("edge", c1()), eth1 + eth2 + vrfs);
-  const auto saved = std::chrono::steady_clock::now();
-  auto update = rx1.receive(3000ms);
-  ASSERT_TRUE(update) << daemon->log();
-  EXPECT_LT(std::chrono::steady_clock::now() - saved, 1500ms);
-  EXPECT_EQ(TestSupport::firstSetId(update->payload), 257);
-  got.push_back(*update);
-  EXPECT_TRUE(rx1.drain(300ms).empty());  // nothing else changed
-
-  // A collector added by reload: data templates, options templates, then the tables.
-  writeConfig(tracker("edge", c1() + ", " + c2()), eth1 + eth2 + vrfs);
-  std::vector<Datagram> got6;
-  for (int i = 0; i < 3; ++i) {
-    auto d = rx2.receive(5000ms);
-    ASSERT_TRUE(d) << daemon->log();
-    got6.push_back(*d);
-  }
-  EXPECT_EQ(TestSupport::firstSetId(got6[0].payload), 2);
-  EXPECT_EQ(TestSupport::firstSetId(got6[1].payload), 3);
-  EXPECT_GE(TestSupport::firstSetId(got6[2].payload), 256);
-
-  // Every message's sequence number is the count of data records before it.
-  for (const auto* seen : {&got, &got6}) {
-    uint32_t before = 0;
-    for (const auto& m : TestSupport::countRecords(*seen)) {
-      ASSERT_GE(m.records, 0);
-      EXPECT_EQ(m.sequence, before);
-      before += static_cast<uint32_t>(m.records);
-    }
-    EXPECT_GT(before, 0u);
-  }
-  daemon->signal(SIGTERM);
-  EXPECT_EQ(daemon->wait(), 0);
 }
 
 }  // namespace

@@ -139,28 +139,6 @@ TEST_F(DataPathE2e, OneInOneSamplesEveryReceivedFrameAndNothingSent) {
   EXPECT_EQ(got.back().srcPort, 9999);
 }
 
-TEST_F(DataPathE2e, OneInAHundredIsWithinFiveStandardDeviations) {
-  size_t samples = 0;
-  FlowTracking::PacketSocketSource::Options o;
-  o.ifindex = ::if_nametoindex("s1");
-  o.sampleRate = 100;
-  FlowTracking::PacketSocketSource src(
-      sched, o, [&](std::span<const FlowTracking::Sample> b) { samples += b.size(); });
-  std::string error;
-  ASSERT_TRUE(src.start(&error)) << error;
-  const int n = 20000;
-  const std::string f = udpFrame(4242, 18);
-  for (int i = 0; i < n; ++i) {
-    send(f);
-    if (i % 1000 == 0) sched.pollFds(0ms);
-  }
-  // Every block is handed over within its 20 ms timeout.
-  runUntil([&] { return false; }, 300ms);
-  const double mean = n / 100.0, sigma = std::sqrt(n * 0.01 * 0.99);
-  EXPECT_NEAR(static_cast<double>(samples), mean, 5 * sigma) << samples << " samples";
-  EXPECT_EQ(src.ringDrops(), 0u);
-}
-
 TEST_F(DataPathE2e, TheRouteOfAFlowIsAskedOnceAndKeptUntilRoutesChange) {
   ip("addr add 10.10.0.1/24 dev s0");
   ip("addr add 10.20.0.1/24 dev s1");
@@ -203,61 +181,12 @@ TEST_F(DataPathE2e, TheRouteOfAFlowIsAskedOnceAndKeptUntilRoutesChange) {
   EXPECT_EQ(answers.back().second, ::if_nametoindex("s0"));
 }
 
-// A network namespace beside the test's, held by a child process that waits in it; gone
-// with the object.
-class PeerNamespace {
- public:
-  PeerNamespace() {
-    int ready[2];
-    if (::pipe(ready) != 0) return;
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      const char ok = ::unshare(CLONE_NEWNET) == 0 ? 'y' : 'n';
-      if (::write(ready[1], &ok, 1) != 1) ::_exit(1);
-      ::sleep(120);  // bounded: the test kills it long before
-      ::_exit(0);
-    }
-    char ok = 'n';
-    if (pid_ < 0 || ::read(ready[0], &ok, 1) != 1 || ok != 'y') pid_ = -1;
-    ::close(ready[0]);
-    ::close(ready[1]);
-  }
-  ~PeerNamespace() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-  }
-  bool ok() const { return pid_ > 0; }
-  std::string path() const { return "/proc/" + std::to_string(pid_) + "/ns/net"; }
-  pid_t pid() const { return pid_; }
-  void run(const std::string& command) const {
-    auto r = TestSupport::runCommand("nsenter --net=" + path() + " " + command);
-    ASSERT_EQ(r.status, 0) << command << ": " << r.err;
-  }
-  // A socket that lives in this namespace.
-  int socket(int domain, int type) const {
-    const int self = ::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
-    const int ns = ::open(path().c_str(), O_RDONLY | O_CLOEXEC);
-    int s = -1;
-    if (self >= 0 && ns >= 0 && ::setns(ns, CLONE_NEWNET) == 0) {
-      s = ::socket(domain, type, 0);
-      ::setns(self, CLONE_NEWNET);
-    }
-    if (self >= 0) ::close(self);
-    if (ns >= 0) ::close(ns);
-    return s;
-  }
-
- private:
-  pid_t pid_ = -1;
-};
-
 // Namespaces a and b on either side of this one, which routes between them (IPv4 and
 // IPv6); flowexportd here tracks r1, the link from a, and exports to a collector on this
 // namespace's loopback.
 class RoutedDataPath : public DataPathE2e {
  protected:
-  PeerNamespace a, b;
+  TestSupport::PeerNamespace a, b;
   TestSupport::UdpReceiver rx{false};
   TestSupport::TempDir dir;
   std::unique_ptr<TestSupport::Daemon> daemon;
@@ -313,8 +242,7 @@ class RoutedDataPath : public DataPathE2e {
           << "      inactive-timeout: " << inactive << "\n"
           << "      active-interval: " << active << "\n"
           << "      exporters:\n        - name: e\n          local-interface: lo\n"
-          << "          template-interval: 3600\n          collectors: [\"" << collector
-          << "\"]\n";
+          << "          template-interval: 3600\n          collectors: [\"" << collector << "\"]\n";
     }
     out << "platform:\n  source: kernel\n  names: {r1: Ethernet1, r2: Ethernet2}\n";
   }
@@ -324,9 +252,9 @@ class RoutedDataPath : public DataPathE2e {
     const std::string file = dir.file("flowexport.yaml");
     daemon = std::make_unique<TestSupport::Daemon>(
         FLOWEXPORTD,
-        std::vector<std::string>{"--config", file, "--stats-name", statsName(),
-                                 "--control-socket", dir.file("control.sock"), "--log", "stderr",
-                                 "--test-sample-rate", rate},
+        std::vector<std::string>{"--config", file, "--stats-name", statsName(), "--control-socket",
+                                 dir.file("control.sock"), "--log", "stderr", "--test-sample-rate",
+                                 rate},
         dir.file("daemon.log"));
     ASSERT_TRUE(daemon->waitForLog("FLOWTRACKING_SAMPLING: Sampling interface Ethernet1", 5s))
         << daemon->log();
@@ -392,22 +320,12 @@ class RoutedDataPath : public DataPathE2e {
   // The flow records received, by source port: "dstport in out packets octets protocol
   // tos reason" as tshark decodes them, and (with `addrs`) the source address first.
   std::multimap<std::string, std::string> records(bool addrs = false) {
-    auto fields = TestSupport::tsharkFields(
+    const auto rows = TestSupport::tsharkTable(
         all, {"cflow.srcport", "cflow.srcaddr", "cflow.srcaddrv6", "cflow.dstport",
               "cflow.inputint", "cflow.outputint", "cflow.packets", "cflow.octets",
               "cflow.protocol", "cflow.tos", "cflow.flow_end_reason"});
-    EXPECT_EQ(fields.status, 0) << fields.err;
     std::multimap<std::string, std::string> out;
-    std::istringstream lines(fields.out);
-    for (std::string line; std::getline(lines, line);) {
-      std::vector<std::vector<std::string>> cols;
-      std::istringstream cs(line + ",");
-      for (std::string c; std::getline(cs, c, ',');) {
-        std::vector<std::string> v;
-        std::istringstream vs(c);
-        for (std::string x; std::getline(vs, x, ';');) v.push_back(x);
-        cols.push_back(v);
-      }
+    for (const auto& cols : rows) {
       if (cols.size() < 11 || cols[10].empty()) continue;  // no flow records in it
       // IPv4 and IPv6 records may share a message: their addresses come in two columns.
       size_t v4 = 0, v6 = 0;
@@ -426,29 +344,6 @@ class RoutedDataPath : public DataPathE2e {
     return out;
   }
 };
-
-// ipfixDump's data records of templates 261 and 262, each by field name.
-std::vector<std::map<std::string, std::string>> dumpedFlowRecords(const std::string& out) {
-  std::vector<std::map<std::string, std::string>> records;
-  bool inFlow = false;
-  std::istringstream lines(out);
-  for (std::string line; std::getline(lines, line);) {
-    if (line.rfind("\tcount:", 0) == 0) {  // a data record's header: "count: 15 tid: 261"
-      const auto tid = line.find("tid:");
-      const int id = tid == std::string::npos ? 0 : std::atoi(line.c_str() + tid + 4);
-      inFlow = id == 261 || id == 262;
-      if (inFlow) records.emplace_back();
-    } else if (inFlow && line.rfind("\t(", 0) == 0) {  // "(7)   sourceTransportPort : 1004"
-      const auto colon = line.find(" : ");
-      const auto name = line.find_first_not_of(' ', line.find(')') + 1);
-      if (colon == std::string::npos || name >= colon) continue;
-      records.back()[line.substr(name, colon - name)] = line.substr(colon + 3);
-    } else if (line != "fields:") {
-      inFlow = false;  // the record ended
-    }
-  }
-  return records;
-}
 
 // At one in one: a record per 5-tuple with the ingress and egress interfaces' kernel
 // indexes, ToS, ports and exact totals; idle flows end with reason 1, a flow longer than
@@ -505,7 +400,7 @@ TEST_F(RoutedDataPath, OneInOneGivesExactRecordsWithTheirEndReasons) {
   auto dump = TestSupport::ipfixDumpDecode(all);
   ASSERT_EQ(dump.status, 0) << dump.err;
   EXPECT_EQ(dump.err, "");
-  const auto dumped = dumpedFlowRecords(dump.out);
+  const auto dumped = TestSupport::ipfixDumpRecords(dump.out, {261, 262});
   // The test's flows (the kernel's own ICMPv6 on the new links is sampled too).
   std::map<std::string, std::map<std::string, std::string>> byPort;
   size_t ours = 0;

@@ -60,15 +60,6 @@ TEST_F(TemplateTest, TemplateMessageMatchesTheHandWrittenBytes) {
   EXPECT_EQ(sm->templateCreationTask()->name(), "ftExporterSm-TemplateCreationTask-T-E");
 }
 
-TEST_F(TemplateTest, TenStandardFieldsMakeA44ByteRecordAndAnEnterpriseFieldFourMore) {
-  std::vector<FieldSpec> ten;
-  for (int i = 0; i < 10; ++i) ten.push_back({RecordType::packetCount, 8});
-  auto fg = w.flowGroup("T", 300, ten);
-  EXPECT_EQ(FlowTracking::FtExporterSm::getFgTemplateLength(*fg), 44u);
-  fg->templateEntryIs(10, RecordType::innerSrcIp)->enterpriseIeIs(true);
-  EXPECT_EQ(FlowTracking::FtExporterSm::getFgTemplateLength(*fg), 52u);
-}
-
 TEST_F(TemplateTest, SendsToBothFamiliesThenPeriodicallyAndCountsEachSend) {
   w.collector4("T", "E", "a", "192.0.2.1", 4739);
   w.collector4("T", "E", "b", "192.0.2.2", 4739);

@@ -100,40 +100,4 @@ TEST(FlowTrackingTypes, VrfNameLength) {
   EXPECT_TRUE(Constants::nullVrfName().empty());
 }
 
-TEST(FlowTrackingTypes, ConstantsAndReservedTemplateIds) {
-  EXPECT_EQ(Constants::reservedTemplateId(StaticTemplateId::dataTemplateIpv6).value(), 262);
-  EXPECT_EQ(Constants::reservedTemplateId(StaticTemplateId::optionsTemplateVrfTable).value(), 256);
-  EXPECT_EQ(Constants::unreservedTemplateIdBase().value(), 263);
-  EXPECT_EQ(Constants::templateIdBase().value(), 256);
-  EXPECT_EQ(Constants::variableLengthIe(), 65535);
-  EXPECT_EQ(Constants::confNameMaxLen(), 128);
-  EXPECT_EQ(Constants::dataTemplateMin(), StaticTemplateId::dataTemplateIpv4);
-  EXPECT_EQ(Constants::dataTemplateMax(), StaticTemplateId::dataTemplateIpv6);
-  EXPECT_EQ(Constants::ipAddrDefault().stringValue(), "0.0.0.0");
-  EXPECT_EQ(Constants::ip6AddrDefault().stringValue(), "::");
-  EXPECT_THROW(Constants::reservedTemplateId(static_cast<StaticTemplateId>(65280)),
-               Zub::RangeException);
-  EXPECT_EQ(Constants::reservedTemplateId(static_cast<StaticTemplateId>(65279)).value(), 65535);
-
-  EXPECT_EQ(stringValue(StaticTemplateId::optionsTemplateFlowTrackerTable),
-            "optionsTemplateFlowTrackerTable");
-  EXPECT_EQ(staticTemplateIdFromString("dataTemplateIpv4"), StaticTemplateId::dataTemplateIpv4);
-  EXPECT_EQ(staticTemplateIdFromString("nope"), std::nullopt);
-  EXPECT_EQ(staticTemplateIdFromNumber(4), StaticTemplateId::optionsTemplateMeteringProcessStats);
-  EXPECT_EQ(staticTemplateIdFromNumber(8), std::nullopt);
-}
-
-TEST(FlowTrackingTypes, SecondsTruncateAndFtIdAddsRaw) {
-  EXPECT_EQ(InactiveTimeout(15999).seconds(), 15.0);
-  EXPECT_EQ(ActiveInterval(5999).seconds(), 5.0);
-  FtId a(65535);
-  FtId b = a + FtId(1);  // no range check on arithmetic
-  EXPECT_EQ(b.value(), 65536u);
-  a += FtId(2);
-  EXPECT_EQ(a.value(), 65537u);
-  EXPECT_TRUE(FtId::null().isNull());
-  EXPECT_LT(FtId(1), FtId(2));
-  EXPECT_EQ(TemplateId(300).stringValue(), "300");
-}
-
 }  // namespace

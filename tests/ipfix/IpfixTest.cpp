@@ -84,25 +84,6 @@ TEST(Catalogue, StandardEntriesMatchTheIanaRegistry) {
   EXPECT_EQ(init->elementIdCollection(), eic);
 }
 
-TEST(Catalogue, EnterpriseValuesWithoutEntryLookUpEmpty) {
-  Zub::Ptr<Ipfix::ElementIdColl> eic(new Ipfix::ElementIdColl());
-  eic->doInitialize();
-  for (RecordType t :
-       {RecordType::innerDstIp, RecordType::broadscanGroupId, RecordType::zeroInfoElement}) {
-    ElementId e = eic->elementIdColl(t);
-    EXPECT_TRUE(!e);
-    EXPECT_EQ(e.len, 0);
-    EXPECT_EQ(e.str, "");
-  }
-  // Replacing keeps the key and overwrites the rest.
-  eic->elementIdCollIs(ElementId(false, RecordType::dstIp6, 17, "x"));
-  EXPECT_EQ(eic->elementIdColl(RecordType::dstIp6).len, 17);
-  eic->elementIdCollDel(RecordType::dstIp6);
-  EXPECT_TRUE(!eic->elementIdColl(RecordType::dstIp6));
-  eic->elementIdCollDelAll();
-  EXPECT_EQ(eic->elementIdCollSize(), 0u);
-}
-
 TEST(Catalogue, TextForms) {
   EXPECT_EQ(stringValue(RecordType::byteCount), "byteCount");
   EXPECT_EQ(stringValue(static_cast<RecordType>(1)), "byteCount");

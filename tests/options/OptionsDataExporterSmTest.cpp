@@ -147,6 +147,9 @@ TEST_P(OptionsExportTest, AFullTableFollowsTheOptionsTemplatesToThatCollectorAlo
   EXPECT_EQ(channel("a")->ipfixMsgSeqNo().value, 4u);
   EXPECT_TRUE(hasCollector("a"));
   EXPECT_TRUE(sm->txPeriodicTask()->scheduled());
+  EXPECT_EQ(sm->txPeriodicTask()->name(), "optionsDataExporterPeriodicTx-T-E");
+  EXPECT_EQ(sm->collectorUpdateTask()->name(), "optionsDataExporterCollectorUpdate-T-E");
+  EXPECT_EQ(sm->updateTask()->name(), "optionsDataExporterUpdate-T-E");
   // A second collector gets its own table; the first hears nothing; the cache is reused.
   w.advance(10);
   addCollector("b", 2);
@@ -248,29 +251,6 @@ TEST_P(OptionsExportTest, TheCacheIsReusedUntilASourceOrTheMtuChanges) {
   hw->ipfixMtuIs(IpfixMtu(1400));
   w.advance(60);
   EXPECT_EQ(sm->msgCacheBuildCount(), 3u);
-}
-
-TEST_P(OptionsExportTest, SequenceNumbersCountTheDataRecordsSentBefore) {
-  addCollector("a", 1);
-  globalUpdate->addUpdate(TemplateId(257), intfRecord(4));
-  w.advance(1);
-  w.hwConfig->hwFtConfig("T")->expConfig("E")->templateIntervalIs(TemplateInterval(5000));
-  w.advance(59);  // templates every 5 s, the period at 60 s
-  globalUpdate->addUpdate(TemplateId(257), intfRecord(5));
-  globalUpdate->addUpdate(TemplateId(257), intfRecord(6));
-  w.advance(1);
-  uint32_t before = 0;
-  size_t dataMessages = 0;
-  for (const SentPkt& p : w.recorder.take()) {
-    EXPECT_EQ(seqOf(p), before) << "set " << firstSetOf(p);
-    if (firstSetOf(p) >= 256) {
-      before += recordsOf(p);
-      ++dataMessages;
-    }
-  }
-  EXPECT_EQ(dataMessages, 4u);  // table, update, period, update
-  EXPECT_EQ(before, 4u + 1 + 4 + 2);
-  EXPECT_EQ(channel("a")->ipfixMsgSeqNo().value, before);
 }
 
 // Flow records from the data path go the options data's way: to the collectors that have
@@ -417,31 +397,5 @@ TEST_P(OptionsExportDeathTest, ProgrammingErrorsAreFatalWithTheirTexts) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Ipv4, OptionsExportDeathTest, ::testing::Values(false));
-
-TEST(OptionsDataExporterSm, NullMembersAreRefusedWithTheirTexts) {
-  ExportWorld w;
-  auto hw = w.exporter("T", 7, "E", "10.0.0.1");
-  w.start();
-  Zub::Ptr<OptionsDataContainer> container(new OptionsDataContainer("T"));
-  auto sm = Zub::makeReactor<OptionsDataExporterSm>("E", "T", FtId(7), w.hwConfig->hwFtConfig("T"),
-                                                    hw, w.info->ftInfo("T")->expInfo("E"), nullptr,
-                                                    container, w.sched);
-  EXPECT_EQ(sm->collectorUpdateTask()->name(), "optionsDataExporterCollectorUpdate-T-E");
-  EXPECT_EQ(sm->updateTask()->name(), "optionsDataExporterUpdate-T-E");
-  EXPECT_EQ(sm->txPeriodicTask()->name(), "optionsDataExporterPeriodicTx-T-E");
-  try {
-    sm->collectorColl().insert("x", nullptr);
-    FAIL() << "null collector stored";
-  } catch (const Zub::NullPointerException& e) {
-    EXPECT_STREQ(e.what(),
-                 "null _collector parameter to mutator for "
-                 "FlowTracking::OptionsDataExporterSm::collector not allowed");
-  }
-  EXPECT_THROW(sm->collInfoColl().insert("x", nullptr), Zub::NullPointerException);
-  EXPECT_THROW(sm->updateDataEntColl().insert(OptionsDataScope::scopeGlobal, nullptr),
-               Zub::NullPointerException);
-  EXPECT_THROW(sm->scopedDataSourceColl().insert(OptionsDataScope::scopeGlobal, nullptr),
-               Zub::NullPointerException);
-}
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "tests/support/Decoders.h"
 
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <cstdlib>
@@ -169,6 +170,48 @@ CommandResult tsharkFields(const std::vector<Datagram>& datagrams,
                     " -T fields -E separator=, -E 'aggregator=;'";
   for (const auto& f : fields) cmd += " -e " + f;
   return runCommand(cmd);
+}
+
+std::vector<TsharkRow> tsharkTable(const std::vector<Datagram>& datagrams,
+                                   const std::vector<std::string>& fields) {
+  const CommandResult r = tsharkFields(datagrams, fields);
+  EXPECT_EQ(r.status, 0) << r.err;
+  std::vector<TsharkRow> rows;
+  std::istringstream lines(r.out);
+  for (std::string line; std::getline(lines, line) && rows.size() < datagrams.size();) {
+    TsharkRow row;
+    std::istringstream cols(line + ",");
+    for (std::string col; std::getline(cols, col, ',');) {
+      std::vector<std::string> values;
+      std::istringstream vs(col);
+      for (std::string v; std::getline(vs, v, ';');) values.push_back(v);
+      row.push_back(std::move(values));
+    }
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
+std::vector<std::map<std::string, std::string>> ipfixDumpRecords(const std::string& out,
+                                                                 const std::set<int>& tids) {
+  std::vector<std::map<std::string, std::string>> records;
+  bool inRecord = false;
+  std::istringstream lines(out);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("\tcount:", 0) == 0) {  // a data record's header: "count: 15 tid: 261"
+      const auto tid = line.find("tid:");
+      inRecord = tid != std::string::npos && tids.count(std::atoi(line.c_str() + tid + 4));
+      if (inRecord) records.emplace_back();
+    } else if (inRecord && line.rfind("\t(", 0) == 0) {  // "(7)   sourceTransportPort : 1004"
+      const auto colon = line.find(" : ");
+      const auto name = line.find_first_not_of(' ', line.find(')') + 1);
+      if (colon == std::string::npos || name >= colon) continue;
+      records.back()[line.substr(name, colon - name)] = line.substr(colon + 3);
+    } else if (line != "fields:") {
+      inRecord = false;  // the record ended
+    }
+  }
+  return records;
 }
 
 CommandResult ipfixDumpDecode(const std::vector<Datagram>& datagrams) {

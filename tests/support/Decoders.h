@@ -3,6 +3,8 @@
 // are written to a pcap file for tshark and to an IPFIX file for libfixbuf's ipfixDump,
 // and the decoders' text output is returned for the test to check.
 
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -44,7 +46,15 @@ CommandResult tsharkDecode(const std::vector<Datagram>& datagrams);
 // ",", repeated values of one field by ";".
 CommandResult tsharkFields(const std::vector<Datagram>& datagrams,
                            const std::vector<std::string>& fields);
+// The same as a table: per datagram, per field, its values in order (none where the
+// datagram has none). A decoder failure fails the calling test.
+using TsharkRow = std::vector<std::vector<std::string>>;
+std::vector<TsharkRow> tsharkTable(const std::vector<Datagram>& datagrams,
+                                   const std::vector<std::string>& fields);
 // ipfixDump's decode of the payloads.
 CommandResult ipfixDumpDecode(const std::vector<Datagram>& datagrams);
+// The data records of templates `tids` in ipfixDump's output, each by field name.
+std::vector<std::map<std::string, std::string>> ipfixDumpRecords(const std::string& out,
+                                                                 const std::set<int>& tids);
 
 }  // namespace TestSupport

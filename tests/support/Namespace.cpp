@@ -1,15 +1,21 @@
 #include "tests/support/Namespace.h"
 
+#include <fcntl.h>
+#include <gtest/gtest.h>
 #include <net/if.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+
+#include "tests/support/Decoders.h"
 
 namespace TestSupport {
 
@@ -46,6 +52,46 @@ std::string enterNetworkNamespace(bool mounts) {
   if (s >= 0) ::close(s);
   if (!up) return fail("cannot bring the loopback interface up");
   return "";
+}
+
+PeerNamespace::PeerNamespace() {
+  int ready[2];
+  if (::pipe(ready) != 0) return;
+  pid_ = ::fork();
+  if (pid_ == 0) {
+    const char ok = ::unshare(CLONE_NEWNET) == 0 ? 'y' : 'n';
+    if (::write(ready[1], &ok, 1) != 1) ::_exit(1);
+    ::sleep(120);  // bounded: the test kills it long before
+    ::_exit(0);
+  }
+  char ok = 'n';
+  if (pid_ < 0 || ::read(ready[0], &ok, 1) != 1 || ok != 'y') pid_ = -1;
+  ::close(ready[0]);
+  ::close(ready[1]);
+}
+
+PeerNamespace::~PeerNamespace() {
+  if (pid_ <= 0) return;
+  ::kill(pid_, SIGKILL);
+  ::waitpid(pid_, nullptr, 0);
+}
+
+void PeerNamespace::run(const std::string& command) const {
+  auto r = runCommand("nsenter --net=" + path() + " " + command);
+  ASSERT_EQ(r.status, 0) << command << ": " << r.err;
+}
+
+int PeerNamespace::socket(int domain, int type) const {
+  const int self = ::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+  const int ns = ::open(path().c_str(), O_RDONLY | O_CLOEXEC);
+  int s = -1;
+  if (self >= 0 && ns >= 0 && ::setns(ns, CLONE_NEWNET) == 0) {
+    s = ::socket(domain, type, 0);
+    ::setns(self, CLONE_NEWNET);
+  }
+  if (self >= 0) ::close(self);
+  if (ns >= 0) ::close(ns);
+  return s;
 }
 
 }  // namespace TestSupport

@@ -1,9 +1,8 @@
-// Options templates and the options data model.
+// Options templates: golden bytes, when each collector has them, and their fatal paths.
 
 #include <gtest/gtest.h>
 
 #include "export/FlowTrackerTemplateSm.h"
-#include "options/OptionsDataExporter.h"
 #include "tests/support/Bytes.h"
 #include "tests/support/ExportWorld.h"
 
@@ -105,93 +104,6 @@ TEST(OptionsTemplateDeathTest, MalformedTemplatesAndMissingElementsAreFatal) {
   Ipfix::ElementIdColl empty;
   EXPECT_DEATH(updateFieldInfo(empty, *t->field(0)),
                "eic->elementIdCollHas\\( field->fieldId\\(\\) \\)");
-}
-
-// ---- the options data model ---------------------------------------------------------
-
-Zub::Ptr<const DataRecord> rec(const std::string& bytes) { return Zub::make<DataRecord>(bytes); }
-
-TEST(OptionsDataModel, SourcesNotifyVersionChangesOnlyAndCreatingIsIdempotent) {
-  Zub::Ptr<OptionsDataSourceColl> coll(new OptionsDataSourceColl(OptionsDataScope::scopeGlobal));
-  auto s = coll->sourceIs("InterfaceTable", TemplateId(257));
-  EXPECT_EQ(coll->sourceIs("InterfaceTable", TemplateId(257)), s);
-  try {
-    coll->sourceIs("InterfaceTable", TemplateId(256));
-    FAIL() << "expected a clash";
-  } catch (const Zub::NameInUseException& e) {
-    EXPECT_STREQ(e.what(),
-                 "Reinstantiating the pointer interface where constructor parameter attribute "
-                 "_setId has a different value of 256 than the current value of 257 not allowed");
-  }
-  int versions = 0;
-  auto sub = s->versionSignal().connect(nullptr, [&] { ++versions; });
-  s->dataRecordIs(rec("a"));
-  s->dataRecordIs(rec("a"));  // equal bytes, another record: two members
-  EXPECT_EQ(s->dataRecordSize(), 2u);
-  s->versionInc(0);
-  s->versionIs(s->version());
-  EXPECT_EQ(versions, 0);
-  s->versionInc(1);
-  s->versionIs(0xffffffffu);
-  s->versionInc(1);  // wraps to 0
-  EXPECT_EQ(s->version(), 0u);
-  EXPECT_EQ(versions, 3);
-}
-
-TEST(OptionsDataModel, EveryUpdateIsOneVersionChangeAndReleasesThePreviousRecord) {
-  Zub::Ptr<OptionsDataUpdate> u(new OptionsDataUpdate(OptionsDataScope::scopeTracker));
-  EXPECT_EQ(u->update().first.value(), 0xffff);
-  EXPECT_EQ(u->update().second, nullptr);
-  int versions = 0;
-  auto sub = u->versionSignal().connect(nullptr, [&] { ++versions; });
-  auto first = rec("one");
-  u->addUpdate(TemplateId(259), first);
-  u->addUpdate(TemplateId(259), first);  // the same record again is another update
-  EXPECT_EQ(versions, 2);
-  EXPECT_EQ(first->references(), 2u);
-  u->addUpdate(TemplateId(258), rec("two"));
-  EXPECT_EQ(first->references(), 1u);  // released by the update
-  EXPECT_EQ(u->update().first.value(), 258);
-  EXPECT_EQ(u->version(), 3u);
-}
-
-TEST(OptionsDataModel, ContainersShareCollectionsAndRefuseNulls) {
-  Zub::Ptr<OptionsDataAll> all(new OptionsDataAll());
-  auto global = all->globalDataIs(OptionsDataScope::scopeGlobal);
-  EXPECT_EQ(all->globalDataIs(OptionsDataScope::scopeGlobal), global);
-  auto tracker = all->trackerDataIs("T");
-  Zub::Ptr<OptionsDataContainer> c1(new OptionsDataContainer("T"));
-  Zub::Ptr<OptionsDataContainer> c2(new OptionsDataContainer("U"));
-  c1->dataIs(global);
-  c2->dataIs(global);
-  c1->dataIs(tracker->dataIs(OptionsDataScope::scopeTracker));
-  c1->updateIs(tracker->updateIs(OptionsDataScope::scopeTracker));
-  EXPECT_EQ(c1->dataSize(), 2u);
-  EXPECT_EQ(c1->update(OptionsDataScope::scopeGlobal), nullptr);
-  EXPECT_EQ(c1->update(OptionsDataScope::scopeTracker), tracker->update());
-  c1 = nullptr;
-  EXPECT_EQ(global->fullName(), "U/data/scopeGlobal");  // still held by the other container
-  try {
-    c2->dataIs(nullptr);
-    FAIL() << "null collection stored";
-  } catch (const Zub::NullPointerException& e) {
-    EXPECT_STREQ(e.what(),
-                 "null _data parameter to mutator for FlowTracking::OptionsDataContainer::data "
-                 "not allowed");
-  }
-  try {
-    c2->updateIs(nullptr);
-    FAIL() << "null update stored";
-  } catch (const Zub::NullPointerException& e) {
-    EXPECT_STREQ(e.what(),
-                 "null _update parameter to mutator for "
-                 "FlowTracking::OptionsDataContainer::update not allowed");
-  }
-  all->trackerDataDel("T");
-  tracker->dataDel();
-  EXPECT_EQ(tracker->data(), nullptr);
-  EXPECT_EQ(stringValue(OptionsDataScope::scopeTracker), "scopeTracker");
-  EXPECT_EQ(optionsDataScopeFromString("scopeGlobal"), OptionsDataScope::scopeGlobal);
 }
 
 }  // namespace
