@@ -11,7 +11,7 @@ cd "$(dirname "$0")/.."
 dir=$(scripts/build.sh "$@" | tail -n 1)
 filter=()
 if [ "${1:-}" = "--tsan" ]; then
-  filter=(-R "StovaTable|NameResolver|ConfigSmResolution|ControlServer|NameService")
+  filter=(-R "StovaTable|NameResolver|ControlServer|NameService")
   export TSAN_OPTIONS="halt_on_error=1 exitcode=66 second_deadlock_stack=1"
 fi
 junit="$PWD/$dir/Testing/results.xml"

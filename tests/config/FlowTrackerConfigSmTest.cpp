@@ -477,39 +477,6 @@ TEST_F(ExporterTest, SameConfigurationTwiceWritesNothingAndAChangePlusItsReverse
   EXPECT_EQ(snapshot(), before);
 }
 
-TEST(ConfigSmResolution, RealResolverForLocalhostAndLiteralsOfBothFamilies) {
-  FlowTracking::SystemResolver r;
-  auto v4 = r.resolve("127.0.0.1").addr;
-  ASSERT_TRUE(v4);
-  EXPECT_EQ(v4->stringValue(), "127.0.0.1");
-  auto v6 = r.resolve("::1").addr;
-  ASSERT_TRUE(v6);
-  EXPECT_EQ(v6->stringValue(), "::1");
-  auto local = r.resolve("localhost").addr;
-  ASSERT_TRUE(local);
-  EXPECT_TRUE(local->stringValue() == "127.0.0.1" || local->stringValue() == "::1")
-      << local->stringValue();
-  // A name that cannot exist says why.
-  auto none = r.resolve("no-such-host.invalid");
-  EXPECT_FALSE(none.addr);
-  EXPECT_FALSE(none.error.empty());
-
-  // Through the reactor with the system resolver.
-  ConfigWorld w;
-  w.localIntf("Loopback0", 65535, "127.0.0.1/8", {"::1/128"});
-  w.config->enabledIs(true);
-  w.start();
-  w.sm->resolverIs(std::make_shared<FlowTracking::SystemResolver>());
-  w.exporter("T", "E", "Loopback0");
-  w.collector("T", "E", "127.0.0.1", 4739);
-  w.collector("T", "E", "::1", 4740);
-  auto hw = w.hwExporter("T", "E");
-  EXPECT_EQ(hw->collectorIpAndPort("127.0.0.1").stringValue(), "127.0.0.1:4739");
-  EXPECT_EQ(hw->collectorIp6AndPort("::1").stringValue(), "[::1]:4740");
-  EXPECT_EQ(hw->srcIp6Addr().stringValue(), "::1");
-  EXPECT_TRUE(hw->exporterReady());
-}
-
 TEST_F(ConfigSmTest, ShutdownLeavesTheAgentDirectoryWhileEnabled) {
   struct Agent : Hollin::CAgent {
     int flushed = 0;

@@ -188,7 +188,7 @@ class RoutedDataPath : public DataPathE2e {
  protected:
   TestSupport::PeerNamespace a, b;
   TestSupport::UdpReceiver rx{false};
-  TestSupport::TempDir dir;
+  TestSupport::DaemonRig rig{"e2e-datapath"};
   std::unique_ptr<TestSupport::Daemon> daemon;
   std::vector<TestSupport::Datagram> all;  // what the collector received
 
@@ -233,42 +233,31 @@ class RoutedDataPath : public DataPathE2e {
   // The daemon's file: tracker t on Ethernet1 (r1), or (`inactive` 0) no tracker at all.
   void writeConfig(int inactive, int active, std::string collector = "") {
     if (collector.empty()) collector = "127.0.0.1:" + std::to_string(rx.port());
-    std::ofstream out(dir.file("flowexport.yaml"));
-    out << "flow-tracking:\n  enabled: true\n  sample-rate: 1024\n";
+    std::string text = "flow-tracking:\n  enabled: true\n  sample-rate: 1024\n";
     if (inactive == 0) {
-      out << "  trackers: []\n";
+      text += "  trackers: []\n";
     } else {
-      out << "  interfaces: {Ethernet1: t}\n  trackers:\n    - name: t\n"
-          << "      inactive-timeout: " << inactive << "\n"
-          << "      active-interval: " << active << "\n"
-          << "      exporters:\n        - name: e\n          local-interface: lo\n"
-          << "          template-interval: 3600\n          collectors: [\"" << collector << "\"]\n";
+      text += "  interfaces: {Ethernet1: t}\n  trackers:\n    - name: t\n" +
+              Zub::str("      inactive-timeout: ", inactive, "\n      active-interval: ", active,
+                       "\n") +
+              "      exporters:\n        - name: e\n          local-interface: lo\n"
+              "          template-interval: 3600\n          collectors: [\"" +
+              collector + "\"]\n";
     }
-    out << "platform:\n  source: kernel\n  names: {r1: Ethernet1, r2: Ethernet2}\n";
+    rig.write(text + "platform:\n  source: kernel\n  names: {r1: Ethernet1, r2: Ethernet2}\n");
   }
   void startDaemon(const char* rate, int inactive = 3, int active = 60,
                    const std::string& collector = "") {
     writeConfig(inactive, active, collector);
-    const std::string file = dir.file("flowexport.yaml");
-    daemon = std::make_unique<TestSupport::Daemon>(
-        FLOWEXPORTD,
-        std::vector<std::string>{"--config", file, "--stats-name", statsName(), "--control-socket",
-                                 dir.file("control.sock"), "--log", "stderr", "--test-sample-rate",
-                                 rate},
-        dir.file("daemon.log"));
+    daemon = rig.start({"--test-sample-rate", rate});
     ASSERT_TRUE(daemon->waitForLog("FLOWTRACKING_SAMPLING: Sampling interface Ethernet1", 5s))
         << daemon->log();
     collect(300ms);  // templates and tables
   }
-  // flowexportctl, for this daemon; its standard output.
   std::string ctl(const std::string& args) {
-    auto r = TestSupport::runCommand(std::string(FLOWEXPORTCTL) + " --stats-name " + statsName() +
-                                     " --control-socket " + dir.file("control.sock") + " " + args);
+    auto r = rig.ctl(args);
     EXPECT_EQ(r.status, 0) << args << ": " << r.err;
     return r.out;
-  }
-  static std::string statsName() {
-    return "/flowexport-e2e-datapath-" + std::to_string(::getpid());
   }
   void collect(std::chrono::milliseconds quiet) {
     for (const auto& d : rx.drain(quiet)) all.push_back(d);

@@ -77,29 +77,18 @@ class NameServiceE2e : public ::testing::Test {
     ASSERT_TRUE(writeFile(gHosts, "127.0.0.1 localhost\n::1 localhost\n" + extra));
   }
   void writeConfig(const std::string& collectors) {
-    std::ofstream(file + ".new")
-        << "flow-tracking:\n  enabled: true\n  trackers:\n    - name: t\n      exporters:\n"
-        << "        - name: e\n          local-interface: Loopback0\n"
-        << "          template-interval: 3600\n          collectors: [" << collectors << "]\n"
-        << "platform:\n  interfaces:\n    Loopback0: {mtu: 65535, ipv4: 127.0.0.1/8}\n";
-    std::rename((file + ".new").c_str(), file.c_str());
+    rig.write(
+        "flow-tracking:\n  enabled: true\n  trackers:\n    - name: t\n      exporters:\n"
+        "        - name: e\n          local-interface: Loopback0\n"
+        "          template-interval: 3600\n          collectors: [" +
+        collectors +
+        "]\n"
+        "platform:\n  interfaces:\n    Loopback0: {mtu: 65535, ipv4: 127.0.0.1/8}\n");
   }
-  std::unique_ptr<TestSupport::Daemon> startDaemon() {
-    return std::make_unique<TestSupport::Daemon>(
-        FLOWEXPORTD,
-        std::vector<std::string>{"--config", file, "--stats-name", stats, "--control-socket",
-                                 socket, "--log", "stderr"},
-        dir.file("daemon.log"));
-  }
-  TestSupport::CommandResult ctl(const std::string& args) const {
-    return TestSupport::runCommand(std::string(FLOWEXPORTCTL) + " --stats-name " + stats +
-                                   " --control-socket " + socket + " " + args);
-  }
+  std::unique_ptr<TestSupport::Daemon> startDaemon() { return rig.start(); }
+  TestSupport::CommandResult ctl(const std::string& args) const { return rig.ctl(args); }
 
-  TestSupport::TempDir dir;
-  const std::string file = dir.file("flowexport.yaml");
-  const std::string stats = "/flowexport-e2e-names-" + std::to_string(::getpid());
-  const std::string socket = dir.file("control.sock");
+  TestSupport::DaemonRig rig{"e2e-names"};
   int dns_ = -1;
 };
 

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -73,6 +74,29 @@ bool Daemon::waitForLog(const std::string& text, std::chrono::milliseconds timeo
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   return false;
+}
+
+DaemonRig::DaemonRig(const std::string& tag)
+    : config(dir.file("flowexport.yaml")),
+      stats("/flowexport-" + tag + "-" + std::to_string(::getpid())),
+      socket(dir.file("control.sock")) {}
+
+void DaemonRig::write(const std::string& text, const std::string& path) const {
+  const std::string& file = path.empty() ? config : path;
+  std::ofstream(file + ".new") << text;
+  std::rename((file + ".new").c_str(), file.c_str());
+}
+
+std::unique_ptr<Daemon> DaemonRig::start(std::vector<std::string> extra) const {
+  std::vector<std::string> args = {"--config",         config, "--stats-name", stats,
+                                   "--control-socket", socket, "--log",        "stderr"};
+  args.insert(args.end(), extra.begin(), extra.end());
+  return std::make_unique<Daemon>(FLOWEXPORTD, args, dir.file("daemon.log"));
+}
+
+CommandResult DaemonRig::ctl(const std::string& args) const {
+  return runCommand(std::string(FLOWEXPORTCTL) + " --stats-name " + stats + " --control-socket " +
+                    socket + " " + args);
 }
 
 }  // namespace TestSupport

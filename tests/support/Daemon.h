@@ -4,8 +4,11 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "tests/support/Decoders.h"
 
 namespace TestSupport {
 
@@ -30,6 +33,23 @@ class Daemon {
  private:
   pid_t pid_ = -1;
   std::string logPath_;
+};
+
+// What an end-to-end test keeps for one daemon: a directory for its files, a statistics
+// name and a control socket of its own, and flowexportctl pointed at them.
+struct DaemonRig {
+  explicit DaemonRig(const std::string& tag);
+  TempDir dir;
+  std::string config;  // dir/flowexport.yaml
+  std::string stats;   // /flowexport-<tag>-<pid>
+  std::string socket;  // dir/control.sock
+  // Replaces the file (the configuration unless `path`) the way editors do: a new file
+  // renamed over the old one.
+  void write(const std::string& text, const std::string& path = "") const;
+  // flowexportd on the configuration with these names and `extra` arguments, logging to
+  // stderr, which goes to dir/daemon.log.
+  std::unique_ptr<Daemon> start(std::vector<std::string> extra = {}) const;
+  CommandResult ctl(const std::string& args) const;
 };
 
 }  // namespace TestSupport
