@@ -157,7 +157,9 @@ TEST_F(ControlServerTest, RunningOutOfDescriptorsRefusesClientsWithoutSpinning) 
   EXPECT_EQ(ask("ping\n"), "ok ping\n");
 }
 
-TEST_F(ControlServerTest, APathThatIsNotASocketIsRefusedAndKept) {
+// The path is someone else's: a file that is not a socket is refused and kept; another
+// daemon's socket, put there meanwhile, outlives this server.
+TEST_F(ControlServerTest, OnlyItsOwnSocketIsEverRemoved) {
   std::ofstream(path) << "flow-tracking: {enabled: true}\n";
   try {
     makeServer();
@@ -168,12 +170,9 @@ TEST_F(ControlServerTest, APathThatIsNotASocketIsRefusedAndKept) {
   std::ifstream in(path);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}),
             "flow-tracking: {enabled: true}\n");
-}
-
-TEST_F(ControlServerTest, AtExitOnlyItsOwnSocketIsRemoved) {
-  auto server = makeServer();
-  // Another daemon took the path meanwhile (this one seemed dead to it).
   ASSERT_EQ(::unlink(path.c_str()), 0);
+  auto server = makeServer();
+  ASSERT_EQ(::unlink(path.c_str()), 0);  // another daemon takes the path meanwhile
   ControlServer other(sched, path, std::nullopt, [](const auto&) { return "ok"; });
   struct stat before {
   }, after{};

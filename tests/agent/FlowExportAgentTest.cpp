@@ -15,7 +15,6 @@
 #include "agent/FlowExportAgent.h"
 #include "agent/FtIdStateFile.h"
 #include "tests/support/Decoders.h"
-#include "tests/support/Network.h"
 
 namespace {
 

@@ -496,38 +496,31 @@ TEST_F(ConfigSmTest, ShutdownLeavesTheAgentDirectoryWhileEnabled) {
   EXPECT_EQ(take(), Lines{"FLOWTRACKING_INACTIVE: dummy flow tracking is inactive."});
 }
 
-TEST_F(ConfigSmTest, TrackerIdsSurviveARestartOfTheReactor) {
+// The reactor restarts while the hardware configuration stays: its children go with what
+// they wrote, the trackers keep their ids, and the successor binds the interfaces again.
+TEST_F(ConfigSmTest, ARestartedReactorKeepsTheIdsAndBindsAgain) {
   startEnabled();
+  w.ethIntf("Ethernet1");
   w.tracker("A");
   w.tracker("B");
   w.config->flowTrackerConfigDel("A");
   w.tracker("C");  // C gets A's id 1
+  w.bind("Ethernet1", "C");
   ASSERT_EQ(w.ftId("C"), 1u);
   ASSERT_EQ(w.ftId("B"), 2u);
-  w.sm = nullptr;  // the reactor restarts; the hardware configuration stays
+  take();
+  w.sm = nullptr;
+  EXPECT_TRUE(w.boundIntfs().empty());
+  EXPECT_EQ(take(), Lines{"FLOWTRACKING_TRACKER_INACTIVE: dummy flow tracker C is inactive on "
+                          "interface Ethernet1."});
+  EXPECT_EQ(w.hwConfig->hwFtConfigSize(), 2u);
   w.agentDir->entryDelAll();
   w.start();
+  EXPECT_EQ(w.boundIntfs(), Lines{"Ethernet1:C"});
   EXPECT_EQ(w.ftId("C"), 1u);
   EXPECT_EQ(w.ftId("B"), 2u);
   w.tracker("D");
   EXPECT_EQ(w.ftId("D"), 3u);
-}
-
-TEST_F(ConfigSmTest, TheReactorsBindingsGoWithItAndComeBackWithItsSuccessor) {
-  startEnabled();
-  w.ethIntf("Ethernet1");
-  w.tracker("T");
-  w.bind("Ethernet1", "T");
-  ASSERT_EQ(w.boundIntfs(), Lines{"Ethernet1:T"});
-  take();
-  w.sm = nullptr;  // every child goes, and with it what it wrote
-  EXPECT_TRUE(w.boundIntfs().empty());
-  EXPECT_EQ(take(), Lines{"FLOWTRACKING_TRACKER_INACTIVE: dummy flow tracker T is inactive on "
-                          "interface Ethernet1."});
-  EXPECT_EQ(w.hwConfig->hwFtConfigSize(), 1u);  // the tracker keeps its id for the successor
-  w.agentDir->entryDelAll();
-  w.start();
-  EXPECT_EQ(w.boundIntfs(), Lines{"Ethernet1:T"});
 }
 
 TEST(ConfigSmDeathTest, InconsistentTablesStopTheAgent) {

@@ -11,8 +11,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 
-#include <cstdio>
-#include <fstream>
 #include <optional>
 
 #include "agent/KernelStatusSource.h"

@@ -89,15 +89,4 @@ TEST(FlowTrackingTypes, LimitsDefaultsAndMessages) {
   }
 }
 
-TEST(FlowTrackingTypes, VrfNameLength) {
-  EXPECT_NO_THROW(L3::VrfName(std::string(100, 'v')));
-  try {
-    L3::VrfName v(std::string(101, 'v'));
-    FAIL();
-  } catch (const Zub::RangeException& e) {
-    EXPECT_STREQ(e.what(), "VrfName::bytes > VrfName::maxLength not allowed");
-  }
-  EXPECT_TRUE(Constants::nullVrfName().empty());
-}
-
 }  // namespace

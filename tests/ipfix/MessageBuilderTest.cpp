@@ -153,11 +153,6 @@ TEST(DataRecord, KeepsShortRecordsInlineAndGrowsLongOnesOnTheHeap) {
   EXPECT_EQ(y->data(), "y");
 }
 
-TEST(MessageBuilder, CalcOverhead) {
-  EXPECT_EQ(MessageBuilder::calcOverhead(0), 16u);
-  EXPECT_EQ(MessageBuilder::calcOverhead(3), 28u);
-}
-
 TEST(MessageBuilderDeathTest, AssertionsNameTheConditionAndTheFile) {
   const char* file = "\\(file MessageBuilder.cpp, line [0-9]+\\)";
   auto b = FlowTracking::messageBuilderFactory(100, 1);

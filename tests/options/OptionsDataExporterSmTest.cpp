@@ -159,7 +159,7 @@ TEST_P(OptionsExportTest, AFullTableFollowsTheOptionsTemplatesToThatCollectorAlo
   EXPECT_EQ(sm->msgCacheBuildCount(), 1u);
 }
 
-TEST_P(OptionsExportTest, ACollectorWithoutItsOptionsTemplatesGetsNothing) {
+TEST_P(OptionsExportTest, NothingGoesWithoutTheOptionsTemplatesOrAReadyFamily) {
   sourceIs(false);
   addCollector("a", 1);
   EXPECT_FALSE(channel("a")->optTemplateSent());
@@ -170,6 +170,14 @@ TEST_P(OptionsExportTest, ACollectorWithoutItsOptionsTemplatesGetsNothing) {
   sourceIs(true);  // templates, then the table
   w.run();
   EXPECT_EQ(data().size(), 1u);
+  // No family ready any more: the period stops and updates stay unsent.
+  ASSERT_TRUE(sm->txPeriodicTask()->scheduled());
+  sourceIs(false);
+  EXPECT_FALSE(sm->txReady());
+  EXPECT_FALSE(sm->txPeriodicTask()->scheduled());
+  globalUpdate->addUpdate(TemplateId(257), intfRecord(4));
+  w.advance(120);
+  EXPECT_TRUE(data().empty());
 }
 
 TEST_P(OptionsExportTest, ABurstOfUpdatesIsOneMessageOneSecondAfterTheFirst) {
@@ -315,18 +323,6 @@ TEST_P(OptionsExportTest, ACollectorWhoseDestinationGoesIsDroppedAsStale) {
   auto sent = data();
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(sent[0].dst, dst(2));
-}
-
-TEST_P(OptionsExportTest, NoReadyFamilyStopsThePeriodAndSendsNothing) {
-  addCollector("a", 1);
-  w.recorder.take();
-  ASSERT_TRUE(sm->txPeriodicTask()->scheduled());
-  sourceIs(false);
-  EXPECT_FALSE(sm->txReady());
-  EXPECT_FALSE(sm->txPeriodicTask()->scheduled());
-  globalUpdate->addUpdate(TemplateId(257), intfRecord(4));
-  w.advance(120);
-  EXPECT_TRUE(data().empty());
 }
 
 TEST_P(OptionsExportTest, AFlushThatMustYieldSendsWhatItBuiltAndGoesOnNextRun) {

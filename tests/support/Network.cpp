@@ -18,59 +18,6 @@ uint16_t firstSetId(const std::string& message) {
                                static_cast<uint8_t>(message[17]));
 }
 
-std::vector<MessageCount> countRecords(const std::vector<Datagram>& datagrams) {
-  auto u16 = [](const std::string& b, size_t o) {
-    return static_cast<uint16_t>(static_cast<uint8_t>(b[o]) << 8 | static_cast<uint8_t>(b[o + 1]));
-  };
-  std::map<uint16_t, std::vector<uint16_t>> templates;  // id -> field lengths
-  std::vector<MessageCount> out;
-  for (const Datagram& d : datagrams) {
-    const std::string& b = d.payload;
-    MessageCount m;
-    if (b.size() < 16) continue;
-    m.sequence = static_cast<uint32_t>(u16(b, 8)) << 16 | u16(b, 10);
-    for (size_t off = 16; off + 4 <= b.size();) {
-      const uint16_t setId = u16(b, off), setLen = u16(b, off + 2);
-      if (setLen < 4 || off + setLen > b.size()) break;
-      m.sets.push_back(setId);
-      const size_t end = off + setLen;
-      size_t p = off + 4;
-      if (setId == 2 || setId == 3) {
-        while (p + 4 <= end) {
-          const uint16_t id = u16(b, p), count = u16(b, p + 2);
-          p += setId == 3 ? 6 : 4;
-          std::vector<uint16_t> lens;
-          for (uint16_t f = 0; f < count && p + 4 <= end; ++f) {
-            const bool enterprise = u16(b, p) & 0x8000;
-            lens.push_back(u16(b, p + 2));
-            p += enterprise ? 8 : 4;
-          }
-          templates[id] = lens;
-        }
-      } else if (!templates.count(setId)) {
-        m.records = -1;
-      } else {
-        const auto& lens = templates[setId];
-        while (p < end) {
-          for (uint16_t len : lens) {
-            if (len != 65535) {
-              p += len;
-            } else if (static_cast<uint8_t>(b[p]) < 255) {
-              p += 1 + static_cast<uint8_t>(b[p]);
-            } else {
-              p += 3 + u16(b, p + 1);
-            }
-          }
-          if (m.records >= 0) ++m.records;
-        }
-      }
-      off = end;
-    }
-    out.push_back(m);
-  }
-  return out;
-}
-
 std::vector<Datagram> ofSet(const std::vector<Datagram>& datagrams, uint16_t setId) {
   std::vector<Datagram> out;
   for (const Datagram& d : datagrams) {

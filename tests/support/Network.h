@@ -26,17 +26,6 @@ uint16_t firstSetId(const std::string& message);
 // The datagrams whose message's first set is `setId`.
 std::vector<Datagram> ofSet(const std::vector<Datagram>& datagrams, uint16_t setId);
 
-// Reads IPFIX messages in order as a collector would: learns templates and options
-// templates (variable-length fields included) and counts the data records of each
-// message. Returns, per message, {sequence number, data records}; a record of an unknown
-// template counts as -1 (an error for the caller).
-struct MessageCount {
-  uint32_t sequence = 0;
-  int records = 0;
-  std::vector<uint16_t> sets;
-};
-std::vector<MessageCount> countRecords(const std::vector<Datagram>& datagrams);
-
 class UdpReceiver {
  public:
   // Binds 127.0.0.1 or ::1 on a free port (or `port`); `ipv4` picks another loopback

@@ -73,16 +73,8 @@ TEST_F(SchedulerTest, HandlerReschedulesItself) {
   EXPECT_EQ(t->deadline(), Zub::nsFromSeconds(20));
 }
 
-TEST_F(SchedulerTest, EqualDeadlinesRunInSchedulingOrder) {
-  auto a = timer("a"), b = timer("b"), c = timer("c");
-  c->scheduleTaskLowestDelay(3s);
-  clock.tick(Zub::nsFromSeconds(1));
-  a->scheduleTaskLowestDelay(2s);  // also due at 3 s
-  b->scheduleTaskLowestDelay(2s);
-  sched.advance(5s);
-  EXPECT_EQ(ran, (std::vector<std::string>{"c", "a", "b"}));
-}
-
+// Ready tasks run by priority, then in scheduling order; timers due at the same time run
+// in the order they were scheduled.
 TEST_F(SchedulerTest, ReadyTasksRunByPriorityThenSchedulingOrder) {
   auto low = timer("low", 3), high = timer("high", 1), mid1 = timer("mid1", 2),
        mid2 = timer("mid2", 2);
@@ -92,7 +84,13 @@ TEST_F(SchedulerTest, ReadyTasksRunByPriorityThenSchedulingOrder) {
   mid2->schedule();
   mid1->schedule();  // already ready: keeps its place
   sched.runReady();
-  EXPECT_EQ(ran, (std::vector<std::string>{"high", "mid1", "mid2", "low"}));
+  auto a = timer("a"), b = timer("b"), c = timer("c");
+  c->scheduleTaskLowestDelay(3s);
+  clock.tick(Zub::nsFromSeconds(1));
+  a->scheduleTaskLowestDelay(2s);  // also due at 3 s
+  b->scheduleTaskLowestDelay(2s);
+  sched.advance(5s);
+  EXPECT_EQ(ran, (std::vector<std::string>{"high", "mid1", "mid2", "low", "c", "a", "b"}));
 }
 
 TEST_F(SchedulerTest, ShouldYieldAfterTheTimeSlice) {

@@ -59,14 +59,6 @@ class Root : public Zub::Entity {
   ZUB_COLL(weight, Zub::OrderedCollection<uint32_t, double>)
 };
 
-TEST(Collection, OrderedCollectionIteratesInKeyOrder) {
-  Zub::Ptr<Root> r(new Root("r"));
-  for (uint32_t k : {50u, 7u, 300u, 8u}) r->weightIs(k, k * 0.5);
-  std::vector<uint32_t> keys;
-  for (const auto& [k, v] : r->weightColl()) keys.push_back(k);
-  EXPECT_EQ(keys, (std::vector<uint32_t>{7, 8, 50, 300}));
-}
-
 TEST(Collection, ValuesNotifyAddChangeAndDeleteOnce) {
   Zub::Ptr<Root> r(new Root("r"));
   std::vector<uint32_t> seen;
@@ -105,18 +97,6 @@ TEST(Collection, EntityMembersAndConstructorClash) {
   EXPECT_EQ(b->parent(), nullptr);
   EXPECT_EQ(r->bindingIs("Ethernet1", "trackerB")->trackerName(), "trackerB");
   EXPECT_EQ(notes, 3);
-}
-
-TEST(Collection, DirHoldsNamedEntries) {
-  Zub::Ptr<Zub::Dir> agents(new Zub::Dir("activeAgentDir"));
-  EXPECT_EQ(agents->entries(), 0u);
-  Zub::Ptr<Zub::Dir> d = agents->mkdir("flowexport");
-  EXPECT_EQ(agents->mkdir("flowexport"), d);
-  EXPECT_EQ(agents->entries(), 1u);
-  EXPECT_EQ(agents->entityPtr<Zub::Dir>("flowexport"), d);
-  EXPECT_EQ(agents->entityPtr<Zub::Dir>("other"), nullptr);
-  agents->entryDel("flowexport");
-  EXPECT_EQ(agents->entries(), 0u);
 }
 
 TEST(Collection, PointersToConstValuesAreValuesComparedByIdentity) {
