@@ -303,7 +303,8 @@ class Parser {
     if (const YAML::Node ft = root["flow-tracking"]) {
       const std::string p = "flow-tracking";
       expectMap(ft, p,
-                {"enabled", "hardware-acceleration", "sample-rate", "trackers", "interfaces"});
+                {"enabled", "hardware-acceleration", "sample-rate", "compatible-options",
+                 "trackers", "interfaces"});
       if (ft["enabled"]) c.enabled = boolean(ft["enabled"], join(p, "enabled"));
       if (ft["hardware-acceleration"]) {
         c.hardwareAcceleration =
@@ -311,6 +312,9 @@ class Parser {
       }
       if (ft["sample-rate"]) {
         c.sampleRate = bounded<FlowTracking::SampleRate>(ft["sample-rate"], join(p, "sample-rate"));
+      }
+      if (ft["compatible-options"]) {
+        c.compatibleOptions = boolean(ft["compatible-options"], join(p, "compatible-options"));
       }
       std::set<std::string> names;
       if (ft["trackers"]) {

@@ -64,6 +64,7 @@ struct AgentConfig {
   bool enabled = false;
   bool hardwareAcceleration = false;
   FlowTracking::SampleRate sampleRate;
+  bool compatibleOptions = true;
   std::vector<TrackerSpec> trackers;
   std::map<std::string, std::string> interfaceTracker;  // bound interface -> tracker
   std::vector<InterfaceSpec> interfaces;

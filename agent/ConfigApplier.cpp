@@ -146,6 +146,7 @@ void applyFlowTracking(const Zub::Ptr<FlowTracking::Config>& config, const Agent
   // Switching off first tears everything down once instead of change by change.
   if (!cfg.enabled) config->enabledIs(false);
   config->sampleRateIs(cfg.sampleRate);
+  config->compatibleOptionsIs(cfg.compatibleOptions);
   config->hwAccelEnabledIs(cfg.hardwareAcceleration);
 
   std::set<std::string> trackers;

@@ -191,7 +191,13 @@ bool FlowExportAgent::reload() {
   }
   applyPlatformFrom_(cfg);
   // Trackers that the file drops (or all, when it disables flow tracking) end their flows
-  // in the data path now (reason 4), while their exporters are still there to send them.
+  // in the data path now (reason 4), while their exporters are still there to send them;
+  // with a new sampling rate every flow ends now, while collectors still know the rate
+  // it was sampled at (they are told the new one as it is applied).
+  if (dataPathSm_ && cfg.enabled && config_->enabled() &&
+      !(cfg.sampleRate == config_->sampleRate())) {
+    dataPathSm_->flushAll();
+  }
   if (dataPathSm_) {
     for (const Zub::Name& name : hwConfig_->hwFtConfigColl().keys()) {
       const bool kept =

@@ -64,6 +64,9 @@ class Config : public Zub::Entity {
   // Carried for the agent; no reactor reacts to it.
   ZUB_ATTR(bool, hwAccelEnabled, false)
   ZUB_ATTR(SampleRate, sampleRate)
+  // Besides the standard options templates, announce the sampling rate and the interface
+  // and VRF names also in the fixed-length layouts most collectors read.
+  ZUB_ATTR(bool, compatibleOptions, true)
   ZUB_COLL(flowTrackerConfig, Zub::Collection<Zub::Name, Zub::Ptr<FlowTrackerConfig>>)
   ZUB_COLL(flowTrackerIntfConfig, Zub::Collection<Nelo::IntfId, Zub::Ptr<FlowTrackerIntfConfig>>)
 };

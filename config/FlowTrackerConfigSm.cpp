@@ -127,6 +127,8 @@ ConfigSmBase::ConfigSmBase(const Zub::Ptr<Config>& config, const Zub::Ptr<Zub::D
   ctx_->names = std::make_shared<NameResolver>(std::make_shared<SystemResolver>());
   watch(config_->enabledSignal(), [this] { handleConfigEnabled(); });
   watch(config_->sampleRateSignal(), [this] { handleSampleRate(); });
+  watch(config_->compatibleOptionsSignal(),
+        [this] { hwConfig_->compatibleOptionsIs(config_->compatibleOptions()); });
   watch(config_->flowTrackerConfigSignal(),
         [this](const Zub::Name& n) { handleFlowTrackerConfig(n); });
   watch(config_->flowTrackerIntfConfigSignal(),
@@ -186,6 +188,7 @@ void ConfigSmBase::handleConfigEnabled() {
 
 void ConfigSmBase::handleFtrConfig() {
   GLINT(trace(), kEntry) << "ConfigSmBase::handleFtrConfig";
+  hwConfig_->compatibleOptionsIs(config_->compatibleOptions());
   handleSampleRate();
   handleFlowTrackerConfig();
   handleFlowTrackerIntfConfig();
@@ -916,32 +919,46 @@ void ExpConfigSm::handleCollectorResolution(const Zub::String& key, const Resolu
                       Nelo::Ip6AndPort{addr->ip6Addr(), hp.port};
     if (same) logCollector_(true, key);
   }
-  if (addr->family == Nelo::IpGenAddr::ipv4) {
-    const Nelo::IpAndPort dst{addr->ipAddr(), hp.port};
-    if (hwExpConfig_->collectorIpAndPort(key) == dst && hwExpConfig_->collectorIpAndPortHas(key)) {
-      return;
+  // The name's address of each family it has; a family it no longer has goes.
+  const Nelo::IpGenAddr* v4 = addr->family == Nelo::IpGenAddr::ipv4 ? addr : nullptr;
+  const Nelo::IpGenAddr* v6 = addr->family == Nelo::IpGenAddr::ipv4 ? nullptr : addr;
+  if (r.other) (v4 ? v6 : v4) = &*r.other;
+  if (!v4 && hwExpConfig_->collectorIpAndPortDel(key)) {
+    GLINT(trace(), kState) << "No IPv4 address for " << key << " any more";
+  }
+  if (!v6 && hwExpConfig_->collectorIp6AndPortDel(key)) {
+    GLINT(trace(), kState) << "No IPv6 address for " << key << " any more";
+  }
+  if (v4) {
+    const Nelo::IpAndPort dst{v4->ipAddr(), hp.port};
+    if (!(hwExpConfig_->collectorIpAndPort(key) == dst &&
+          hwExpConfig_->collectorIpAndPortHas(key))) {
+      if (verifyIpAddr(dst.addr)) {
+        GLINT(trace(), kState) << "Updating Ip Addr for " << key << " with " << dst;
+        hwExpConfig_->collectorIpAndPortIs(key, dst);
+        logCollector_(true, key);
+        logSameDestination_(key, hwExpConfig_->collectorIpAndPortColl(), dst);
+      } else {
+        deleteCollector(key);
+        handleSrcAddress();
+        return;
+      }
     }
-    if (verifyIpAddr(dst.addr)) {
-      GLINT(trace(), kState) << "Updating Ip Addr for " << key << " with " << dst;
-      hwExpConfig_->collectorIpAndPortIs(key, dst);
-      logCollector_(true, key);
-      logSameDestination_(key, hwExpConfig_->collectorIpAndPortColl(), dst);
-    } else {
-      deleteCollector(key);
-    }
-  } else {
-    const Nelo::Ip6AndPort dst{addr->ip6Addr(), hp.port};
-    if (hwExpConfig_->collectorIp6AndPort(key) == dst &&
-        hwExpConfig_->collectorIp6AndPortHas(key)) {
-      return;
-    }
-    if (verifyIp6Addr(dst.addr)) {
-      GLINT(trace(), kState) << "Updating Ipv6 Addr for " << key << " with " << dst;
-      hwExpConfig_->collectorIp6AndPortIs(key, dst);
-      logCollector_(true, key);
-      logSameDestination_(key, hwExpConfig_->collectorIp6AndPortColl(), dst);
-    } else {
-      deleteCollector(key);
+  }
+  if (v6) {
+    const Nelo::Ip6AndPort dst{v6->ip6Addr(), hp.port};
+    if (!(hwExpConfig_->collectorIp6AndPort(key) == dst &&
+          hwExpConfig_->collectorIp6AndPortHas(key))) {
+      if (verifyIp6Addr(dst.addr)) {
+        GLINT(trace(), kState) << "Updating Ipv6 Addr for " << key << " with " << dst;
+        hwExpConfig_->collectorIp6AndPortIs(key, dst);
+        logCollector_(true, key);
+        logSameDestination_(key, hwExpConfig_->collectorIp6AndPortColl(), dst);
+      } else {
+        deleteCollector(key);
+        handleSrcAddress();
+        return;
+      }
     }
   }
   handleSrcAddress();

@@ -94,6 +94,8 @@ class Config : public Zub::Entity {
   explicit Config(const Zub::Name& name) : Entity(name) {}
   static constexpr uint32_t sampleRateDefault = 1048576;
   ZUB_ATTR(uint32_t, sampleRate, sampleRateDefault)
+  // The compatible options templates and data are exported beside the standard ones.
+  ZUB_ATTR(bool, compatibleOptions, true)
   ZUB_COLL(hwFtConfig, Zub::Collection<Zub::Name, Zub::Ptr<FtConfig>>)
   ZUB_COLL(hwIntfFtConfig, Zub::Collection<Nelo::IntfId, Zub::Ptr<IntfFtConfig>>)
 };

@@ -26,21 +26,29 @@ Resolution SystemResolver::resolve(const std::string& host) {
   if (rc != 0 || !result) {
     const int err = errno;
     if (result) ::freeaddrinfo(result);
-    if (rc == EAI_SYSTEM) return {std::nullopt, std::strerror(err)};
-    return {std::nullopt, rc != 0 ? ::gai_strerror(rc) : "no address"};
+    if (rc == EAI_SYSTEM) return {std::nullopt, std::strerror(err), std::nullopt};
+    return {std::nullopt, rc != 0 ? ::gai_strerror(rc) : "no address", std::nullopt};
   }
   Resolution out;
-  if (result->ai_family == AF_INET) {
-    auto* sa = reinterpret_cast<const sockaddr_in*>(result->ai_addr);
-    out.addr = Nelo::IpGenAddr(Nelo::IpAddr::fromNbo(sa->sin_addr.s_addr));
-  } else if (result->ai_family == AF_INET6) {
-    auto* sa = reinterpret_cast<const sockaddr_in6*>(result->ai_addr);
-    Nelo::Ip6Addr::Bytes b;
-    std::memcpy(b.data(), &sa->sin6_addr, 16);
-    out.addr = Nelo::IpGenAddr(Nelo::Ip6Addr(b));
-  } else {
-    out.error = "no IPv4 or IPv6 address";
+  for (const addrinfo* ai = result; ai && !(out.addr && out.other); ai = ai->ai_next) {
+    std::optional<Nelo::IpGenAddr> a;
+    if (ai->ai_family == AF_INET) {
+      auto* sa = reinterpret_cast<const sockaddr_in*>(ai->ai_addr);
+      a = Nelo::IpGenAddr(Nelo::IpAddr::fromNbo(sa->sin_addr.s_addr));
+    } else if (ai->ai_family == AF_INET6) {
+      auto* sa = reinterpret_cast<const sockaddr_in6*>(ai->ai_addr);
+      Nelo::Ip6Addr::Bytes b;
+      std::memcpy(b.data(), &sa->sin6_addr, 16);
+      a = Nelo::IpGenAddr(Nelo::Ip6Addr(b));
+    }
+    if (!a) continue;
+    if (!out.addr) {
+      out.addr = a;
+    } else if (a->family != out.addr->family) {
+      out.other = a;
+    }
   }
+  if (!out.addr) out.error = "no IPv4 or IPv6 address";
   ::freeaddrinfo(result);
   return out;
 }
@@ -124,8 +132,8 @@ NameResolver::~NameResolver() {
 }
 
 std::optional<Resolution> NameResolver::literal(const std::string& host) {
-  if (auto a = Nelo::IpAddr::parse(host)) return Resolution{Nelo::IpGenAddr(*a), {}};
-  if (auto a = Nelo::Ip6Addr::parse(host)) return Resolution{Nelo::IpGenAddr(*a), {}};
+  if (auto a = Nelo::IpAddr::parse(host)) return Resolution{Nelo::IpGenAddr(*a), {}, std::nullopt};
+  if (auto a = Nelo::Ip6Addr::parse(host)) return Resolution{Nelo::IpGenAddr(*a), {}, std::nullopt};
   return std::nullopt;
 }
 

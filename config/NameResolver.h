@@ -34,11 +34,16 @@ namespace FlowTracking {
 struct Resolution {
   std::optional<Nelo::IpGenAddr> addr;
   std::string error;
-  bool operator==(const Resolution& o) const { return addr == o.addr && error == o.error; }
+  // The first address of the other family, when the name has addresses of both.
+  std::optional<Nelo::IpGenAddr> other;
+  bool operator==(const Resolution& o) const {
+    return addr == o.addr && error == o.error && other == o.other;
+  }
   bool operator!=(const Resolution& o) const { return !(*this == o); }
 };
 
-// Name resolution for collectors: the first address the resolver returns, or why not.
+// Name resolution for collectors: the first address the resolver returns and the first
+// of the other family, or why there is none.
 // May be called from several threads at once.
 class Resolver {
  public:

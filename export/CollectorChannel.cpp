@@ -198,7 +198,10 @@ void CollectorChannel::count_(const MessageWrapper* const* msgs, size_t n, SetKi
       for (size_t i = 0; i < n; ++i) {
         const MessageWrapper& msg = *msgs[i];
         // The set slots first: a tenth distinct set id is refused before anything changed.
+        // The compatible layout's sets count in the totals only: a row's nine slots go to
+        // the templates, the four tables and the flow records.
         for (const SetRecord& rec : msg.setRecord()) {
+          if (CompatibleTemplate::is(rec.setId.value())) continue;
           const Stova::Ipfix::SetId setId(rec.setId.value());
           Stova::Ipfix::CollectorSetStatisticsEntry set = entry.setEntry(setId);
           if (!(set.setId == setId)) set = Stova::Ipfix::CollectorSetStatisticsEntry{setId};

@@ -181,6 +181,11 @@ TemplateSm::TemplateSm(const Zub::Ptr<Config>& flowTrackingConfig,
   watch(hwConfig_->hwFtConfigSignal(), [this](const Zub::Name& n) { handleHwFtStatus(n); });
   watch(flowTrackingInfo_->ftInfoSignal(), [this](const Zub::Name& n) { handleHwFtStatus(n); });
   watch(flowTrackingConfigReq_->clearCountersSignal(), [this] { clearCounters(); });
+  watch(hwConfig_->compatibleOptionsSignal(), [this] {
+    if (catalogue_) {
+      compatibleOptTemplatesIs(*catalogue_, *optTemplateConfig_, hwConfig_->compatibleOptions());
+    }
+  });
 }
 
 void TemplateSm::handleInitialized() {
@@ -207,9 +212,10 @@ void TemplateSm::handleHwFtStatus(const Zub::Name& name) {
 
 void TemplateSm::initOptTemplateConfig() {
   GLINT(exportTrace(), kEntry) << "TemplateSm::initOptTemplateConfig";
-  Zub::Ptr<Ipfix::ElementIdColl> catalogue(new Ipfix::ElementIdColl());
-  catalogue->doInitialize();
-  FlowTracking::initOptTemplateConfig(*catalogue, *optTemplateConfig_);
+  catalogue_ = Zub::make<Ipfix::ElementIdColl>();
+  catalogue_->doInitialize();
+  FlowTracking::initOptTemplateConfig(*catalogue_, *optTemplateConfig_,
+                                      hwConfig_->compatibleOptions());
 }
 
 void TemplateSm::clearCounters() {

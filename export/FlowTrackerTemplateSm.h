@@ -99,7 +99,8 @@ class TemplateSm : public Zub::Reactor {
   // and run-time export state.
   void handleHwFtStatus(const Zub::Name& name);
   void clearCounters();
-  // Builds the four options templates from the information element catalogue.
+  // Builds the options templates from the information element catalogue (the compatible
+  // ones too unless the hardware configuration switches them off).
   void initOptTemplateConfig();
 
   const Zub::Ptr<Config>& flowTrackingConfig() const { return flowTrackingConfig_; }
@@ -115,6 +116,7 @@ class TemplateSm : public Zub::Reactor {
   Stova::Ipfix::CollectorStatistics* collStats_;
   Orrin::TaskScheduler& scheduler_;
   Zub::Ptr<OptionsTemplateConfig> optTemplateConfig_{new OptionsTemplateConfig()};
+  Zub::Ptr<Ipfix::ElementIdColl> catalogue_;  // the elements the options templates use
   Zub::ChildMap<Zub::Name, FtTemplateSm> ftTemplateSm_{this};
 };
 

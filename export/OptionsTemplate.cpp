@@ -95,13 +95,52 @@ void addOptTemplateFlowTrackerTable(const Ipfix::ElementIdColl& eic,
   }
 }
 
+void addCompatibleTemplates(const Ipfix::ElementIdColl& eic, OptionsTemplateConfig& config) {
+  GLINT(optionsTrace(), kEntry) << "addCompatibleTemplates";
+  auto fixed = [&](OptionsTemplate& t, RecordType id, uint16_t len) {
+    addField(eic, t, id);
+    t.field(static_cast<uint32_t>(t.fieldSize() - 1))->fieldLenIs(len);
+  };
+  auto sampling =
+      config.templateEntryIs("CompatSampling", TemplateId(CompatibleTemplate::kSampling));
+  sampling->ownSetIs(true);
+  addScopeField(eic, *sampling, RecordType::observationDomainId);
+  addField(eic, *sampling, RecordType::samplingInterval);
+  auto intfs =
+      config.templateEntryIs("CompatInterfaces", TemplateId(CompatibleTemplate::kInterfaces));
+  intfs->ownSetIs(true);
+  addScopeField(eic, *intfs, RecordType::exportingProcessId);
+  addField(eic, *intfs, RecordType::ingressInterface);
+  fixed(*intfs, RecordType::interfaceDescription, CompatibleTemplate::kNameBytes);
+  auto vrfs = config.templateEntryIs("CompatVrfs", TemplateId(CompatibleTemplate::kVrfs));
+  vrfs->ownSetIs(true);
+  addScopeField(eic, *vrfs, RecordType::exportingProcessId);
+  addField(eic, *vrfs, RecordType::vrfId);
+  fixed(*vrfs, RecordType::vrfName, CompatibleTemplate::kNameBytes);
+}
+
 }  // namespace
 
-void initOptTemplateConfig(const Ipfix::ElementIdColl& eic, OptionsTemplateConfig& config) {
+void initOptTemplateConfig(const Ipfix::ElementIdColl& eic, OptionsTemplateConfig& config,
+                           bool compatible) {
   addOptTemplateIntfTable(eic, config);
   addOptTemplateVrfTable(eic, config);
   addOptTemplateFlowKey(eic, config);
   addOptTemplateFlowTrackerTable(eic, config);
+  if (compatible) addCompatibleTemplates(eic, config);
+  config.versionInc(1);
+}
+
+void compatibleOptTemplatesIs(const Ipfix::ElementIdColl& eic, OptionsTemplateConfig& config,
+                              bool on) {
+  if (config.templateEntryHas("CompatSampling") == on) return;
+  if (on) {
+    addCompatibleTemplates(eic, config);
+  } else {
+    for (const char* name : {"CompatSampling", "CompatInterfaces", "CompatVrfs"}) {
+      config.templateEntryDel(name);
+    }
+  }
   config.versionInc(1);
 }
 

@@ -1,5 +1,8 @@
 #include "export/OptionsTemplateExporterSm.h"
 
+#include <algorithm>
+#include <vector>
+
 #include "export/Trace.h"
 
 namespace FlowTracking {
@@ -35,10 +38,12 @@ void OptionsTemplateExporterSm::handleOptTemplateConfigVersion() {
 
 uint32_t OptionsTemplateExporterSm::getTemplateLength() const {
   uint32_t len = 0;
+  bool shared = false;
   for (const auto& [name, t] : optTemplateConfig_->templateEntryColl()) {
-    len += getTemplateEntryLength(*t);
+    len += getTemplateEntryLength(*t) + (t->ownSet() ? Nelo::IpfixConst::setHeaderLen() : 0);
+    shared = shared || !t->ownSet();
   }
-  return len;
+  return len + (shared ? Nelo::IpfixConst::setHeaderLen() : 0);
 }
 
 uint32_t OptionsTemplateExporterSm::addTemplateFieldSpecifier(
@@ -63,25 +68,52 @@ void OptionsTemplateExporterSm::handleTemplateCreationTask() {
   Zub::Ptr<Nelo::Pkt> pkt = getPkt(len);
   uint32_t offset = 0;
   uint16_t count = 0;
-  for (const auto& [name, t] : optTemplateConfig_->templateEntryColl()) {
+  auto writeTemplate = [&](const OptionsTemplate& t) {
     const uint32_t start = offset;
     Nelo::OptionsTemplateHeader header(pkt, offset);
-    header.templateIdIs(t->templateId().value());
-    header.fieldCountIs(static_cast<uint16_t>(t->scopeFields() + t->fields()));
-    header.scopeFieldCountIs(static_cast<uint16_t>(t->scopeFields()));
+    header.templateIdIs(t.templateId().value());
+    header.fieldCountIs(static_cast<uint16_t>(t.scopeFields() + t.fields()));
+    header.scopeFieldCountIs(static_cast<uint16_t>(t.scopeFields()));
     offset += sizeof(Nelo::Wire::OptionsTemplateHeader);
-    for (const auto& [pos, f] : t->scopeFieldColl()) {
+    for (const auto& [pos, f] : t.scopeFieldColl()) {
       GLINT(optionsTrace(), kDiag)
           << "Scope field: " << *f << ", fieldId: " << static_cast<uint32_t>(f->fieldId())
           << ", len: " << f->fieldLen() << ", enterprise: " << f->enterpriseIe();
       offset += addTemplateFieldSpecifier(pkt, offset, *f);
     }
-    for (const auto& [pos, f] : t->fieldColl())
-      offset += addTemplateFieldSpecifier(pkt, offset, *f);
-    templateLenIs(t->templateId(), offset - start);
-    GLINT(optionsTrace(), kDiag) << "template " << t->templateId() << ", length: " << offset - start
+    for (const auto& [pos, f] : t.fieldColl()) offset += addTemplateFieldSpecifier(pkt, offset, *f);
+    templateLenIs(t.templateId(), offset - start);
+    GLINT(optionsTrace(), kDiag) << "template " << t.templateId() << ", length: " << offset - start
                                  << ", offset: " << start;
     ++count;
+  };
+  // A set of options templates: its header, then the templates `in` takes.
+  auto writeSet = [&](auto in) {
+    const uint32_t start = offset;
+    offset += Nelo::IpfixConst::setHeaderLen();
+    for (const auto& [name, t] : optTemplateConfig_->templateEntryColl()) {
+      if (in(*t)) writeTemplate(*t);
+    }
+    Nelo::SetHeader set(pkt, start);
+    set.setIdIs(Nelo::IpfixConst::optionsTemplateSetId());
+    set.lengthIs(static_cast<uint16_t>(offset - start));
+  };
+  // The templates of their own sets first, by id: a collector that reads one template
+  // per set, or stops at the second of a set, has read them before it meets the shared
+  // set.
+  std::vector<const OptionsTemplate*> own;
+  for (const auto& [name, t] : optTemplateConfig_->templateEntryColl()) {
+    if (t->ownSet()) own.push_back(t.get());
+  }
+  std::sort(own.begin(), own.end(), [](const OptionsTemplate* a, const OptionsTemplate* b) {
+    return a->templateId().value() < b->templateId().value();
+  });
+  for (const OptionsTemplate* t : own) {
+    writeSet([&](const OptionsTemplate& x) { return &x == t; });
+  }
+  const auto& all = optTemplateConfig_->templateEntryColl();
+  if (std::any_of(all.begin(), all.end(), [](const auto& e) { return !e.second->ownSet(); })) {
+    writeSet([](const OptionsTemplate& x) { return !x.ownSet(); });
   }
   ZUB_ASSERT(offset == len);
   templatePktIs(pkt);

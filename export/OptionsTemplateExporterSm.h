@@ -22,7 +22,10 @@ class OptionsTemplateExporterSm : public TemplateExporterSmBase {
 
   Zub::String taskPrefix() const override { return "optionsTemplateExporterSm"; }
   uint16_t headerSetId() const override { return Nelo::IpfixConst::optionsTemplateSetId(); }
+  // The templates with their set headers: one set for each template of its own, one for
+  // the others.
   uint32_t getTemplateLength() const override;
+  bool writesOwnSets() const override { return true; }
   uint32_t addTemplateFieldSpecifier(const Zub::Ptr<Nelo::Pkt>& pkt, uint32_t offset,
                                      const HwFlowTracking::FtTemplateEntry& entry) override;
   void handleTemplateCreationTask() override;

@@ -179,6 +179,18 @@ Zub::Ptr<Nelo::Pkt> TemplateExporterSmBase::getPkt(size_t recordBytes) {
   return Nelo::globalPktManager().newPkt(recordBytes, kHeaderBytes);
 }
 
+namespace {
+// Writes the IPFIX message header (16 bytes) at the front of `pkt`.
+void writeMessageHeader(const Zub::Ptr<Nelo::Pkt>& pkt, size_t bytes, FtId ftId) {
+  Nelo::MessageHeader msg(pkt, 0);
+  msg.versionIs(Nelo::IpfixConst::version());
+  msg.lengthIs(static_cast<uint16_t>(bytes));
+  msg.exportTimeIs(nowU32());
+  msg.sequenceNumberIs(0);
+  msg.observationDomainIdIs(ftId.value());
+}
+}  // namespace
+
 void TemplateExporterSmBase::templateReadyIs(bool ready) {
   if (ready == templateReady_) return;
   templateReady_ = ready;
@@ -193,21 +205,19 @@ void TemplateExporterSmBase::finishMessage() {
 void TemplateExporterSmBase::addIpfixHeaders_() {
   ZUB_ASSERT(templatePkt_);
   const size_t recordBytes = templatePkt_->bytes();
-  templatePkt_->prepend(kHeaderBytes);
-  Nelo::SetHeader set(templatePkt_, Nelo::IpfixConst::messageHeaderLen());
-  set.setIdIs(static_cast<uint8_t>(headerSetId()));
-  set.lengthIs(static_cast<uint16_t>(recordBytes + Nelo::IpfixConst::setHeaderLen()));
-  Nelo::MessageHeader msg(templatePkt_, 0);
-  msg.versionIs(Nelo::IpfixConst::version());
-  msg.lengthIs(static_cast<uint16_t>(recordBytes + kHeaderBytes));
-  msg.exportTimeIs(nowU32());
-  msg.sequenceNumberIs(0);
-  msg.observationDomainIdIs(ftId_.value());
+  const size_t headers = writesOwnSets() ? Nelo::IpfixConst::messageHeaderLen() : kHeaderBytes;
+  templatePkt_->prepend(headers);
+  if (!writesOwnSets()) {
+    Nelo::SetHeader set(templatePkt_, Nelo::IpfixConst::messageHeaderLen());
+    set.setIdIs(static_cast<uint8_t>(headerSetId()));
+    set.lengthIs(static_cast<uint16_t>(recordBytes + Nelo::IpfixConst::setHeaderLen()));
+  }
+  writeMessageHeader(templatePkt_, recordBytes + headers, ftId_);
   if (exportTrace().enabled(kDump)) {
     TRACE_BASE(kDump, "addIpfixHeaders_") << " Template pkt->hexdump: \n"
                                           << templatePkt_->hexdump();
   }
-  templatePktMsgLen_ = static_cast<uint16_t>(recordBytes + kHeaderBytes);
+  templatePktMsgLen_ = static_cast<uint16_t>(recordBytes + headers);
   templateReadyIs(true);
 }
 

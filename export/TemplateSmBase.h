@@ -54,6 +54,9 @@ class TemplateExporterSmBase : public Zub::Reactor {
                                              const HwFlowTracking::FtTemplateEntry& entry);
   // Builds the template packet; run by the template creation task.
   virtual void handleTemplateCreationTask();
+  // The derived class writes its records with their set headers (several sets in one
+  // message); otherwise the base puts one set header of headerSetId() in front of them.
+  virtual bool writesOwnSets() const { return false; }
 
   // Resets the state and creates the periodic and the template creation tasks.
   void handleStartup();

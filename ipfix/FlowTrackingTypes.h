@@ -139,6 +139,18 @@ std::string stringValue(StaticTemplateId id);
 std::optional<StaticTemplateId> staticTemplateIdFromString(std::string_view name);
 std::optional<StaticTemplateId> staticTemplateIdFromNumber(uint32_t n);
 
+// The compatible options templates (sent beside the standard four for collectors that
+// read nothing of those): their ids, far above any a data template gets, and their fixed
+// name length.
+struct CompatibleTemplate {
+  static constexpr uint16_t kSampling = 65280;    // observationDomainId | samplingInterval
+  static constexpr uint16_t kInterfaces = 65281;  // exportingProcessId | ingressInterface,
+                                                  // interfaceDescription
+  static constexpr uint16_t kVrfs = 65282;        // exportingProcessId | ingressVRFID, VRFname
+  static constexpr uint16_t kNameBytes = 32;
+  static constexpr bool is(uint16_t setId) { return setId >= kSampling && setId <= kVrfs; }
+};
+
 struct Constants {
   static constexpr uint16_t confNameMaxLen() { return 128; }
   static std::string intfNameDefault() { return ""; }

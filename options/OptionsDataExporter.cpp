@@ -1,5 +1,7 @@
 #include "options/OptionsDataExporter.h"
 
+#include <cstring>
+
 namespace FlowTracking {
 
 std::string stringValue(OptionsDataScope scope) {
@@ -16,6 +18,25 @@ std::optional<OptionsDataScope> optionsDataScopeFromString(std::string_view name
   if (name == "scopeGlobal") return OptionsDataScope::scopeGlobal;
   if (name == "scopeTracker") return OptionsDataScope::scopeTracker;
   return std::nullopt;
+}
+
+void FixedNameRow::write(std::string_view row, char* out) {
+  std::memset(out, 0, kBytes);
+  if (row.size() < 5) return;
+  std::memcpy(out + 4, row.data(), 4);  // the id; the exporting process stays 0
+  std::string_view name = row.substr(5);
+  if (name.size() > CompatibleTemplate::kNameBytes) {
+    size_t cut = CompatibleTemplate::kNameBytes;
+    while (cut > 0 && (static_cast<unsigned char>(name[cut]) & 0xC0) == 0x80) --cut;
+    name = name.substr(0, cut);
+  }
+  std::memcpy(out + 8, name.data(), name.size());
+}
+
+Zub::Ptr<const DataRecord> FixedNameRow::record(std::string_view row) {
+  char bytes[kBytes];
+  write(row, bytes);
+  return Zub::make<DataRecord>(std::string_view(bytes, kBytes));
 }
 
 namespace {

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "export/OptionsTemplate.h"
 #include "ipfix/DataExporter.h"
 #include "ipfix/FlowTrackingTypes.h"
 #include "platform/zub/Collection.h"
@@ -39,6 +40,10 @@ class OptionsDataSource : public Zub::Entity {
   }
   // The records, keyed by identity.
   ZUB_SET(dataRecord, Zub::Ptr<const DataRecord>)
+  // For a source that sends the rows of another (interface or VRF) table again at a fixed
+  // length (FixedNameRow): that table's source while the compatible layout is on, null
+  // otherwise. Such a source keeps no records of its own: they are made as they are sent.
+  ZUB_ATTR(Zub::Ptr<OptionsDataSource>, rowsOf)
   // Raised once a change of the records is complete; exporters react to it alone.
   ZUB_COUNTER(uint32_t, version)
 
@@ -70,17 +75,22 @@ class OptionsDataUpdate : public Zub::Entity {
   OptionsDataScope scope() const { return scope_; }
   // The latest record pushed and its data set; starts as (0xFFFF, null).
   const Update& update() const { return update_; }
+  // The latest record must reach the collectors at once, with whatever is queued before
+  // it (a new sampling rate, ahead of any record sampled at it); others are coalesced.
+  bool urgent() const { return urgent_; }
   ZUB_ATTR(uint32_t, version, 0)
   // Stores the pair (releasing the previous record) and raises the version by one: every
   // call is exactly one change an exporter hears of.
-  void addUpdate(TemplateId setId, const Zub::Ptr<const DataRecord>& record) {
+  void addUpdate(TemplateId setId, const Zub::Ptr<const DataRecord>& record, bool urgent = false) {
     update_ = {setId, record};
+    urgent_ = urgent;
     versionIs(version() + 1);
   }
 
  private:
   OptionsDataScope scope_;
   Update update_{TemplateId(TemplateId::invalidTemplateId), nullptr};
+  bool urgent_ = false;
 };
 
 // What the exporters of one tracker read: the global and the tracker's own sources and
@@ -114,16 +124,31 @@ Zub::Ptr<const DataRecord> exchangeRow(std::map<K, Zub::Ptr<const DataRecord>>& 
   return old;
 }
 
+// A row of the interface or VRF table (id, name length, name) again at a fixed length,
+// for collectors that read no variable-length field: exporting process 0, the id, and
+// the name cut to CompatibleTemplate::kNameBytes (at a character boundary) and padded
+// with NULs.
+struct FixedNameRow {
+  static constexpr size_t kBytes = 8 + CompatibleTemplate::kNameBytes;
+  static void write(std::string_view row, char* out);
+  static Zub::Ptr<const DataRecord> record(std::string_view row);
+};
+
 // One row of a source's table changed: the row's old record leaves the source; the new
-// one, if any, is pushed at once through the update and enters the source; the version
-// is raised so that the next full transmission is rebuilt. `published` is the source's
-// own row map (anything exchangeRow() takes).
+// one, if any, is pushed at once through the update (and again at a fixed length when
+// `fixed` sends the table's rows so) and enters the source; the version is raised so
+// that the next full transmission is rebuilt. `published` is the source's own row map
+// (anything exchangeRow() takes).
 template <class Rows, class K>
 void replaceRow(OptionsDataSource& source, OptionsDataUpdate& update, TemplateId setId,
-                Rows& published, const K& key, const Zub::Ptr<const DataRecord>& record) {
+                Rows& published, const K& key, const Zub::Ptr<const DataRecord>& record,
+                const OptionsDataSource* fixed = nullptr) {
   if (auto old = exchangeRow(published, key, record)) source.dataRecordDel(old);
   if (record) {
     update.addUpdate(setId, record);
+    if (fixed && fixed->rowsOf()) {
+      update.addUpdate(fixed->dataSetId(), FixedNameRow::record(record->data()));
+    }
     source.dataRecordIs(record);
   }
   source.versionInc(1);

@@ -200,6 +200,29 @@ void OptionsDataExporterSm::maybeBuildMsgCache() {
   for (const auto& [scope, scoped] : scopedDataSourceColl()) {
     for (const auto& [name, source] : scoped->dataSourceEntColl()) {
       uint32_t n = 0;
+      // Each record of `bytes` goes into the current message, or the next one.
+      auto add = [&](auto bytes) {
+        if (b.addSetRecord(source->dataSetId(), bytes) == 0) {
+          // Full: the next message. (A record too large for an empty one is fatal.)
+          if (b.hasRecords()) {
+            msgCache_.enq(b.finalizeMsg());
+            b.startMsg();
+          }
+          const uint32_t consumed = b.addSetRecord(source->dataSetId(), bytes);
+          ZUB_ASSERT_TEXT(consumed > 0, "consumed > 0");
+        }
+        ++n;
+      };
+      if (const auto& base = source->rowsOf()) {
+        // Another table's rows at a fixed length, made here: they take no memory of their
+        // own.
+        char row[FixedNameRow::kBytes];
+        for (const Zub::Ptr<const DataRecord>& record : base->dataRecordColl()) {
+          FixedNameRow::write(record->data(), row);
+          add(std::string_view(row, sizeof row));
+        }
+        continue;
+      }
       const auto& records = source->dataRecordColl();
       // Records live wherever they were allocated: fetching a few ahead keeps the walk
       // from waiting on memory for each one.
@@ -207,16 +230,7 @@ void OptionsDataExporterSm::maybeBuildMsgCache() {
       for (int i = 0; i < kPrefetchAhead && ahead != records.end(); ++i) ++ahead;
       for (const Zub::Ptr<const DataRecord>& record : records) {
         if (ahead != records.end()) __builtin_prefetch((ahead++)->get());
-        if (b.addSetRecord(source->dataSetId(), record) == 0) {
-          // Full: the next message. (A record too large for an empty one is fatal.)
-          if (b.hasRecords()) {
-            msgCache_.enq(b.finalizeMsg());
-            b.startMsg();
-          }
-          const uint32_t consumed = b.addSetRecord(source->dataSetId(), record);
-          ZUB_ASSERT_TEXT(consumed > 0, "consumed > 0");
-        }
-        ++n;
+        add(record);
       }
       TRACE_SM(kDiag, "maybeBuildMsgCache")
           << "added " << n << " records from " << name << ", setId: " << source->dataSetId();
@@ -340,6 +354,13 @@ void OptionsDataExporterSm::handleUpdateData(OptionsDataScope scope) {
     updateQueueBytes_ += static_cast<uint32_t>(record->dataLen());
     update_.try_emplace(setId, setId).first->second.recordEnq(record);
   }
+  if (upd->urgent()) {
+    // Sent now, with everything queued before it.
+    TRACE_SM(kDiag, "handleUpdateData") << "urgent, updateQueueBytes: " << updateQueueBytes_;
+    flushDeadline_ = scheduler_.now();
+    flushUpdateQueue(true);
+    return;
+  }
   const uint32_t limit = maxMsgSize_();
   const uint32_t header = MessageBuilder::calcOverhead(static_cast<uint32_t>(update_.size()));
   if (header + updateQueueBytes_ < limit) {
@@ -366,7 +387,7 @@ void OptionsDataExporterSm::scheduleFlushAtDeadline_() {
 // that the message limit triggered sends what fills messages and leaves the rest queued
 // for the deadline, so a long burst costs one message per message's worth of records,
 // plus one.
-void OptionsDataExporterSm::flushUpdateQueue() {
+void OptionsDataExporterSm::flushUpdateQueue(bool urgent) {
   if (updateQueueBytes_ == 0) return;
   const uint32_t limit = maxMsgSize_();
   const bool due = scheduler_.now() >= flushDeadline_;
@@ -401,7 +422,7 @@ void OptionsDataExporterSm::flushUpdateQueue() {
       }
       updateQueueBytes_ -= consumed;
       queue.recordDeq();
-      if (scheduler_.shouldYield()) {
+      if (!urgent && scheduler_.shouldYield()) {
         yielded = true;  // the rest stays queued for the next run
         break;
       }

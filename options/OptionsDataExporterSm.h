@@ -75,7 +75,8 @@ class OptionsDataExporterSm : public Zub::Reactor {
   void handleCollector(const Zub::String& name);
   void processCollectorQueue();
   void handleUpdateData(OptionsDataScope scope);
-  void flushUpdateQueue();
+  // Sends the queued updates; an urgent flush sends all of them now, without yielding.
+  void flushUpdateQueue(bool urgent = false);
   void abortUpdates();
   void handleSourceChange();
 

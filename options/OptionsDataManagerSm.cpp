@@ -52,10 +52,12 @@ void FtOptionsDataManagerSm::initFlowKeySm() {
 void FtOptionsDataManagerSm::initFlowTrackerTableSm() {
   ZUB_ASSERT_TEXT(!initialized_, "!initialized()");
   auto source = trackerData_("data")->sourceIs("FlowTrackerTable", FlowTrackerTableSm::setId());
+  auto sampling =
+      trackerData_("data")->sourceIs("Sampling", TemplateId(CompatibleTemplate::kSampling));
   auto update = dataContainer_->update(OptionsDataScope::scopeTracker);
   ZUB_ASSERT_TEXT(update, "update");
-  flowTrackerTableSm_ =
-      Zub::makeReactor<FlowTrackerTableSm>(source, update, hwConfig_, hwFtConfig_, scheduler_);
+  flowTrackerTableSm_ = Zub::makeReactor<FlowTrackerTableSm>(source, update, hwConfig_, hwFtConfig_,
+                                                             scheduler_, sampling);
 }
 
 void FtOptionsDataManagerSm::handleExpConfig(const Zub::Name& name) {
@@ -97,6 +99,17 @@ OptionsDataManagerSm::OptionsDataManagerSm(const Zub::Ptr<HwFlowTracking::Config
   watch(hwConfig_->hwFtConfigSignal(), [this](const Zub::Name& n) { handleTracker(n); });
   watch(hwStatus_->hwFtStatusSignal(), [this](const Zub::Name& n) { handleTracker(n); });
   watch(flowTrackingInfo_->ftInfoSignal(), [this](const Zub::Name& n) { handleTracker(n); });
+  watch(hwConfig_->compatibleOptionsSignal(), [this] { handleCompatibleOptions(); });
+}
+
+void OptionsDataManagerSm::handleCompatibleOptions() {
+  const bool on = hwConfig_->compatibleOptions();
+  GLINT(optionsTrace(), kEntry) << "OptionsDataManagerSm::handleCompatibleOptions " << on;
+  for (const auto& [fixed, table] : fixedNames_) {
+    if (bool(fixed->rowsOf()) == on) continue;
+    fixed->rowsOfIs(on ? table : nullptr);
+    fixed->versionInc(1);
+  }
 }
 
 void OptionsDataManagerSm::handleInitialized() {
@@ -104,6 +117,7 @@ void OptionsDataManagerSm::handleInitialized() {
   dataAllIs();
   initIntfTableSm();
   initVrfTableSm();
+  handleCompatibleOptions();
   initialized_ = true;
   for (const Zub::Name& name : hwConfig_->hwFtConfigColl().keys()) handleTracker(name);
 }
@@ -111,6 +125,7 @@ void OptionsDataManagerSm::handleInitialized() {
 void OptionsDataManagerSm::handleDestroyed() {
   // The root first, then every container, the per-tracker managers and the tables.
   dataAll_ = nullptr;
+  fixedNames_.clear();
   dataContainer_.clear();
   ftManagerSm_.clear();
   intfTableSm_ = nullptr;
@@ -128,8 +143,11 @@ void OptionsDataManagerSm::initIntfTableSm() {
   ZUB_ASSERT_TEXT(dataAll_->globalData(), "data");
   ZUB_ASSERT_TEXT(dataAll_->globalUpdate(), "update");
   auto source = dataAll_->globalData()->sourceIs("InterfaceTable", InterfaceTableSm::setId());
+  auto fixed = dataAll_->globalData()->sourceIs("InterfaceNames",
+                                                TemplateId(CompatibleTemplate::kInterfaces));
   intfTableSm_ =
-      Zub::makeReactor<InterfaceTableSm>(source, dataAll_->globalUpdate(), intfIndexMap_);
+      Zub::makeReactor<InterfaceTableSm>(source, dataAll_->globalUpdate(), intfIndexMap_, fixed);
+  fixedNames_.emplace_back(fixed, source);
 }
 
 void OptionsDataManagerSm::initVrfTableSm() {
@@ -137,7 +155,9 @@ void OptionsDataManagerSm::initVrfTableSm() {
   ZUB_ASSERT_TEXT(dataAll_->globalData(), "data");
   ZUB_ASSERT_TEXT(dataAll_->globalUpdate(), "update");
   auto source = dataAll_->globalData()->sourceIs("VrfTable", VrfTableSm::setId());
-  vrfTableSm_ = Zub::makeReactor<VrfTableSm>(source, dataAll_->globalUpdate(), vrfIdMap_);
+  auto fixed = dataAll_->globalData()->sourceIs("VrfNames", TemplateId(CompatibleTemplate::kVrfs));
+  vrfTableSm_ = Zub::makeReactor<VrfTableSm>(source, dataAll_->globalUpdate(), vrfIdMap_, fixed);
+  fixedNames_.emplace_back(fixed, source);
 }
 
 Zub::Ptr<OptionsDataContainer> OptionsDataManagerSm::dataContainerIs_(const Zub::Name& name) {

@@ -77,6 +77,8 @@ class OptionsDataManagerSm : public Zub::Reactor {
   void initIntfTableSm();
   void initVrfTableSm();
   void handleTracker(const Zub::Name& name);
+  // The compatible layout switched on or off: the fixed-length name rows follow.
+  void handleCompatibleOptions();
 
   const Zub::Ptr<OptionsDataAll>& dataAll() const { return dataAll_; }
   const std::map<Zub::Name, Zub::Ptr<OptionsDataContainer>>& dataContainer() const {
@@ -103,6 +105,8 @@ class OptionsDataManagerSm : public Zub::Reactor {
   std::map<Zub::Name, Zub::Ptr<OptionsDataContainer>> dataContainer_;
   Zub::Ptr<InterfaceTableSm> intfTableSm_;
   Zub::Ptr<VrfTableSm> vrfTableSm_;
+  // The fixed-length name sources, each with the table whose rows it sends.
+  std::vector<std::pair<Zub::Ptr<OptionsDataSource>, Zub::Ptr<OptionsDataSource>>> fixedNames_;
   Zub::ChildMap<Zub::String, FtOptionsDataManagerSm> ftManagerSm_{this};
   bool initialized_ = false;
 };

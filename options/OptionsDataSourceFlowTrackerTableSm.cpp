@@ -21,13 +21,16 @@ FlowTrackerTableSm::FlowTrackerTableSm(const Zub::Ptr<OptionsDataSource>& dataSo
                                        const Zub::Ptr<OptionsDataUpdate>& update,
                                        const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
                                        const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
-                                       Orrin::TaskScheduler& scheduler)
+                                       Orrin::TaskScheduler& scheduler,
+                                       const Zub::Ptr<OptionsDataSource>& sampling)
     : dataSource_(dataSource),
       update_(update),
       hwConfig_(hwConfig),
       hwFtConfig_(hwFtConfig),
       scheduler_(scheduler),
+      sampling_(sampling),
       setIdVal_(setId()) {
+  watch(hwConfig_->compatibleOptionsSignal(), [this] { handleCompatibleOptions(); });
   watch(hwConfig_->sampleRateSignal(), [this] { handleParamChange(Param::sampleRate); });
   watch(hwFtConfig_->activeIntervalSignal(), [this] { handleParamChange(Param::activeInterval); });
   watch(hwFtConfig_->inactiveTimeoutSignal(),
@@ -82,6 +85,13 @@ Zub::Ptr<const DataRecord> FlowTrackerTableSm::makeDataRecord() const {
   return w.record();
 }
 
+Zub::Ptr<const DataRecord> FlowTrackerTableSm::makeSamplingRecord() const {
+  RecordWriter w(8);
+  w.u32(ftId().value());
+  w.u32(hwConfig_->sampleRate());
+  return w.record();
+}
+
 void FlowTrackerTableSm::handleInitialized() {
   updateTask_ = new Orrin::TimerTask(scheduler_, "FlowTrackerTableSmUpdate", 2, [this] {
     if (!updateTask_->running()) {
@@ -91,27 +101,47 @@ void FlowTrackerTableSm::handleInitialized() {
     doUpdate();
   });
   initialized_ = true;
-  doUpdate();
+  publish_();
 }
 
 void FlowTrackerTableSm::handleDestroyed() {
   if (updateTask_) updateTask_->unschedule();
 }
 
+void FlowTrackerTableSm::publish_() {
+  dataSource_->dataRecordDelAll();
+  dataSource_->dataRecordIs(makeDataRecord());
+  dataSource_->versionInc(1);
+  if (!sampling_) return;
+  sampling_->dataRecordDelAll();
+  if (hwConfig_->compatibleOptions()) sampling_->dataRecordIs(makeSamplingRecord());
+  sampling_->versionInc(1);
+}
+
 void FlowTrackerTableSm::handleParamChange(Param whatChanged) {
   GLINT(optionsTrace(), kEntry) << "FlowTrackerTableSm::handleParamChange for "
                                 << hwFtConfig_->name() << " param changed " << whatChanged;
-  if (!updateTask_) return;
-  // The first change of a burst fixes when the new record goes out.
-  updateTask_->scheduleTaskLowestDelay(std::chrono::nanoseconds(Zub::nsFromSeconds(updateDelay_)));
+  if (!initialized_) return;
+  publish_();
+  if (whatChanged == Param::sampleRate) {
+    doUpdate(true);
+    return;
+  }
+  updateTask_->scheduleTaskLowestDelay(std::chrono::nanoseconds(0));
 }
 
-void FlowTrackerTableSm::doUpdate() {
-  auto r = makeDataRecord();
-  update_->addUpdate(setIdVal_, r);
-  dataSource_->dataRecordDelAll();
-  dataSource_->dataRecordIs(r);
-  dataSource_->versionInc(1);
+void FlowTrackerTableSm::handleCompatibleOptions() {
+  if (!initialized_) return;
+  publish_();
+  if (hwConfig_->compatibleOptions()) doUpdate(true);
+}
+
+void FlowTrackerTableSm::doUpdate(bool urgent) {
+  // The last push is the urgent one: it takes the other along.
+  if (sampling_ && hwConfig_->compatibleOptions()) {
+    update_->addUpdate(sampling_->dataSetId(), makeSamplingRecord());
+  }
+  update_->addUpdate(setIdVal_, makeDataRecord(), urgent);
 }
 
 }  // namespace FlowTracking

@@ -39,8 +39,13 @@ Zub::Ptr<const DataRecord> IntfRecordMap::exchange(std::string_view name,
 
 InterfaceTableSm::InterfaceTableSm(const Zub::Ptr<OptionsDataSource>& dataSource,
                                    const Zub::Ptr<OptionsDataUpdate>& update,
-                                   const Zub::Ptr<IntfIndexMap>& intfIndexMap)
-    : dataSource_(dataSource), update_(update), intfIndexMap_(intfIndexMap), setIdVal_(setId()) {
+                                   const Zub::Ptr<IntfIndexMap>& intfIndexMap,
+                                   const Zub::Ptr<OptionsDataSource>& fixed)
+    : dataSource_(dataSource),
+      update_(update),
+      intfIndexMap_(intfIndexMap),
+      fixed_(fixed),
+      setIdVal_(setId()) {
   watch(intfIndexMap_->intfIndexSignal(), [this](const Nelo::IntfId& i) { handleIntfId(i); });
 }
 
@@ -94,7 +99,7 @@ void InterfaceTableSm::handleIntfId(const Nelo::IntfId& intfId) {
     GLINT(optionsTrace(), kDiag) << "InterfaceTableSm::handleIntfId intfId: " << intfId
                                  << ", index not present. ";
   }
-  replaceRow(*dataSource_, *update_, setIdVal_, dataRecord_, intfId, r);
+  replaceRow(*dataSource_, *update_, setIdVal_, dataRecord_, intfId, r, fixed_.get());
 }
 
 }  // namespace FlowTracking

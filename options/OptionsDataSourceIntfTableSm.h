@@ -57,9 +57,12 @@ class InterfaceTableSm : public Zub::Reactor {
   static constexpr ReservedIntf kReserved[] = {
       {0x80000000u, "multicast"}, {0x40000000u, "discard"}, {0x3FFFFFFFu, "CPU"}, {0, "unknown"}};
 
+  // `fixed` (may be null) sends the table's rows again at a fixed length while it is on:
+  // each changed row is pushed in that form too.
   InterfaceTableSm(const Zub::Ptr<OptionsDataSource>& dataSource,
                    const Zub::Ptr<OptionsDataUpdate>& update,
-                   const Zub::Ptr<IntfIndexMap>& intfIndexMap);
+                   const Zub::Ptr<IntfIndexMap>& intfIndexMap,
+                   const Zub::Ptr<OptionsDataSource>& fixed = nullptr);
   static TemplateId setId();
   // One record: index (4 bytes), name length (1), name; exactly 5 + n bytes.
   static Zub::Ptr<const DataRecord> makeDataRecord(const std::string& name, uint32_t index);
@@ -77,6 +80,7 @@ class InterfaceTableSm : public Zub::Reactor {
   Zub::Ptr<OptionsDataSource> dataSource_;
   Zub::Ptr<OptionsDataUpdate> update_;
   Zub::Ptr<IntfIndexMap> intfIndexMap_;
+  Zub::Ptr<OptionsDataSource> fixed_;
   IntfRecordMap dataRecord_;
   TemplateId setIdVal_;
   bool initialized_ = false;

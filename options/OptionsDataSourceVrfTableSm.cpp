@@ -7,8 +7,13 @@ namespace FlowTracking {
 
 VrfTableSm::VrfTableSm(const Zub::Ptr<OptionsDataSource>& dataSource,
                        const Zub::Ptr<OptionsDataUpdate>& update,
-                       const Zub::Ptr<Vrf::VrfIdMap::Status>& vrfIdMap)
-    : dataSource_(dataSource), update_(update), vrfIdMap_(vrfIdMap), setIdVal_(setId()) {
+                       const Zub::Ptr<Vrf::VrfIdMap::Status>& vrfIdMap,
+                       const Zub::Ptr<OptionsDataSource>& fixed)
+    : dataSource_(dataSource),
+      update_(update),
+      vrfIdMap_(vrfIdMap),
+      fixed_(fixed),
+      setIdVal_(setId()) {
   watch(vrfIdMap_->vrfIdToNameSignal(),
         [this](const Vrf::VrfIdMap::VrfId& id) { handleVrfIndex(id); });
 }
@@ -67,7 +72,7 @@ void VrfTableSm::handleVrfIndex(Vrf::VrfIdMap::VrfId vrfId) {
     GLINT(optionsTrace(), kDiag) << "VrfTableSm::handleVrfIndex vrfIndex: " << vrfId
                                  << ", name not present. ";
   }
-  replaceRow(*dataSource_, *update_, setIdVal_, dataRecord_, vrfId, r);
+  replaceRow(*dataSource_, *update_, setIdVal_, dataRecord_, vrfId, r, fixed_.get());
 }
 
 }  // namespace FlowTracking

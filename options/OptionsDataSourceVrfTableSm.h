@@ -15,9 +15,11 @@ class VrfTableSm : public Zub::Reactor {
  public:
   static constexpr Vrf::VrfIdMap::VrfId kReservedVrfId = 0xFFFFFF;
 
+  // `fixed` (may be null) sends the table's rows again at a fixed length while it is on.
   VrfTableSm(const Zub::Ptr<OptionsDataSource>& dataSource,
              const Zub::Ptr<OptionsDataUpdate>& update,
-             const Zub::Ptr<Vrf::VrfIdMap::Status>& vrfIdMap);
+             const Zub::Ptr<Vrf::VrfIdMap::Status>& vrfIdMap,
+             const Zub::Ptr<OptionsDataSource>& fixed = nullptr);
   static TemplateId setId();
   // One record: VRF id (4 bytes), name length (1), name; exactly 5 + n bytes.
   static Zub::Ptr<const DataRecord> makeDataRecord(Vrf::VrfIdMap::VrfId vrfId,
@@ -35,6 +37,7 @@ class VrfTableSm : public Zub::Reactor {
   Zub::Ptr<OptionsDataSource> dataSource_;
   Zub::Ptr<OptionsDataUpdate> update_;
   Zub::Ptr<Vrf::VrfIdMap::Status> vrfIdMap_;
+  Zub::Ptr<OptionsDataSource> fixed_;
   std::map<Vrf::VrfIdMap::VrfId, Zub::Ptr<const DataRecord>> dataRecord_;
   TemplateId setIdVal_;
   bool initialized_ = false;

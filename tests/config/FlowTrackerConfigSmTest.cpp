@@ -286,11 +286,17 @@ TEST_F(ExporterTest, ResolverFailureKeepsThePreviousAddressAndALaterChangeRetrie
   // Failing again says nothing more.
   w.collector("T", "E", "c.example", 4742);
   EXPECT_TRUE(take().empty());
-  w.resolver->answerIs("c.example", "2001:db8::30");
+  // A name with addresses of both families is a destination in each.
+  w.resolver->answerIs("c.example", "2001:db8::30", "192.0.2.31");
   w.collector("T", "E", "c.example", 4741);
-  // The IPv6 answer fills the IPv6 map; the IPv4 entry stays until the collector goes.
   EXPECT_EQ(hw->collectorIp6AndPort("c.example").stringValue(), "[2001:db8::30]:4741");
-  EXPECT_TRUE(hw->collectorIpAndPortHas("c.example"));
+  EXPECT_EQ(hw->collectorIpAndPort("c.example").stringValue(), "192.0.2.31:4741");
+  // The name loses its IPv4 address: that destination goes.
+  w.resolver->answerIs("c.example", "2001:db8::30");
+  w.sm->names().refresh();
+  EXPECT_FALSE(hw->collectorIpAndPortHas("c.example"));
+  w.resolver->answerIs("c.example", "2001:db8::30", "192.0.2.31");
+  w.sm->names().refresh();
   w.config->flowTrackerConfig("T")->expConfig("E")->collectorHostAndPortDel("c.example");
   EXPECT_FALSE(hw->collectorIpAndPortHas("c.example"));
   EXPECT_FALSE(hw->collectorIp6AndPortHas("c.example"));

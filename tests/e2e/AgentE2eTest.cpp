@@ -157,12 +157,14 @@ TEST_F(AgentE2e, OperatorSession) {
       std::to_string(rx1.port()) + "\"";
   // Data templates, options templates, the four tables in one message, the update: the
   // interface table (Loopback0, Ethernet1 and the four reserved rows, then Ethernet2), the
-  // VRFs (the reserved row, default, red), the flow keys of 261 and 262, the tracker.
+  // VRFs (the reserved row, default, red), the flow keys of 261 and 262, the tracker; and
+  // the same interface and VRF rows and the sampling rate in the compatible layout (in the
+  // totals, not per set).
   EXPECT_NE(
       json.out.find(row1 + ", \"address\": \"127.0.0.1\", \"port\": " + std::to_string(rx1.port()) +
-                    ", \"messages\": 4, \"records\": 13, \"messagesByKind\": {\"templates\": 2, "
+                    ", \"messages\": 4, \"records\": 24, \"messagesByKind\": {\"templates\": 2, "
                     "\"flowData\": 0, \"optionsData\": 2}, \"recordsByKind\": {\"flowData\": 0, "
-                    "\"optionsData\": 13}, \"octets\": "),
+                    "\"optionsData\": 24}, \"octets\": "),
       std::string::npos)
       << json.out;
   EXPECT_NE(json.out.find("{\"setId\": 257, \"name\": \"interface table\", \"records\": 7"),
@@ -188,7 +190,7 @@ TEST_F(AgentE2e, OperatorSession) {
         "flowexport_messages_total{" + labels1 + ",kind=\"templates\"} 2",
         "flowexport_messages_total{" + labels1 + ",kind=\"flow_data\"} 0",
         "flowexport_messages_total{" + labels1 + ",kind=\"options_data\"} 2",
-        "flowexport_records_total{" + labels1 + ",kind=\"options_data\"} 13",
+        "flowexport_records_total{" + labels1 + ",kind=\"options_data\"} 24",
         "flowexport_send_errors_total{" + labels1 + "} 0",
         "flowexport_set_records_total{" + labels1 + ",set_id=\"257\"} 7",
         "flowexport_set_templates_total{" + labels1 + ",set_id=\"2\"} 2"}) {

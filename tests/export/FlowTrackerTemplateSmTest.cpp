@@ -85,12 +85,12 @@ TEST_F(TemplateTest, SendsToBothFamiliesThenPeriodicallyAndCountsEachSend) {
       Stova::Ipfix::CollectorInfo::fromIpAndPort({Nelo::IpAddr("192.0.2.1"), 4739}), "T", "E");
   auto entry = w.stats->stats(key);
   // Two passes, each with the data template message (56 bytes, two templates) and the
-  // options template message (96 bytes, four templates).
+  // options template message (158 bytes, four templates and the three compatible ones).
   EXPECT_EQ(entry.exportedMessageTotalCount, 4u);
-  EXPECT_EQ(entry.exportedOctetTotalCount, 2u * 56 + 2u * 96);
+  EXPECT_EQ(entry.exportedOctetTotalCount, 2u * 56 + 2u * 158);
   EXPECT_EQ(entry.exportedFlowRecordTotalCount, 0u);
   EXPECT_EQ(entry.setEntry(Stova::Ipfix::SetId(2)).exportedTemplateCount, 4u);
-  EXPECT_EQ(entry.setEntry(Stova::Ipfix::SetId(3)).exportedTemplateCount, 8u);
+  EXPECT_EQ(entry.setEntry(Stova::Ipfix::SetId(3)).exportedTemplateCount, 14u);
   EXPECT_EQ(entry.lastTemplateSentTime, Zub::System::now());
   EXPECT_EQ(entry.lastSentTime, Zub::System::now());
   EXPECT_EQ(w.stats->statsSize(), 3u);

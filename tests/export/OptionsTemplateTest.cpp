@@ -23,30 +23,45 @@ class OptionsTemplateTest : public ::testing::Test {
   }
 };
 
-TEST_F(OptionsTemplateTest, TheOptionsTemplateSetMatchesTheHandWrittenBytes) {
+TEST_F(OptionsTemplateTest, TheOptionsTemplateSetsMatchTheHandWrittenBytes) {
   w.collector4("T", "E", "a", "192.0.2.1", 4739);
   w.run();
   auto sent = w.recorder.take(3);
   ASSERT_EQ(sent.size(), 1u);
-  // The four templates in the configuration's (name) order; each with one scope field.
-  const std::string expected = hexBytes(
-      "000a 0060 | 6b49d200 | 00000000 | 00000007"  // version, length 96, time, seq, domain 7
-      "0003 0050"                                   // options template set, length 80
-      "0102 0002 0001 | 0091 0002 | 00ad 0008"      // 258 FlowKey: templateId, flowKeyIndicator
-      "0103 0007 0001 | 0095 0004 | 012c ffff"      // 259 FlowTrackerTable: observationDomainId,
-      "0024 0002 | 0025 0002 | 0130 0002"           //   observationDomainName, active and idle
-      "0135 0004 | 0136 0004"                     //   timeouts, selector, sampling size, population
-      "0101 0002 0001 | 000a 0004 | 0052 ffff"    // 257 IntfTable: ingressInterface, interfaceName
-      "0100 0002 0001 | 00ea 0004 | 00ec ffff");  // 256 VrfTable: ingressVRFID, VRFname
-  EXPECT_EQ(toHex(sent[0].bytes), toHex(expected));
+  // The four templates in the configuration's (name) order, each with one scope field.
+  const std::string four =
+      "0003 0050"                                // options template set, length 80
+      "0102 0002 0001 | 0091 0002 | 00ad 0008"   // 258 FlowKey: templateId, flowKeyIndicator
+      "0103 0007 0001 | 0095 0004 | 012c ffff"   // 259 FlowTrackerTable: observationDomainId,
+      "0024 0002 | 0025 0002 | 0130 0002"        //   observationDomainName, active and idle
+      "0135 0004 | 0136 0004"                    //   timeouts, selector, sampling size, population
+      "0101 0002 0001 | 000a 0004 | 0052 ffff"   // 257 IntfTable: ingressInterface, interfaceName
+      "0100 0002 0001 | 00ea 0004 | 00ec ffff";  // 256 VrfTable: ingressVRFID, VRFname
+  // Ahead of them the compatible ones, each alone in its set, fixed lengths only:
+  // 65280 observationDomainId | samplingInterval; 65281 and 65282 exportingProcessId |
+  // ingressInterface, interfaceDescription (32) and ingressVRFID, VRFname (32).
+  const std::string compatible =
+      "0003 0012 | ff00 0002 0001 | 0095 0004 | 0022 0004"
+      "0003 0016 | ff01 0003 0001 | 0090 0004 | 000a 0004 | 0053 0020"
+      "0003 0016 | ff02 0003 0001 | 0090 0004 | 00ea 0004 | 00ec 0020";
+  // Version, length 158, time, sequence, domain 7.
+  EXPECT_EQ(toHex(sent[0].bytes),
+            toHex(hexBytes("000a 009e | 6b49d200 | 00000000 | 00000007" + compatible + four)));
   auto* sm = w.templateSm->ftTemplateSm().get("T")->optTemplateExporterSm().get("E");
   ASSERT_NE(sm, nullptr);
-  EXPECT_EQ(sm->getTemplateLength(), 14u + 14 + 14 + 34);
   EXPECT_EQ(sm->templateLen().at(TemplateId(257)), 14u);
   EXPECT_EQ(sm->templateLen().at(TemplateId(259)), 34u);
-  EXPECT_EQ(sm->templatePktTemplateCount(), 4);
+  EXPECT_EQ(sm->templatePktTemplateCount(), 7);
   EXPECT_EQ(sm->templateCreationTask()->name(),
             "optionsTemplateExporterSm-TemplateCreationTask-T-E");
+  // Switched off: the four exactly as they were, sent again at once.
+  w.hwConfig->compatibleOptionsIs(false);
+  w.run();
+  sent = w.recorder.take(3);
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(toHex(sent[0].bytes),
+            toHex(hexBytes("000a 0060 | 6b49d200 | 00000000 | 00000007" + four)));
+  EXPECT_EQ(sm->getTemplateLength(), 4u + 14 + 14 + 14 + 34);
   // The exporter going takes its options template exporter with it.
   w.hwConfig->hwFtConfig("T")->expConfigDel("E");
   EXPECT_FALSE(w.templateSm->ftTemplateSm().get("T")->optTemplateExporterSm().has("E"));

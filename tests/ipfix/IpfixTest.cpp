@@ -40,6 +40,7 @@ constexpr Iana kIana[] = {
     {28, "destinationIPv6Address", 16},
     {29, "sourceIPv6PrefixLength", 1},
     {30, "destinationIPv6PrefixLength", 1},
+    {34, "samplingInterval", 4},
     {36, "flowActiveTimeout", 2},
     {37, "flowIdleTimeout", 2},
     {56, "sourceMacAddress", 6},
@@ -49,7 +50,9 @@ constexpr Iana kIana[] = {
     {62, "ipNextHopIPv6Address", 16},
     {63, "bgpNextHopIPv6Address", 16},
     {82, "interfaceName", 65535},
+    {83, "interfaceDescription", 65535},
     {136, "flowEndReason", 1},
+    {144, "exportingProcessId", 4},
     {145, "templateId", 2},
     {149, "observationDomainId", 4},
     {152, "flowStartMilliseconds", 8},
@@ -68,7 +71,7 @@ TEST(Catalogue, StandardEntriesMatchTheIanaRegistry) {
   auto init = Ipfix::ipfixInitSmFactory();
   ASSERT_TRUE(init->initialized());
   auto eic = init->elementIdCollection();
-  EXPECT_EQ(eic->elementIdCollSize(), 44u);
+  EXPECT_EQ(eic->elementIdCollSize(), 47u);
   for (const Iana& r : kIana) {
     SCOPED_TRACE(r.name);
     ElementId e = eic->elementIdColl(static_cast<RecordType>(r.id));
@@ -96,7 +99,7 @@ TEST(Catalogue, TextForms) {
     names.insert(stringValue(t));
     EXPECT_EQ(Ipfix::recordTypeFromString(stringValue(t)), t);
   }
-  EXPECT_EQ(names.size(), 61u);
+  EXPECT_EQ(names.size(), 64u);
   EXPECT_EQ(ElementId(false, RecordType::vrfName, 65535, "VRFname").stringValue(),
             "Value('Ipfix::ElementId', ** {'enterpriseIe': false, 'id': vrfName, 'len': 65535, "
             "'str': VRFname})");

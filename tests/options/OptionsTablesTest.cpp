@@ -156,32 +156,46 @@ TEST(OptionsTables, FlowKeysOfCompleteConsistentTemplatesOnly) {
   EXPECT_EQ(sm->dataRecords(), 1u);
 }
 
-TEST(OptionsTables, TheFlowTrackerRecordAndItsCoalescedUpdates) {
+// The tracker's records follow each change at once; a new rate is pushed at once and
+// urgently, other changes once per turn of the loop; the compatible sampling record comes
+// and goes with its switch.
+TEST(OptionsTables, TheFlowTrackerRecordsFollowEveryChangeAtOnce) {
   Tables t;
   auto ft = t.w.hwConfig->hwFtConfigIs("T", FtId(7));
   ft->activeIntervalIs(ActiveInterval(60500));  // whole seconds, truncated
   ft->inactiveTimeoutIs(InactiveTimeout(15000));
   t.w.hwConfig->sampleRateIs(1024);
   auto source = t.coll->sourceIs("FlowTrackerTable", FlowTrackerTableSm::setId());
-  auto sm = Zub::makeReactor<FlowTrackerTableSm>(source, t.update, t.w.hwConfig, ft, t.w.sched);
-  ASSERT_EQ(source->dataRecordSize(), 1u);
-  // domain 7, name "T", 60 s, 15 s, selector 3, size 1, population 1024: 19 + 1 bytes.
-  EXPECT_EQ(hexOf(*source->dataRecordColl().begin()),
-            toHex(hexBytes("00000007 01 54 003c 000f 0003 00000001 00000400")));
+  auto sampling = t.coll->sourceIs("Sampling", TemplateId(CompatibleTemplate::kSampling));
+  auto sm =
+      Zub::makeReactor<FlowTrackerTableSm>(source, t.update, t.w.hwConfig, ft, t.w.sched, sampling);
+  auto only = [](const Zub::Ptr<OptionsDataSource>& s) {
+    return s->dataRecordSize() == 1 ? hexOf(*s->dataRecordColl().begin()) : std::string("none");
+  };
+  // domain 7, name "T", 60 s, 15 s, selector 3, size 1, population 1024: 19 + 1 bytes;
+  // the sampling record: domain 7, interval 1024. Nothing is pushed at the start.
+  EXPECT_EQ(only(source), toHex(hexBytes("00000007 01 54 003c 000f 0003 00000001 00000400")));
+  EXPECT_EQ(only(sampling), toHex(hexBytes("00000007 00000400")));
+  EXPECT_EQ(t.updates, 0);
   EXPECT_EQ(sm->updateTask()->name(), "FlowTrackerTableSmUpdate");
-  const int before = t.updates;
-  t.w.hwConfig->sampleRateIs(2048);
-  t.w.advance(0.5);
+
+  t.w.hwConfig->sampleRateIs(2048);  // pushed at once, the last push urgent
+  EXPECT_EQ(t.updates, 2);
+  EXPECT_TRUE(t.update->urgent());
+  EXPECT_EQ(only(sampling), toHex(hexBytes("00000007 00000800")));
   ft->inactiveTimeoutIs(InactiveTimeout(30000));
-  t.w.advance(1.0);
-  ft->activeIntervalIs(ActiveInterval(120000));  // never postpones the first deadline
-  t.w.advance(0.49);
-  EXPECT_EQ(t.updates, before);
-  t.w.advance(0.01);
-  EXPECT_EQ(t.updates, before + 1);
-  EXPECT_EQ(hexOf(t.update->update().second),
-            toHex(hexBytes("00000007 01 54 0078 001e 0003 00000001 00000800")));
-  EXPECT_EQ(source->dataRecordSize(), 1u);
+  ft->activeIntervalIs(ActiveInterval(120000));
+  EXPECT_EQ(only(source), toHex(hexBytes("00000007 01 54 0078 001e 0003 00000001 00000800")));
+  EXPECT_EQ(t.updates, 2);
+  t.w.run();  // both changes in one push
+  EXPECT_EQ(t.updates, 4);
+  EXPECT_FALSE(t.update->urgent());
+  EXPECT_EQ(hexOf(t.update->update().second), only(source));
+
+  t.w.hwConfig->compatibleOptionsIs(false);
+  EXPECT_EQ(sampling->dataRecordSize(), 0u);
+  t.w.hwConfig->sampleRateIs(4096);
+  EXPECT_EQ(t.updates, 5);  // the tracker's record alone
   // A tracker without a name gives the shortest record.
   auto unnamed = t.w.hwConfig->hwFtConfigIs("", FtId(8));
   auto src2 = t.coll->sourceIs("FlowTrackerTable2", FlowTrackerTableSm::setId());
@@ -218,8 +232,10 @@ TEST(OptionsDataManager, ATrackersOptionsExportExistsExactlyWhileItsThreeInputsD
   auto container = m.manager->dataContainer().at("T");
   EXPECT_EQ(container->dataSize(), 2u);
   EXPECT_EQ(container->updateSize(), 2u);
-  EXPECT_EQ(container->data(OptionsDataScope::scopeGlobal)->sourceSize(), 2u);
-  EXPECT_EQ(container->data(OptionsDataScope::scopeTracker)->sourceSize(), 2u);
+  // The interface and VRF tables with their fixed-length rows; the flow keys, the tracker
+  // and its compatible sampling record.
+  EXPECT_EQ(container->data(OptionsDataScope::scopeGlobal)->sourceSize(), 4u);
+  EXPECT_EQ(container->data(OptionsDataScope::scopeTracker)->sourceSize(), 3u);
   EXPECT_TRUE(m.ft("T")->exporterSm().has("E"));
   auto firstSource = container->data(OptionsDataScope::scopeTracker)->source("FlowKey");
 
@@ -233,8 +249,13 @@ TEST(OptionsDataManager, ATrackersOptionsExportExistsExactlyWhileItsThreeInputsD
   EXPECT_NE(
       m.manager->dataContainer().at("T")->data(OptionsDataScope::scopeTracker)->source("FlowKey"),
       firstSource);
-  // The global sources stay with the manager.
-  EXPECT_EQ(m.manager->dataAll()->globalData()->sourceSize(), 2u);
+  // The global sources stay with the manager; the fixed-length rows follow the switch.
+  auto global = m.manager->dataAll()->globalData();
+  EXPECT_EQ(global->sourceSize(), 4u);
+  EXPECT_EQ(global->source("InterfaceNames")->rowsOf(), global->source("InterfaceTable"));
+  m.w.hwConfig->compatibleOptionsIs(false);
+  EXPECT_FALSE(global->source("InterfaceNames")->rowsOf());
+  EXPECT_FALSE(global->source("VrfNames")->rowsOf());
 }
 
 TEST(OptionsDataManager, AnExporterWithoutEndpointsHasNoOptionsDataExporter) {

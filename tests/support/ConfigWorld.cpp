@@ -10,23 +10,25 @@ FlowTracking::Resolution FakeResolver::resolve(const std::string& host) {
   released_.wait(lk, [&] { return !held_.count(host); });
   auto it = answers_.find(host);
   if (it != answers_.end()) return it->second;
-  if (auto a = Nelo::IpAddr::parse(host)) return {Nelo::IpGenAddr(*a), {}};
-  if (auto a = Nelo::Ip6Addr::parse(host)) return {Nelo::IpGenAddr(*a), {}};
-  return {std::nullopt, "Name or service not known"};
+  if (auto a = Nelo::IpAddr::parse(host)) return {Nelo::IpGenAddr(*a), {}, std::nullopt};
+  if (auto a = Nelo::Ip6Addr::parse(host)) return {Nelo::IpGenAddr(*a), {}, std::nullopt};
+  return {std::nullopt, "Name or service not known", std::nullopt};
 }
 
-void FakeResolver::answerIs(const std::string& host, const std::string& address) {
+void FakeResolver::answerIs(const std::string& host, const std::string& address,
+                            const std::string& other) {
+  auto parse = [](const std::string& a) {
+    if (auto v4 = Nelo::IpAddr::parse(a)) return Nelo::IpGenAddr(*v4);
+    return Nelo::IpGenAddr(Nelo::Ip6Addr(a));
+  };
   std::lock_guard lk(mu_);
-  if (auto a = Nelo::IpAddr::parse(address)) {
-    answers_[host] = {Nelo::IpGenAddr(*a), {}};
-  } else {
-    answers_[host] = {Nelo::IpGenAddr(Nelo::Ip6Addr(address)), {}};
-  }
+  answers_[host] = {parse(address), {}, std::nullopt};
+  if (!other.empty()) answers_[host].other = parse(other);
 }
 
 void FakeResolver::failIs(const std::string& host, const std::string& error) {
   std::lock_guard lk(mu_);
-  answers_[host] = {std::nullopt, error};
+  answers_[host] = {std::nullopt, error, std::nullopt};
 }
 
 void FakeResolver::hold(const std::string& host) {

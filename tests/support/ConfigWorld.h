@@ -22,7 +22,8 @@ namespace TestSupport {
 class FakeResolver : public FlowTracking::Resolver {
  public:
   FlowTracking::Resolution resolve(const std::string& host) override;
-  void answerIs(const std::string& host, const std::string& address);
+  // `other`: an address of the other family the name has too.
+  void answerIs(const std::string& host, const std::string& address, const std::string& other = "");
   void failIs(const std::string& host, const std::string& error = "Name or service not known");
   void hold(const std::string& host);
   void release(const std::string& host);
