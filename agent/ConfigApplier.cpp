@@ -145,7 +145,6 @@ void applyVrfIds(StatusEntities& s, const AgentConfig& cfg) {
 void applyFlowTracking(const Zub::Ptr<FlowTracking::Config>& config, const AgentConfig& cfg) {
   // Switching off first tears everything down once instead of change by change.
   if (!cfg.enabled) config->enabledIs(false);
-  config->sampleRateIs(cfg.sampleRate);
   config->compatibleOptionsIs(cfg.compatibleOptions);
   config->hwAccelEnabledIs(cfg.hardwareAcceleration);
 
@@ -179,6 +178,9 @@ void applyFlowTracking(const Zub::Ptr<FlowTracking::Config>& config, const Agent
   deleteOthers(
       config->flowTrackerConfigColl(), [&](const std::string& n) { return trackers.count(n) != 0; },
       [&](const auto& n) { config->flowTrackerConfigDel(n); });
+  // The rate after the trackers' timeouts: a new rate is announced at once, with the
+  // tracker's other values as the file has them.
+  config->sampleRateIs(cfg.sampleRate);
 
   // A rebinding is a delete and a create.
   for (const auto& intf : config->flowTrackerIntfConfigColl().keys()) {

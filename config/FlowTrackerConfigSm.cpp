@@ -189,9 +189,11 @@ void ConfigSmBase::handleConfigEnabled() {
 void ConfigSmBase::handleFtrConfig() {
   GLINT(trace(), kEntry) << "ConfigSmBase::handleFtrConfig";
   hwConfig_->compatibleOptionsIs(config_->compatibleOptions());
-  handleSampleRate();
   handleFlowTrackerConfig();
   handleFlowTrackerIntfConfig();
+  // The rate last: switched off, the trackers are gone before it returns to the default,
+  // so that no collector is told that rate for them.
+  handleSampleRate();
 }
 
 void ConfigSmBase::handleSampleRate() {

@@ -62,7 +62,11 @@ OptionsDataExporterSm::OptionsDataExporterSm(
     handleCollector4(n);
     handleCollector6(n);
   });
-  watch(hwFtConfig_->activeIntervalSignal(), [this] { maybeBeginPeriodicTransmission(); });
+  // A new period starts with a full transmission, at the end of this turn of the loop:
+  // the other values a reload changes are in place by then.
+  watch(hwFtConfig_->activeIntervalSignal(), [this] {
+    if (txPeriodicTask_) txPeriodicTask_->scheduleTaskLowestDelay(std::chrono::nanoseconds(0));
+  });
   watch(container_->dataSignal(), [this](const OptionsDataScope&) { handleSourceChange(); });
   watch(container_->updateSignal(), [this](const OptionsDataScope& s) { bindUpdate_(s); });
 }

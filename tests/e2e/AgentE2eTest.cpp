@@ -10,9 +10,11 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <set>
 #include <thread>
 
 #include "export/CollectorStats.h"
+#include "tests/support/Collectors.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/Decoders.h"
 #include "tests/support/Network.h"
@@ -364,6 +366,62 @@ TEST_F(AgentE2e, ASecondDaemonLeavesTheFirstOneAlone) {
   }
   first->signal(SIGTERM);
   EXPECT_EQ(first->wait(), 0);
+}
+
+// Every flow tracker row and every sampling record on the wire carries the configured
+// timeouts and rate: on a first start, on a restart that finds the tracker in the state
+// file (created there with the defaults before the file's values arrive), and after a
+// reload that changes them. nfdump reads the rate of the chip's records from the
+// compatible layout alone (its sampler of the observation domain).
+TEST_F(AgentE2e, EveryTrackerRowOnTheWireCarriesTheConfiguredValues) {
+  auto config = [&](int active, int idle, int rate, uint16_t nfcapd) {
+    rig.write("flow-tracking:\n  enabled: true\n  sample-rate: " + std::to_string(rate) +
+              "\n  trackers:\n    - name: edge\n      active-interval: " + std::to_string(active) +
+              "\n      inactive-timeout: " + std::to_string(idle) +
+              "\n      exporters:\n        - name: e\n          local-interface: Loopback0\n"
+              "          collectors: [" +
+              c1() + ", \"127.0.0.2:" + std::to_string(nfcapd) +
+              "\"]\nplatform:\n  interfaces:\n    Loopback0: {ipv4: 127.0.0.1/8}\n");
+  };
+  // The values of every tracker row and sampling record in `got`, as ipfixDump reads them.
+  auto rows = [](const std::vector<Datagram>& got) {
+    auto dump = TestSupport::ipfixDumpDecode(got);
+    EXPECT_EQ(dump.err, "");
+    std::set<std::string> values;
+    for (const auto& r : TestSupport::ipfixDumpRecords(dump.out, {259, 65280})) {
+      values.insert(r.count("samplingInterval")
+                        ? "interval " + r.at("samplingInterval")
+                        : r.at("flowActiveTimeout") + " " + r.at("flowIdleTimeout") + " " +
+                              r.at("samplingPopulation"));
+    }
+    return values;
+  };
+  const std::set<std::string> configured = {"60 5 4096", "interval 4096"};
+  for (int start = 0; start < 2; ++start) {
+    SCOPED_TRACE(start ? "restart with the state file" : "first start");
+    TestSupport::Nfcapd nfcapd("127.0.0.2");
+    config(60, 5, 4096, nfcapd.port());
+    auto daemon = startDaemon();
+    std::vector<Datagram> got;
+    for (auto d = rx1.receive(5000ms); d; d = rx1.receive(3500ms)) got.push_back(*d);
+    EXPECT_EQ(rows(got), configured);
+    if (start == 1) {
+      // A reload to other values: the new rate goes out at once, then the rest.
+      config(120, 30, 8192, nfcapd.port());
+      auto after = TestSupport::ofSet(got, 3);  // the options templates, for the decoder
+      for (auto d = rx1.receive(3000ms); d; d = rx1.receive(1500ms)) after.push_back(*d);
+      EXPECT_EQ(rows(after), (std::set<std::string>{"120 30 8192", "interval 8192"}))
+          << daemon->log();
+    }
+    daemon->signal(SIGTERM);
+    EXPECT_EQ(daemon->wait(), 0);
+    if (!TestSupport::collectorsMissing().empty()) continue;
+    const std::string exporters = nfcapd.exporters();
+    EXPECT_NE(
+        exporters.find("Generic Sampler: algorithm: 0, packet interval: 1, packet space: 4095"),
+        std::string::npos)
+        << exporters;
+  }
 }
 
 }  // namespace

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "datapath/RouteLookup.h"
+#include "tests/support/Collectors.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/Decoders.h"
 #include "tests/support/Namespace.h"
@@ -148,10 +149,13 @@ class RoutedDataPath : public DataPathE2e {
     }
     DataPathE2e::TearDown();
   }
-  // The daemon's file: tracker t on Ethernet1 (r1), or (`inactive` 0) no tracker at all.
-  void writeConfig(int inactive, int active, std::string collector = "") {
-    if (collector.empty()) collector = "127.0.0.1:" + std::to_string(rx.port());
-    std::string text = "flow-tracking:\n  enabled: true\n  sample-rate: 1024\n";
+  // The daemon's file: tracker t on Ethernet1 (r1), or (`inactive` 0) no tracker at all;
+  // `collectors` (YAML list items) instead of the test's receiver, `extra` lines of the
+  // flow-tracking section.
+  void writeConfig(int inactive, int active, std::string collectors = "",
+                   const std::string& extra = "") {
+    if (collectors.empty()) collectors = "\"127.0.0.1:" + std::to_string(rx.port()) + "\"";
+    std::string text = "flow-tracking:\n  enabled: true\n  sample-rate: 1024\n" + extra;
     if (inactive == 0) {
       text += "  trackers: []\n";
     } else {
@@ -159,14 +163,14 @@ class RoutedDataPath : public DataPathE2e {
               Zub::str("      inactive-timeout: ", inactive, "\n      active-interval: ", active,
                        "\n") +
               "      exporters:\n        - name: e\n          local-interface: lo\n"
-              "          template-interval: 3600\n          collectors: [\"" +
-              collector + "\"]\n";
+              "          template-interval: 3600\n          collectors: [" +
+              collectors + "]\n";
     }
     rig.write(text + "platform:\n  source: kernel\n  names: {r1: Ethernet1, r2: Ethernet2}\n");
   }
   void startDaemon(const char* rate, int inactive = 3, int active = 60,
-                   const std::string& collector = "") {
-    writeConfig(inactive, active, collector);
+                   const std::string& collectors = "", const std::string& extra = "") {
+    writeConfig(inactive, active, collectors, extra);
     daemon = rig.start({"--test-sample-rate", rate});
     ASSERT_TRUE(daemon->waitForLog("FLOWTRACKING_SAMPLING: Sampling interface Ethernet1", 5s))
         << daemon->log();
@@ -358,7 +362,7 @@ TEST_F(RoutedDataPath, ATrackerThatAReloadRemovesSendsItsOpenFlowsFirst) {
 // Records that reach no collector are counted with their reason: here the exporter's one
 // collector is a name that does not resolve, so it has no channel that could send.
 TEST_F(RoutedDataPath, RecordsThatReachNoCollectorAreCounted) {
-  startDaemon("1", 3, 60, "flowexport-test.invalid:4739");
+  startDaemon("1", 3, 60, "\"flowexport-test.invalid:4739\"");
   sendFrom(1008, 0, 3);
   sendFrom(1009, 0, 3);
   std::this_thread::sleep_for(3700ms);  // idle after 3 s
@@ -370,6 +374,53 @@ TEST_F(RoutedDataPath, RecordsThatReachNoCollectorAreCounted) {
   ASSERT_NE(at, std::string::npos) << json;
   EXPECT_GE(std::atoi(json.c_str() + at + 30), 2) << json;  // and the kernel's own ICMPv6
   EXPECT_NE(ctl("show datapath").find("dropped-no-ready-collector"), std::string::npos);
+}
+
+// The collectors operators run, as Debian has them: nfdump and pmacct's nfacctd scale the
+// counts by the rate the compatible layout announces (every packet is sampled here, the
+// configured rate is 1024), and nfdump shows the ingress interface's name (and the VRF's,
+// where the kernel has VRFs); the same run with the compatible layout switched off leaves
+// them unscaled and unnamed.
+TEST_F(RoutedDataPath, CollectorsScaleByTheRateAndShowTheNames) {
+  if (auto why = TestSupport::collectorsMissing(); !why.empty()) GTEST_SKIP() << why;
+  // Both links in the kernel VRF blue (table 10), so that the flows carry its id.
+  const bool vrf = TestSupport::runCommand("ip link add blue type vrf table 10").status == 0;
+  if (vrf) {
+    ip("link set blue up");
+    ip("link set r1 master blue");
+    ip("link set r2 master blue");
+  } else {
+    std::printf("no VRF in this kernel: the VRF name is not checked\n");
+  }
+  const std::string r1 = std::to_string(::if_nametoindex("r1"));
+  for (const bool compatible : {true, false}) {
+    SCOPED_TRACE(compatible ? "compatible layout" : "standard layout only");
+    TestSupport::Nfcapd nfcapd;
+    TestSupport::Nfacctd nfacctd;
+    startDaemon("1", 3, 60,
+                "\"127.0.0.1:" + std::to_string(nfcapd.port()) +
+                    "\", \"127.0.0.2:" + std::to_string(nfacctd.port()) + "\"",
+                compatible ? "" : "  compatible-options: false\n");
+    sendFrom(1001, 0, 10);
+    std::this_thread::sleep_for(4500ms);  // idle after 3 s, then nfacctd's printout
+    daemon->signal(SIGTERM);
+    ASSERT_EQ(daemon->wait(), 0) << daemon->log();
+    const uint64_t n = compatible ? 1024 : 1;
+    // nfdump's fields, blanks dropped: port, ingress index and name, VRF id and name,
+    // packets, bytes.
+    std::string stored = nfcapd.flows("%sp|%in|%inam|%ivrf|%ivrfnam|%pkt|%byt", "src port 1001");
+    std::erase(stored, ' ');
+    const std::string named = compatible ? "Ethernet1" : "";
+    const std::string vrfNamed = compatible && vrf ? "blue" : "";
+    EXPECT_EQ(stored, "1001|" + r1 + "|" + named + "|" + (vrf ? "10" : "0") + "|" + vrfNamed + "|" +
+                          std::to_string(10 * n) + "|" + std::to_string(1280 * n) + "\n");
+    const std::string csv = nfacctd.csv();
+    EXPECT_NE(csv.find(r1 + ",198.18.1.2,198.18.2.2,1001,5001,udp," + std::to_string(10 * n) + "," +
+                       std::to_string(1280 * n)),
+              std::string::npos)
+        << csv;
+  }
+  if (vrf) ip("link del blue");
 }
 
 // One in a hundred of 100,000 packets: the packets in the records are within five

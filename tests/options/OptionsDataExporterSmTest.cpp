@@ -226,8 +226,11 @@ TEST_P(OptionsExportTest, AFullTransmissionDiscardsQueuedUpdates) {
   addCollector("a", 1);
   w.recorder.take();
   globalUpdate->addUpdate(TemplateId(257), intfRecord(4));
-  // A new active interval starts a full transmission at once.
+  // A new active interval starts a full transmission at the end of this turn of the loop
+  // (the other values of a reload are in place by then).
   w.hwConfig->hwFtConfig("T")->activeIntervalIs(ActiveInterval(30000));
+  EXPECT_TRUE(data().empty());
+  w.run();
   EXPECT_EQ(data().size(), 1u);
   EXPECT_EQ(sm->updateQueueBytes(), 0u);
   w.advance(2);
