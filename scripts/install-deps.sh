@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config clang-format clang libclang-rt-dev
   libgtest-dev libgmock-dev libyaml-cpp-dev libsystemd-dev libmnl-dev dpkg-dev file adduser
-  tshark libfixbuf-tools
+  tshark libfixbuf-tools nfdump pmacct
 )
 
 missing=()

@@ -376,6 +376,40 @@ TEST_P(OptionsExportTest, StatisticsCountMessagesRecordsOctetsAndSets) {
 INSTANTIATE_TEST_SUITE_P(Ipv4AndIpv6, OptionsExportTest, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "Ipv6" : "Ipv4"; });
 
+// A collector name with addresses of both families is two destinations, each with its
+// own sequence numbers; a destination whose options templates the kernel refused gets no
+// options data until a later send of them is taken.
+using OneRunTest = OptionsExportTest;
+
+TEST_P(OneRunTest, BothFamiliesOfANameAndOnlyAfterTheOptionsTemplatesWereTaken) {
+  w.recorder.failSet = 3;  // the options templates are refused
+  w.collector4("T", "E", "a", "192.0.2.1", 4739);
+  w.collector6("T", "E", "a", "2001:db8::1", 4739);
+  w.run();
+  std::map<std::string, std::vector<uint16_t>> sets;  // by destination, in order
+  auto take = [&] {
+    sets.clear();
+    for (const SentPkt& p : w.recorder.take()) sets[p.dst].push_back(firstSetOf(p));
+  };
+  take();
+  EXPECT_EQ(sets, (std::map<std::string, std::vector<uint16_t>>{{"192.0.2.1:4739", {2}},
+                                                                {"[2001:db8::1]:4739", {2}}}));
+  w.advance(120);  // periods pass: still nothing but what the kernel took
+  w.recorder.failSet = 0;
+  w.hwConfig->hwFtConfig("T")->expConfig("E")->templateIntervalIs(TemplateInterval(60000));
+  w.run();
+  take();
+  const std::vector<uint16_t> then = {2, 3, 257};  // templates, then the whole table
+  EXPECT_EQ(sets, (std::map<std::string, std::vector<uint16_t>>{{"192.0.2.1:4739", then},
+                                                                {"[2001:db8::1]:4739", then}}));
+  globalUpdate->addUpdate(TemplateId(257), intfRecord(4));
+  w.advance(1);
+  for (bool v4 : {true, false})
+    EXPECT_EQ(w.collInfo("T", "E", "a")->channel(v4)->ipfixMsgSeqNo().value, 5u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Once, OneRunTest, ::testing::Values(false));
+
 using OptionsExportDeathTest = OptionsExportTest;
 
 TEST_P(OptionsExportDeathTest, ProgrammingErrorsAreFatalWithTheirTexts) {

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <set>
 
 #include "options/OptionsDataManagerSm.h"
+#include "platform/nelo/IpfixHeaders.h"
 #include "tests/support/Bytes.h"
 #include "tests/support/ExportWorld.h"
 
@@ -256,6 +258,45 @@ TEST(OptionsDataManager, ATrackersOptionsExportExistsExactlyWhileItsThreeInputsD
   m.w.hwConfig->compatibleOptionsIs(false);
   EXPECT_FALSE(global->source("InterfaceNames")->rowsOf());
   EXPECT_FALSE(global->source("VrfNames")->rowsOf());
+}
+
+// The compatible data sets byte for byte: the observation domain's sampling rate, and
+// each interface and VRF row at a fixed length under exporting process 0, a long name cut
+// at a character boundary.
+TEST(OptionsDataManager, TheCompatibleDataSetsMatchTheHandWrittenBytes) {
+  ManagedWorld m;
+  m.intfIndexMap->intfIs("Ethernet1", 3);
+  m.intfIndexMap->intfIs(std::string(31, 'x') + "\xc3\xa9", 4);  // 33 bytes: the last is cut
+  m.vrfIdMap->vrfIdToNameIs(5, "red");
+  m.w.exporter("T", 7, "E", "10.0.0.1");
+  m.w.hwConfig->sampleRateIs(1024);
+  m.w.flowGroup("T", 261, {{RecordType::srcIp, 4, false, true}});
+  m.w.collector4("T", "E", "a", "192.0.2.1", 4739);
+  m.start();
+  std::map<uint16_t, std::set<std::string>> rows;  // by set, each record in hex
+  for (const auto& p : m.w.recorder.take()) {
+    for (size_t at = 16; at + 4 <= p.bytes.size();) {
+      const auto* b = reinterpret_cast<const uint8_t*>(p.bytes.data()) + at;
+      const uint16_t id = Nelo::NetU16::read(b), len = Nelo::NetU16::read(b + 2);
+      const size_t record = id == CompatibleTemplate::kSampling ? 8 : 40;
+      for (size_t r = 4; CompatibleTemplate::is(id) && r + record <= len; r += record) {
+        rows[id].insert(toHex(p.bytes.substr(at + r, record)));
+      }
+      at += len;
+    }
+  }
+  auto name = [](const std::string& n) { return n + std::string(32 - n.size(), '\0'); };
+  EXPECT_EQ(rows[CompatibleTemplate::kSampling],
+            std::set<std::string>{toHex(hexBytes("00000007 00000400"))});
+  EXPECT_EQ(rows[CompatibleTemplate::kInterfaces].size(), 2u + 4);  // and the reserved rows
+  for (const auto& row : {hexBytes("00000000 00000003") + name("Ethernet1"),
+                          hexBytes("00000000 00000004") + name(std::string(31, 'x')),
+                          hexBytes("00000000 3fffffff") + name("CPU")}) {
+    EXPECT_EQ(rows[CompatibleTemplate::kInterfaces].count(toHex(row)), 1u) << toHex(row);
+  }
+  EXPECT_EQ(rows[CompatibleTemplate::kVrfs],
+            (std::set<std::string>{toHex(hexBytes("00000000 00000005") + name("red")),
+                                   toHex(hexBytes("00000000 00ffffff") + name(""))}));
 }
 
 TEST(OptionsDataManager, AnExporterWithoutEndpointsHasNoOptionsDataExporter) {

@@ -5,6 +5,14 @@
 namespace TestSupport {
 
 namespace {
+uint16_t setIdOf(const std::string& bytes) {
+  return bytes.size() >= 20
+             ? Nelo::NetU16::read(reinterpret_cast<const uint8_t*>(bytes.data()) + 16)
+             : 0;
+}
+}  // namespace
+
+namespace {
 
 class RecordingPam : public Nelo::UdpPam {
  public:
@@ -24,8 +32,8 @@ class RecordingPam : public Nelo::UdpPam {
   }
   bool txPkt(const Zub::Ptr<Nelo::Pkt>& pkt) override {
     if (mode_ != modeOn) return false;
-    if (rec_->failSend) {
-      lastErrnoIs(rec_->failSend);
+    if (rec_->failSend || (rec_->failSet && setIdOf(pkt->bytesString()) == rec_->failSet)) {
+      lastErrnoIs(rec_->failSend ? rec_->failSend : ENOBUFS);
       return false;
     }
     SentPkt s;
@@ -50,25 +58,17 @@ class RecordingPam : public Nelo::UdpPam {
 
 }  // namespace
 
-namespace {
-uint16_t setIdOf(const SentPkt& p) {
-  return p.bytes.size() >= 20
-             ? Nelo::NetU16::read(reinterpret_cast<const uint8_t*>(p.bytes.data()) + 16)
-             : 0;
-}
-}  // namespace
-
 std::vector<SentPkt> PamRecorder::take(uint16_t setId) {
   std::vector<SentPkt> out;
   for (SentPkt& p : take()) {
-    if (setIdOf(p) == setId) out.push_back(std::move(p));
+    if (setIdOf(p.bytes) == setId) out.push_back(std::move(p));
   }
   return out;
 }
 
 size_t PamRecorder::count(uint16_t setId) const {
   size_t n = 0;
-  for (const SentPkt& p : sent) n += setIdOf(p) == setId;
+  for (const SentPkt& p : sent) n += setIdOf(p.bytes) == setId;
   return n;
 }
 

@@ -29,6 +29,7 @@ class PamRecorder {
   std::vector<std::string> events;  // "open udpPam4-T-E", "close udpPam4-T-E"
   bool failOpen = false;            // modeIs(on) raises ErrnoException
   int failSend = 0;                 // non-zero: every send is refused with this errno
+  uint16_t failSet = 0;             // non-zero: messages of this (first) set are refused
   std::vector<SentPkt> take() {
     std::vector<SentPkt> s;
     s.swap(sent);
