@@ -127,21 +127,4 @@ TEST_F(NameResolverTest, FailuresAreTriedAgainWithBackoffAndAddressesRefreshed) 
   EXPECT_EQ(nr.names(), 0u);
 }
 
-// Without a scheduler (tools, scenario tests) every lookup answers inline.
-TEST(NameResolverInline, LooksUpAtOnceAndTellsTheOtherWatchersOfAChange) {
-  auto fake = std::make_shared<TestSupport::FakeResolver>();
-  NameResolver nr(fake);
-  fake->answerIs("n.example", "192.0.2.5");
-  std::optional<Resolution> now;
-  std::vector<std::string> first;
-  auto w1 = nr.watch(
-      "n.example", [&](const Resolution& r) { first.push_back(r.addr->stringValue()); }, now);
-  ASSERT_TRUE(now && now->addr);
-  fake->answerIs("n.example", "192.0.2.6");
-  auto w2 = nr.watch(
-      "n.example", [](const Resolution&) {}, now);
-  EXPECT_EQ(now->addr->stringValue(), "192.0.2.6");
-  EXPECT_EQ(first, (std::vector<std::string>{"192.0.2.6"}));
-}
-
 }  // namespace

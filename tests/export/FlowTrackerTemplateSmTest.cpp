@@ -207,31 +207,6 @@ TEST_F(TemplateTest, TemplatesThatDoNotFitTheMessageSizeAreNotSent) {
   EXPECT_EQ(sent[0].bytes.size(), 56u + 484);
 }
 
-TEST(TemplateExporter, CollectorWithoutCollectorInfoWaitsForIt) {
-  // An exporter driven by hand, without the endpoint reactor, to control when the
-  // collector information arrives.
-  ExportWorld w;
-  auto hw = w.exporter("T", 7, "E", "10.0.0.1");
-  w.flowGroup("T", 261, kIpv4Fields);
-  Zub::Ptr<FlowTracking::ExporterInfo> info(new FlowTracking::ExporterInfo("E"));
-  auto sm = Zub::makeReactor<FlowTracking::FtExporterSm>("T", "E", FlowTracking::FtId(7), hw, info,
-                                                         w.stats.get(), w.sched,
-                                                         w.hwStatus->hwFtStatus("T"));
-  w.run();
-  EXPECT_TRUE(sm->templateReady());
-  hw->collectorIpAndPortIs("late", Nelo::IpAndPort{Nelo::IpAddr("192.0.2.3"), 4739});
-  info->udpPam4Is(w.recorder.factory()("udpPam4-manual"));
-  info->udpPam4()->modeIs(1);
-  EXPECT_EQ(w.recorder.count(2), 0u);
-  EXPECT_FALSE(sm->sending4());
-  ExportWorld::collInfoIs(*info, hw, "late");
-  auto sent = w.recorder.take(2);
-  ASSERT_EQ(sent.size(), 1u);
-  EXPECT_EQ(sent[0].dst, "192.0.2.3:4739");
-  EXPECT_TRUE(sm->sending4());
-  EXPECT_EQ(sm->exportTimeU32().at("late"), static_cast<uint32_t>(Zub::System::now()));
-}
-
 TEST(TemplateSmBaseDeathTest, DerivedClassesMustOverride) {
   ExportWorld w;
   auto hw = w.exporter("T", 1, "E", "10.0.0.1");

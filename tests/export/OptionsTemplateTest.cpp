@@ -67,47 +67,6 @@ TEST_F(OptionsTemplateTest, TheOptionsTemplateSetsMatchTheHandWrittenBytes) {
   EXPECT_FALSE(w.templateSm->ftTemplateSm().get("T")->optTemplateExporterSm().has("E"));
 }
 
-TEST_F(OptionsTemplateTest, OptTemplateSentIsSetPerCollectorOnlyAfterASendToIt) {
-  auto hw = w.hwConfig->hwFtConfig("T")->expConfig("E");
-  hw->srcIp6AddrIs(Nelo::Ip6Addr());  // the IPv6 collector cannot be sent to
-  w.collector4("T", "E", "a", "192.0.2.1", 4739);
-  w.collector6("T", "E", "b", "2001:db8::9", 4739);
-  w.run();
-  EXPECT_TRUE(w.collInfo("T", "E", "a")->channel4()->optTemplateSent());
-  EXPECT_FALSE(w.collInfo("T", "E", "b")->channel6()->optTemplateSent());
-  EXPECT_EQ(w.recorder.take(3).size(), 1u);
-  hw->srcIp6AddrIs(Nelo::Ip6Addr("2001:db8::1"));
-  EXPECT_TRUE(w.collInfo("T", "E", "b")->channel6()->optTemplateSent());
-  auto sent = w.recorder.take(3);
-  ASSERT_EQ(sent.size(), 1u);
-  EXPECT_EQ(sent[0].dst, "[2001:db8::9]:4739");
-}
-
-TEST(OptionsTemplateExporter, AnEmptyConfigurationSendsNothingUntilTemplatesAppear) {
-  ExportWorld w;
-  auto hw = w.exporter("T", 7, "E", "10.0.0.1");
-  Zub::Ptr<ExporterInfo> info(new ExporterInfo("E"));
-  Zub::Ptr<OptionsTemplateConfig> config(new OptionsTemplateConfig());
-  auto sm = Zub::makeReactor<OptionsTemplateExporterSm>("T", "E", FtId(7), hw, info, nullptr,
-                                                        w.sched, config);
-  info->udpPam4Is(w.recorder.factory()("udpPam4-manual"));
-  info->udpPam4()->modeIs(1);
-  w.collector4("T", "E", "a", "192.0.2.1", 4739);
-  ExportWorld::collInfoIs(*info, hw, "a");
-  w.run();
-  EXPECT_FALSE(sm->templateReady());
-  EXPECT_FALSE(sm->templatePkt());
-  EXPECT_TRUE(w.recorder.sent.empty());
-  EXPECT_FALSE(info->collInfo("a")->channel4()->optTemplateSent());
-  Zub::Ptr<Ipfix::ElementIdColl> eic(new Ipfix::ElementIdColl());
-  eic->doInitialize();
-  initOptTemplateConfig(*eic, *config);  // one version change
-  EXPECT_EQ(config->version(), 1u);
-  w.run();
-  EXPECT_EQ(w.recorder.take(3).size(), 1u);
-  EXPECT_TRUE(info->collInfo("a")->channel4()->optTemplateSent());
-}
-
 TEST(OptionsTemplateDeathTest, MalformedTemplatesAndMissingElementsAreFatal) {
   Zub::Ptr<OptionsTemplate> t(new OptionsTemplate("X", TemplateId(300)));
   EXPECT_DEATH(getTemplateEntryLength(*t), "templateEntry->scopeFields\\(\\) > 0");

@@ -8,7 +8,6 @@
 
 namespace {
 
-using FlowTracking::Message;
 using FlowTracking::MessageBuilder;
 using TestSupport::hexBytes;
 using TestSupport::toHex;
@@ -97,43 +96,6 @@ TEST(MessageBuilder, PktStampsTimeAndSequenceNumberAnew) {
   const auto& p = msg->pkt(8);
   EXPECT_EQ(toHex(pktBytes(p).substr(4, 8)), toHex(hexBytes("6553f17d 00000008")));
   EXPECT_EQ(msg->msgHdr().exportTime(), 1'700'000'125u);
-}
-
-TEST(MessageBuilder, AFinishedMessageIsFilledAnewOnlyWhenNobodyElseHoldsIt) {
-  auto b = FlowTracking::messageBuilderFactory(100, 1);
-  b->startMsg();
-  b->addSetRecordStr(256, kRecord1);
-  auto first = b->finalizeMsg();
-  const std::string firstBytes = pktBytes(first->pkt());
-
-  // Someone still holds the packet (a send in flight, a test): a new buffer is used.
-  Zub::Ptr<Nelo::Pkt> held = first->pkt();
-  b->startMsg(first);
-  EXPECT_NE(b->pkt().get(), held.get());
-  b->addSetRecordStr(256, kRecord2);
-  b->finalizeMsg();
-  EXPECT_EQ(toHex(pktBytes(held)), toHex(firstBytes));
-  held = nullptr;
-
-  // Held by the caller alone: the same message and buffer, trimmed length undone, and
-  // the result is byte for byte what a fresh buffer gives.
-  Message* const raw = first.get();
-  b->startMsg(std::move(first));
-  EXPECT_EQ(b->message().get(), raw);
-  EXPECT_EQ(b->pktBufSize(), 100u);
-  b->addSetRecordStr(256, kRecord2);
-  b->addSetRecordStr(256, kRecord1);
-  auto reused = b->finalizeMsg();
-  b->startMsg();
-  b->addSetRecordStr(256, kRecord2);
-  b->addSetRecordStr(256, kRecord1);
-  EXPECT_EQ(toHex(pktBytes(reused->pkt())), toHex(pktBytes(b->finalizeMsg()->pkt())));
-  EXPECT_EQ(reused->recordCount(), 2u);
-
-  // A buffer smaller than the builder's limit is not reused.
-  auto larger = FlowTracking::messageBuilderFactory(200, 1);
-  larger->startMsg(reused);
-  EXPECT_NE(larger->message().get(), reused.get());
 }
 
 TEST(DataRecord, KeepsShortRecordsInlineAndGrowsLongOnesOnTheHeap) {

@@ -198,11 +198,6 @@ TEST(OptionsTables, TheFlowTrackerRecordsFollowEveryChangeAtOnce) {
   EXPECT_EQ(sampling->dataRecordSize(), 0u);
   t.w.hwConfig->sampleRateIs(4096);
   EXPECT_EQ(t.updates, 5);  // the tracker's record alone
-  // A tracker without a name gives the shortest record.
-  auto unnamed = t.w.hwConfig->hwFtConfigIs("", FtId(8));
-  auto src2 = t.coll->sourceIs("FlowTrackerTable2", FlowTrackerTableSm::setId());
-  Zub::makeReactor<FlowTrackerTableSm>(src2, t.update, t.w.hwConfig, unnamed, t.w.sched);
-  EXPECT_EQ((*src2->dataRecordColl().begin())->dataLen(), 19u);
 }
 
 // ---- the manager ----------------------------------------------------------------------

@@ -165,13 +165,4 @@ Zub::Ptr<FlowTracking::CollectorInfo> ExportWorld::collInfo(const std::string& t
   return ex ? ex->collInfo(collector) : nullptr;
 }
 
-void ExportWorld::collInfoIs(FlowTracking::ExporterInfo& info,
-                             const Zub::Ptr<HwFlowTracking::ExporterConfig>& hw,
-                             const std::string& collector) {
-  auto c = Zub::make<FlowTracking::CollectorInfo>(collector, hw, nullptr, "T", "E");
-  c->channel4()->pamIs(info.udpPam4());
-  c->channel6()->pamIs(info.udpPam6());
-  info.collInfoColl().insert(collector, c);
-}
-
 }  // namespace TestSupport

@@ -97,11 +97,6 @@ struct ExportWorld {
   Zub::Ptr<FlowTracking::CollectorInfo> collInfo(const std::string& tracker,
                                                  const std::string& exporter,
                                                  const std::string& collector) const;
-  // A collector's entry made by hand, for an exporter driven without the endpoint
-  // reactor: its channels send through the exporter's endpoints as they are now.
-  static void collInfoIs(FlowTracking::ExporterInfo& info,
-                         const Zub::Ptr<HwFlowTracking::ExporterConfig>& hw,
-                         const std::string& collector);
 };
 
 }  // namespace TestSupport

@@ -7,7 +7,6 @@
 
 #include "platform/zub/Assert.h"
 #include "platform/zub/Bounded.h"
-#include "platform/zub/Clock.h"
 #include "platform/zub/Glint.h"
 
 namespace {
@@ -78,20 +77,6 @@ TEST(Bounded, RangeErrorsCarryTheTypesMessageAndWidthIsChecked) {
   }
   EXPECT_THROW(Small("1x"), Zub::RangeException);
   EXPECT_THROW(Small(""), Zub::RangeException);
-}
-
-TEST(Clock, ScopedClocksNestAndPutBackTheClockTheyReplaced) {
-  Zub::ManualClock outer(1'000'000'000'000'000'000LL), inner(2'000'000'000'000'000'000LL);
-  Zub::Clock* system = &Zub::System::clock();
-  {
-    Zub::ScopedClock a(outer);
-    {
-      Zub::ScopedClock b(inner);
-      EXPECT_EQ(Zub::System::now(), 2'000'000'000);
-    }
-    EXPECT_EQ(Zub::System::now(), 1'000'000'000);  // the outer world's clock, not the system's
-  }
-  EXPECT_EQ(&Zub::System::clock(), system);
 }
 
 }  // namespace

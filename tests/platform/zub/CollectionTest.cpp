@@ -160,18 +160,6 @@ TEST(Collection, AReplacedMemberLetsGoOfItsFormerParent) {
   EXPECT_EQ(old->fullName(), "s");
 }
 
-TEST(Collection, PointerInterfaceClashText) {
-  try {
-    Zub::checkPtrCtorParam("_setId", 257, 258);
-    FAIL() << "expected a clash";
-  } catch (const Zub::NameInUseException& e) {
-    EXPECT_STREQ(e.what(),
-                 "Reinstantiating the pointer interface where constructor parameter attribute "
-                 "_setId has a different value of 258 than the current value of 257 not allowed");
-  }
-  EXPECT_NO_THROW(Zub::checkPtrCtorParam("_setId", 257, 257));
-}
-
 TEST(Set, ElementsByIdentityNotifyingInsertAndRemoveOnce) {
   Zub::Ptr<Source> s(new Source("s"));
   std::vector<std::string> seen;
