@@ -99,9 +99,8 @@ void FlowExportAgent::start() {
       FlowTracking::flowTrackingInfoSmFactory(hwConfig_, info_, scheduler(), stats_.get());
   templateSm_ = FlowTracking::templateSmFactory(config_, configReq_, hwConfig_, hwStatus_, info_,
                                                 stats_.get(), scheduler());
-  optionsDataManagerSm_ =
-      FlowTracking::optionsDataManagerSmFactory(hwConfig_, hwStatus_, info_, status_.intfIndexMap,
-                                                status_.vrfIdMap, stats_.get(), scheduler());
+  optionsDataManagerSm_ = FlowTracking::optionsDataManagerSmFactory(
+      hwConfig_, hwStatus_, info_, status_.intfIndexMap, status_.vrfIdMap, scheduler());
   configSm_ =
       flowExportConfigSmFactory(config_, agentDir_, hwConfig_, status_.ethPhy, status_.ethLag,
                                 status_.ip, status_.ip6, status_.vrfs, status_.allIntf);

@@ -117,7 +117,7 @@ struct Rig {
     for (uint32_t i = 1; i <= rows; ++i) intfMap->intfIs(rowName(i), i);
     infoSm = flowTrackingInfoSmFactory(hw, info, sched, stats.get());
     templateSm = templateSmFactory(config, req, hw, status, info, stats.get(), sched);
-    manager = optionsDataManagerSmFactory(hw, status, info, intfMap, vrfMap, stats.get(), sched);
+    manager = optionsDataManagerSmFactory(hw, status, info, intfMap, vrfMap, sched);
     sched.runReady();  // templates, options templates, then each collector's own table
   }
   ~Rig() {

@@ -35,15 +35,14 @@ OptionsDataExporterSm::OptionsDataExporterSm(
     const Zub::Name& expName, const Zub::Name& ftName, FtId ftId,
     const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
     const Zub::Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig,
-    const Zub::Ptr<ExporterInfo>& expInfo, Stova::Ipfix::CollectorStatistics* collStats,
-    const Zub::Ptr<OptionsDataContainer>& container, Orrin::TaskScheduler& scheduler)
+    const Zub::Ptr<ExporterInfo>& expInfo, const Zub::Ptr<OptionsDataContainer>& container,
+    Orrin::TaskScheduler& scheduler)
     : expName_(expName),
       ftName_(ftName),
       ftId_(ftId),
       hwFtConfig_(hwFtConfig),
       hwExpConfig_(hwExpConfig),
       expInfo_(expInfo),
-      collStats_(collStats),
       container_(container),
       scheduler_(scheduler),
       traceId_(ftName + "-" + expName) {
@@ -202,7 +201,9 @@ void OptionsDataExporterSm::maybeBuildMsgCache() {
   b.recycleFrom(&old);
   b.startMsg();
   for (const auto& [scope, scoped] : scopedDataSourceColl()) {
-    for (const auto& [name, source] : scoped->dataSourceEntColl()) {
+    for (const auto& [name, entry] : scoped->dataSourceEntColl()) {
+      // Named: clang before 16 cannot capture a structured binding in a lambda.
+      const Zub::Ptr<OptionsDataSource>& source = entry;
       uint32_t n = 0;
       // Each record of `bytes` goes into the current message, or the next one.
       auto add = [&](auto bytes) {

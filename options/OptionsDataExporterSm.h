@@ -52,7 +52,6 @@ class OptionsDataExporterSm : public Zub::Reactor {
                         const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
                         const Zub::Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig,
                         const Zub::Ptr<ExporterInfo>& expInfo,
-                        Stova::Ipfix::CollectorStatistics* collStats,
                         const Zub::Ptr<OptionsDataContainer>& container,
                         Orrin::TaskScheduler& scheduler);
   void handleInitialized() override;
@@ -128,7 +127,6 @@ class OptionsDataExporterSm : public Zub::Reactor {
   Zub::Ptr<HwFlowTracking::FtConfig> hwFtConfig_;
   Zub::Ptr<HwFlowTracking::ExporterConfig> hwExpConfig_;
   Zub::Ptr<ExporterInfo> expInfo_;
-  Stova::Ipfix::CollectorStatistics* collStats_;
   Zub::Ptr<OptionsDataContainer> container_;
   Orrin::TaskScheduler& scheduler_;
   Zub::String traceId_;

@@ -11,7 +11,6 @@ FtOptionsDataManagerSm::FtOptionsDataManagerSm(const Zub::String& ftName, FtId f
                                                const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
                                                const Zub::Ptr<HwFlowTracking::FtStatus>& hwFtStatus,
                                                const Zub::Ptr<FlowTrackerInfo>& ftInfo,
-                                               Stova::Ipfix::CollectorStatistics* collStats,
                                                const Zub::Ptr<OptionsDataContainer>& dataContainer,
                                                Orrin::TaskScheduler& scheduler)
     : ftName_(ftName),
@@ -20,7 +19,6 @@ FtOptionsDataManagerSm::FtOptionsDataManagerSm(const Zub::String& ftName, FtId f
       hwFtConfig_(hwFtConfig),
       hwFtStatus_(hwFtStatus),
       ftInfo_(ftInfo),
-      collStats_(collStats),
       dataContainer_(dataContainer),
       scheduler_(scheduler) {
   watch(hwFtConfig_->expConfigSignal(), [this](const Zub::Name& n) { handleExpConfig(n); });
@@ -69,9 +67,8 @@ void FtOptionsDataManagerSm::handleExpConfig(const Zub::Name& name) {
                                 << ", expInfo: " << bool(expInfo);
   const bool had = exporterSm_.has(name);
   exporterSm_.reconcile(name, hwExpConfig && expInfo, [&] {
-    auto sm =
-        Zub::makeReactor<OptionsDataExporterSm>(name, ftName_, ftId_, hwFtConfig_, hwExpConfig,
-                                                expInfo, collStats_, dataContainer_, scheduler_);
+    auto sm = Zub::makeReactor<OptionsDataExporterSm>(
+        name, ftName_, ftId_, hwFtConfig_, hwExpConfig, expInfo, dataContainer_, scheduler_);
     GLINT(optionsTrace(), kLife) << "Created OptionsDataExporterSm for " << name;
     return sm;
   });
@@ -87,14 +84,12 @@ OptionsDataManagerSm::OptionsDataManagerSm(const Zub::Ptr<HwFlowTracking::Config
                                            const Zub::Ptr<FlowTrackingInfo>& flowTrackingInfo,
                                            const Zub::Ptr<IntfIndexMap>& intfIndexMap,
                                            const Zub::Ptr<Vrf::VrfIdMap::Status>& vrfIdMap,
-                                           Stova::Ipfix::CollectorStatistics* collStats,
                                            Orrin::TaskScheduler& scheduler)
     : hwConfig_(hwConfig),
       hwStatus_(hwStatus),
       flowTrackingInfo_(flowTrackingInfo),
       intfIndexMap_(intfIndexMap),
       vrfIdMap_(vrfIdMap),
-      collStats_(collStats),
       scheduler_(scheduler) {
   watch(hwConfig_->hwFtConfigSignal(), [this](const Zub::Name& n) { handleTracker(n); });
   watch(hwStatus_->hwFtStatusSignal(), [this](const Zub::Name& n) { handleTracker(n); });
@@ -198,9 +193,8 @@ void OptionsDataManagerSm::handleTracker(const Zub::Name& name) {
       return;
     }
     ftManagerSm_.reconcile(name, true, [&] {
-      auto sm =
-          ftOptionsDataManagerSmFactory(name, hwFtConfig->ftId(), hwConfig_, hwFtConfig, hwFtStatus,
-                                        ftInfo, collStats_, container, scheduler_);
+      auto sm = ftOptionsDataManagerSmFactory(name, hwFtConfig->ftId(), hwConfig_, hwFtConfig,
+                                              hwFtStatus, ftInfo, container, scheduler_);
       GLINT(optionsTrace(), kLife) << "Created FtOptionsDataManagerSm for " << name;
       return sm;
     });
@@ -219,20 +213,18 @@ Zub::Ptr<OptionsDataManagerSm> optionsDataManagerSmFactory(
     const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
     const Zub::Ptr<HwFlowTracking::Status>& hwStatus,
     const Zub::Ptr<FlowTrackingInfo>& flowTrackingInfo, const Zub::Ptr<IntfIndexMap>& intfIndexMap,
-    const Zub::Ptr<Vrf::VrfIdMap::Status>& vrfIdMap, Stova::Ipfix::CollectorStatistics* collStats,
-    Orrin::TaskScheduler& scheduler) {
+    const Zub::Ptr<Vrf::VrfIdMap::Status>& vrfIdMap, Orrin::TaskScheduler& scheduler) {
   return Zub::makeReactor<OptionsDataManagerSm>(hwConfig, hwStatus, flowTrackingInfo, intfIndexMap,
-                                                vrfIdMap, collStats, scheduler);
+                                                vrfIdMap, scheduler);
 }
 
 Zub::Ptr<FtOptionsDataManagerSm> ftOptionsDataManagerSmFactory(
     const Zub::String& ftName, FtId ftId, const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
     const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
     const Zub::Ptr<HwFlowTracking::FtStatus>& hwFtStatus, const Zub::Ptr<FlowTrackerInfo>& ftInfo,
-    Stova::Ipfix::CollectorStatistics* collStats,
     const Zub::Ptr<OptionsDataContainer>& dataContainer, Orrin::TaskScheduler& scheduler) {
   return Zub::makeReactor<FtOptionsDataManagerSm>(ftName, ftId, hwConfig, hwFtConfig, hwFtStatus,
-                                                  ftInfo, collStats, dataContainer, scheduler);
+                                                  ftInfo, dataContainer, scheduler);
 }
 
 }  // namespace FlowTracking

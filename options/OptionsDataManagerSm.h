@@ -28,7 +28,6 @@ class FtOptionsDataManagerSm : public Zub::Reactor {
                          const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
                          const Zub::Ptr<HwFlowTracking::FtStatus>& hwFtStatus,
                          const Zub::Ptr<FlowTrackerInfo>& ftInfo,
-                         Stova::Ipfix::CollectorStatistics* collStats,
                          const Zub::Ptr<OptionsDataContainer>& dataContainer,
                          Orrin::TaskScheduler& scheduler);
   void handleInitialized() override;
@@ -52,7 +51,6 @@ class FtOptionsDataManagerSm : public Zub::Reactor {
   Zub::Ptr<HwFlowTracking::FtConfig> hwFtConfig_;
   Zub::Ptr<HwFlowTracking::FtStatus> hwFtStatus_;
   Zub::Ptr<FlowTrackerInfo> ftInfo_;
-  Stova::Ipfix::CollectorStatistics* collStats_;
   Zub::Ptr<OptionsDataContainer> dataContainer_;
   Orrin::TaskScheduler& scheduler_;
   // Declared before the exporters: the exporters go first at teardown.
@@ -69,7 +67,6 @@ class OptionsDataManagerSm : public Zub::Reactor {
                        const Zub::Ptr<FlowTrackingInfo>& flowTrackingInfo,
                        const Zub::Ptr<IntfIndexMap>& intfIndexMap,
                        const Zub::Ptr<Vrf::VrfIdMap::Status>& vrfIdMap,
-                       Stova::Ipfix::CollectorStatistics* collStats,
                        Orrin::TaskScheduler& scheduler);
   void handleInitialized() override;
   void handleDestroyed() override;
@@ -99,7 +96,6 @@ class OptionsDataManagerSm : public Zub::Reactor {
   Zub::Ptr<FlowTrackingInfo> flowTrackingInfo_;
   Zub::Ptr<IntfIndexMap> intfIndexMap_;
   Zub::Ptr<Vrf::VrfIdMap::Status> vrfIdMap_;
-  Stova::Ipfix::CollectorStatistics* collStats_;
   Orrin::TaskScheduler& scheduler_;
   Zub::Ptr<OptionsDataAll> dataAll_;
   std::map<Zub::Name, Zub::Ptr<OptionsDataContainer>> dataContainer_;
@@ -115,14 +111,12 @@ Zub::Ptr<OptionsDataManagerSm> optionsDataManagerSmFactory(
     const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
     const Zub::Ptr<HwFlowTracking::Status>& hwStatus,
     const Zub::Ptr<FlowTrackingInfo>& flowTrackingInfo, const Zub::Ptr<IntfIndexMap>& intfIndexMap,
-    const Zub::Ptr<Vrf::VrfIdMap::Status>& vrfIdMap, Stova::Ipfix::CollectorStatistics* collStats,
-    Orrin::TaskScheduler& scheduler);
+    const Zub::Ptr<Vrf::VrfIdMap::Status>& vrfIdMap, Orrin::TaskScheduler& scheduler);
 
 Zub::Ptr<FtOptionsDataManagerSm> ftOptionsDataManagerSmFactory(
     const Zub::String& ftName, FtId ftId, const Zub::Ptr<HwFlowTracking::Config>& hwConfig,
     const Zub::Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
     const Zub::Ptr<HwFlowTracking::FtStatus>& hwFtStatus, const Zub::Ptr<FlowTrackerInfo>& ftInfo,
-    Stova::Ipfix::CollectorStatistics* collStats,
     const Zub::Ptr<OptionsDataContainer>& dataContainer, Orrin::TaskScheduler& scheduler);
 
 }  // namespace FlowTracking

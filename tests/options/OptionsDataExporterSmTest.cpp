@@ -95,8 +95,8 @@ class OptionsExportTest : public ::testing::TestWithParam<bool> {
     ftTable->versionInc(1);
     w.start();
     sm = Zub::makeReactor<OptionsDataExporterSm>("E", "T", FtId(7), w.hwConfig->hwFtConfig("T"), hw,
-                                                 w.info->ftInfo("T")->expInfo("E"), w.stats.get(),
-                                                 container, w.sched);
+                                                 w.info->ftInfo("T")->expInfo("E"), container,
+                                                 w.sched);
   }
 
   // A collector of the family under test; it gets the templates, then the full table.
@@ -424,7 +424,7 @@ TEST_P(OptionsExportDeathTest, ProgrammingErrorsAreFatalWithTheirTexts) {
   // Work before initialisation.
   Zub::Ptr<OptionsDataExporterSm> raw(
       new OptionsDataExporterSm("E", "T", FtId(7), w.hwConfig->hwFtConfig("T"), hw,
-                                w.info->ftInfo("T")->expInfo("E"), nullptr, container, w.sched));
+                                w.info->ftInfo("T")->expInfo("E"), container, w.sched));
   EXPECT_DEATH(raw->handleUpdateData(OptionsDataScope::scopeGlobal), "initialized\\(\\)");
   EXPECT_DEATH(raw->maybeBuildMsgCache(), "initialized\\(\\)");
 }

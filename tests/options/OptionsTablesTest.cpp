@@ -210,7 +210,7 @@ struct ManagedWorld {
   void start() {
     w.start();
     manager = optionsDataManagerSmFactory(w.hwConfig, w.hwStatus, w.info, intfIndexMap, vrfIdMap,
-                                          w.stats.get(), w.sched);
+                                          w.sched);
   }
   FtOptionsDataManagerSm* ft(const std::string& name) const {
     return manager->ftManagerSm().get(name);

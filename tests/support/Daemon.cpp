@@ -22,6 +22,8 @@ Daemon::Daemon(std::string program, std::vector<std::string> args, std::string l
   pid_ = ::fork();
   if (pid_ < 0) throw std::runtime_error("fork");
   if (pid_ == 0) {
+    // Its own process group, so that helpers it forks go with it.
+    ::setpgid(0, 0);
     int fd = ::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (fd >= 0) {
       ::dup2(fd, STDOUT_FILENO);
@@ -34,13 +36,14 @@ Daemon::Daemon(std::string program, std::vector<std::string> args, std::string l
     ::execv(program.c_str(), argv.data());
     ::_exit(127);
   }
+  ::setpgid(pid_, pid_);  // either side may run first
+  group_ = pid_;
 }
 
 Daemon::~Daemon() {
-  if (pid_ > 0) {
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-  }
+  // The whole group: a collector's plugin processes outlive a killed parent otherwise.
+  if (group_ > 0) ::kill(-group_, SIGKILL);
+  if (pid_ > 0) ::waitpid(pid_, nullptr, 0);
 }
 
 void Daemon::signal(int sig) const {

@@ -32,6 +32,7 @@ class Daemon {
 
  private:
   pid_t pid_ = -1;
+  pid_t group_ = -1;
   std::string logPath_;
 };
 
