@@ -119,6 +119,15 @@ void addCompatibleTemplates(const Ipfix::ElementIdColl& eic, OptionsTemplateConf
   fixed(*vrfs, RecordType::vrfName, CompatibleTemplate::kNameBytes);
 }
 
+// pmacct (up to 1.7.9 at least) misreads every options template after the first of a set
+// and drops the rest of the message. In the compatible layout every template goes alone in
+// its set, at four bytes a template.
+void ownSetsIs(OptionsTemplateConfig& config, bool on) {
+  for (const auto& [name, t] : config.templateEntryColl()) {
+    if (!name.starts_with("Compat")) t->ownSetIs(on);
+  }
+}
+
 }  // namespace
 
 void initOptTemplateConfig(const Ipfix::ElementIdColl& eic, OptionsTemplateConfig& config,
@@ -128,6 +137,7 @@ void initOptTemplateConfig(const Ipfix::ElementIdColl& eic, OptionsTemplateConfi
   addOptTemplateFlowKey(eic, config);
   addOptTemplateFlowTrackerTable(eic, config);
   if (compatible) addCompatibleTemplates(eic, config);
+  ownSetsIs(config, compatible);
   config.versionInc(1);
 }
 
@@ -141,6 +151,7 @@ void compatibleOptTemplatesIs(const Ipfix::ElementIdColl& eic, OptionsTemplateCo
       config.templateEntryDel(name);
     }
   }
+  ownSetsIs(config, on);
   config.versionInc(1);
 }
 

@@ -85,9 +85,10 @@ TEST_F(TemplateTest, SendsToBothFamiliesThenPeriodicallyAndCountsEachSend) {
       Stova::Ipfix::CollectorInfo::fromIpAndPort({Nelo::IpAddr("192.0.2.1"), 4739}), "T", "E");
   auto entry = w.stats->stats(key);
   // Two passes, each with the data template message (56 bytes, two templates) and the
-  // options template message (158 bytes, four templates and the three compatible ones).
+  // options template message (170 bytes, four templates and the three compatible ones,
+  // each in its own set).
   EXPECT_EQ(entry.exportedMessageTotalCount, 4u);
-  EXPECT_EQ(entry.exportedOctetTotalCount, 2u * 56 + 2u * 158);
+  EXPECT_EQ(entry.exportedOctetTotalCount, 2u * 56 + 2u * 170);
   EXPECT_EQ(entry.exportedFlowRecordTotalCount, 0u);
   EXPECT_EQ(entry.setEntry(Stova::Ipfix::SetId(2)).exportedTemplateCount, 4u);
   EXPECT_EQ(entry.setEntry(Stova::Ipfix::SetId(3)).exportedTemplateCount, 14u);

@@ -37,16 +37,22 @@ TEST_F(OptionsTemplateTest, TheOptionsTemplateSetsMatchTheHandWrittenBytes) {
       "0135 0004 | 0136 0004"                    //   timeouts, selector, sampling size, population
       "0101 0002 0001 | 000a 0004 | 0052 ffff"   // 257 IntfTable: ingressInterface, interfaceName
       "0100 0002 0001 | 00ea 0004 | 00ec ffff";  // 256 VrfTable: ingressVRFID, VRFname
-  // Ahead of them the compatible ones, each alone in its set, fixed lengths only:
-  // 65280 observationDomainId | samplingInterval; 65281 and 65282 exportingProcessId |
+  // In the compatible layout every template is alone in its set, by id (pmacct reads
+  // only the first of a set), the compatible ones with fixed lengths only: 65280
+  // observationDomainId | samplingInterval; 65281 and 65282 exportingProcessId |
   // ingressInterface, interfaceDescription (32) and ingressVRFID, VRFname (32).
-  const std::string compatible =
+  const std::string alone =
+      "0003 0012 | 0100 0002 0001 | 00ea 0004 | 00ec ffff"
+      "0003 0012 | 0101 0002 0001 | 000a 0004 | 0052 ffff"
+      "0003 0012 | 0102 0002 0001 | 0091 0002 | 00ad 0008"
+      "0003 0026 | 0103 0007 0001 | 0095 0004 | 012c ffff | 0024 0002 | 0025 0002"
+      "            0130 0002 | 0135 0004 | 0136 0004"
       "0003 0012 | ff00 0002 0001 | 0095 0004 | 0022 0004"
       "0003 0016 | ff01 0003 0001 | 0090 0004 | 000a 0004 | 0053 0020"
       "0003 0016 | ff02 0003 0001 | 0090 0004 | 00ea 0004 | 00ec 0020";
-  // Version, length 158, time, sequence, domain 7.
+  // Version, length 170, time, sequence, domain 7.
   EXPECT_EQ(toHex(sent[0].bytes),
-            toHex(hexBytes("000a 009e | 6b49d200 | 00000000 | 00000007" + compatible + four)));
+            toHex(hexBytes("000a 00aa | 6b49d200 | 00000000 | 00000007" + alone)));
   auto* sm = w.templateSm->ftTemplateSm().get("T")->optTemplateExporterSm().get("E");
   ASSERT_NE(sm, nullptr);
   EXPECT_EQ(sm->templateLen().at(TemplateId(257)), 14u);

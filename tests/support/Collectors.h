@@ -39,6 +39,8 @@ class Nfacctd {
   // What it printed so far (every second, appended): a CSV header and one line per flow
   // and second, keyed by ingress interface, addresses, ports and protocol.
   std::string csv() const;
+  // Its own log: what it refused of the exporter's messages among the rest.
+  std::string log() const { return daemon_->log(); }
 
  private:
   TempDir dir_;
