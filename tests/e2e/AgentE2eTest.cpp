@@ -82,12 +82,8 @@ TEST_F(AgentE2e, OperatorSession) {
   auto daemon = startDaemon();
 
   // Data templates, options templates, the tables in one message.
-  std::vector<Datagram> got;
-  for (int i = 0; i < 3; ++i) {
-    auto d = rx1.receive(5000ms);
-    ASSERT_TRUE(d) << daemon->log();
-    got.push_back(*d);
-  }
+  std::vector<Datagram> got = rx1.drain(5000ms, 3);
+  ASSERT_EQ(got.size(), 3u) << daemon->log();
   EXPECT_EQ(got[0].tos, kEf << 2) << "the configured DSCP is not on the wire (IPv4)";
   EXPECT_EQ(TestSupport::firstSetId(got[1].payload), 3);
   auto fields =
@@ -126,12 +122,8 @@ TEST_F(AgentE2e, OperatorSession) {
   // nothing again, the new ones get the templates, then the tables.
   writeConfig(tracker("edge", c1() + ", " + c2(), kOnce, kEf) + tracker("second", c1(), kOnce),
               eth1 + eth2 + vrfs);
-  std::vector<Datagram> got6;
-  for (int i = 0; i < 3; ++i) {
-    auto d = rx2.receive(5000ms);
-    ASSERT_TRUE(d) << daemon->log();
-    got6.push_back(*d);
-  }
+  const std::vector<Datagram> got6 = rx2.drain(5000ms, 3);
+  ASSERT_EQ(got6.size(), 3u) << daemon->log();
   EXPECT_EQ(got6[0].tos, kEf << 2) << "the configured DSCP is not on the wire (IPv6)";
   EXPECT_EQ(domains({got6[0]}), "1\n");
   EXPECT_EQ(TestSupport::firstSetId(got6[1].payload), 3);

@@ -118,6 +118,9 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ec);
 }
 
+namespace {
+
+// The datagrams as IPv4/IPv6 + UDP packets in a pcap file (link type raw IP).
 void writePcap(const std::string& path, const std::vector<Datagram>& datagrams) {
   std::ofstream out(path, std::ios::binary);
   putLe<uint32_t>(out, 0xa1b2c3d4);
@@ -138,6 +141,7 @@ void writePcap(const std::string& path, const std::vector<Datagram>& datagrams) 
   }
 }
 
+// The payloads back to back: an IPFIX file.
 void writeIpfixFile(const std::string& path, const std::vector<Datagram>& datagrams) {
   std::ofstream out(path, std::ios::binary);
   for (const Datagram& d : datagrams) {
@@ -145,7 +149,6 @@ void writeIpfixFile(const std::string& path, const std::vector<Datagram>& datagr
   }
 }
 
-namespace {
 std::string decodeAs(const std::vector<Datagram>& datagrams) {
   std::string s;
   for (const Datagram& d : datagrams) {

@@ -35,11 +35,6 @@ class TempDir {
   std::string path_;
 };
 
-// Writes the datagrams as IPv4/IPv6 + UDP packets into a pcap file (link type raw IP).
-void writePcap(const std::string& path, const std::vector<Datagram>& datagrams);
-// Writes the payloads back to back: an IPFIX file.
-void writeIpfixFile(const std::string& path, const std::vector<Datagram>& datagrams);
-
 // tshark's verbose decode of the datagrams, with their UDP port decoded as IPFIX.
 CommandResult tsharkDecode(const std::vector<Datagram>& datagrams);
 // tshark's fields (-T fields -e ...): one line per packet, fields separated by
