@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <type_traits>
 
 #include "platform/zub/Assert.h"
 
@@ -69,8 +70,10 @@ FlowCache::Array<T>::Array(size_t n) : n_(n) {
     ::munmap(reinterpret_cast<void*>(aligned + bytes_), kHuge - (aligned - at));
   p = reinterpret_cast<void*>(aligned);
   ::madvise(p, bytes_, MADV_HUGEPAGE);  // a hint: without it the pages are small ones
+  // Not written here: the kernel's zero pages are empty slots, and a record is assigned
+  // whole when its flow starts, so memory is taken as flows arrive, not at start.
+  static_assert(std::is_trivially_destructible_v<T> && std::is_trivially_copyable_v<T>);
   p_ = static_cast<T*>(p);
-  std::uninitialized_value_construct_n(p_, n);
 #endif
 }
 
@@ -80,7 +83,6 @@ FlowCache::Array<T>::~Array() {
 #if defined(FLOWCACHE_HEAP_ARRAYS)
   delete[] p_;
 #else
-  std::destroy_n(p_, n_);
   ::munmap(p_, bytes_);
 #endif
 }
@@ -125,8 +127,9 @@ FlowCache::FlowCache(const Config& config, Hash hash, const std::array<uint64_t,
   mask_ = slots - 1;
   slots_ = Array<Slot>(slots);
   records_ = Array<FlowRecord>(config_.capacity);
+  // Indices come from the ended flows first, then from those never used: only the
+  // records of flows seen so far are touched.
   free_.reserve(config_.capacity);
-  for (uint32_t i = config_.capacity; i > 0; --i) free_.push_back(i - 1);
 }
 
 void FlowCache::timeoutsIs(int64_t idleNs, int64_t activeNs) {
@@ -223,15 +226,19 @@ FlowRecord* FlowCache::sample(const FlowKey& key, uint64_t h, const FlowSample& 
     }
     unlink(idle_, &FlowRecord::idlePrev, &FlowRecord::idleNext, index);
   } else {
-    if (free_.empty()) {
+    if (free_.empty() && unused_ == config_.capacity) {
       // Full: the least recently seen flow makes room. Its removal may move entries of
       // this key's probe run, so the slot is looked up again.
       ++evictions_;
       end(idle_.head, lackOfResources, sink);
       slot = findSlot(key, h);
     }
-    index = free_.back();
-    free_.pop_back();
+    if (free_.empty()) {
+      index = unused_++;
+    } else {
+      index = free_.back();
+      free_.pop_back();
+    }
     slots_[slot] = Slot{static_cast<uint32_t>(h), index + 1};
     FlowRecord& r = records_[index];
     r = FlowRecord();

@@ -222,7 +222,8 @@ class FlowCache {
   };
   Array<Slot> slots_;
   Array<FlowRecord> records_;
-  std::vector<uint32_t> free_;
+  std::vector<uint32_t> free_;  // indices of ended flows
+  uint32_t unused_ = 0;         // indices from here on were never used
   List idle_, started_;
   size_t size_ = 0;
   uint64_t evictions_ = 0;
