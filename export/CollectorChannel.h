@@ -29,8 +29,9 @@
 
 namespace FlowTracking {
 
-// What a message carries; each kind is counted apart.
-enum class SetKind : uint8_t { templates, data, optionsData };
+// What a data message carries; each kind is counted apart (template messages go through
+// sendTemplates).
+enum class SetKind : uint8_t { data, optionsData };
 
 // How many records of one data set a message holds.
 struct SetRecord {

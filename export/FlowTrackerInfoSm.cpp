@@ -204,15 +204,13 @@ void ExporterInfoSm::handleFlowRecords() {
   const auto maxSize = static_cast<uint16_t>(hwExpConfig_->ipfixMaxMsgSize());
   BuilderWrapper b(maxSize, ftId_.value());
   b.startMsg();
-  auto sendMsg = [&] {
-    const Zub::Ptr<MessageWrapper> msg = b.finalizeMsg();
-    for (const auto& ch : ready) ch->send(*msg, SetKind::data);
-  };
+  // The messages are built once, then each channel sends the run in few system calls.
+  Zub::LinkQueue<Zub::Ptr<MessageWrapper>> msgs;
   for (const FlowRecords::Record& r : records.list()) {
     const std::string_view record = records.bytes(r);
     if (b.addSetRecord(r.setId, record) > 0) continue;
     if (b.hasRecords()) {
-      sendMsg();
+      msgs.enq(b.finalizeMsg());
       b.startMsg();
     }
     if (b.addSetRecord(r.setId, record) == 0) {
@@ -223,7 +221,8 @@ void ExporterInfoSm::handleFlowRecords() {
                               << " bytes exceeds the message size " << maxSize;
     }
   }
-  if (b.hasRecords()) sendMsg();
+  if (b.hasRecords()) msgs.enq(b.finalizeMsg());
+  for (const auto& ch : ready) ch->send(msgs, SetKind::data);
 }
 
 void ExporterInfoSm::handleDestroyed() {
