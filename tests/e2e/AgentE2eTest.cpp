@@ -105,7 +105,13 @@ TEST_F(AgentE2e, OperatorSession) {
   auto verbose = TestSupport::tsharkDecode(got);
   ASSERT_EQ(verbose.status, 0) << verbose.err;
   EXPECT_EQ(verbose.out.find("Malformed"), std::string::npos) << verbose.out;
-  EXPECT_EQ(verbose.out.find("Expert Info"), std::string::npos) << verbose.out;
+  // No complaint; a port in traceroute's range (33434-33534) gets a Chat remark, not one.
+  std::istringstream lines(verbose.out);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.find("Expert Info") != std::string::npos) {
+      EXPECT_NE(line.find("(Chat/"), std::string::npos) << line << "\n" << verbose.out;
+    }
+  }
   EXPECT_TRUE(daemon->waitForLog("FLOWTRACKING_ACTIVE: Sampled flow tracking is active."));
 
   // A reload that adds an interface: one update message, within 1.5 s of the save.
