@@ -388,6 +388,16 @@ class Parser {
     }
     // An empty or truncated file must not switch export off by accident.
     if (!root["flow-tracking"]) fail(root, "", kNoSection);
+    // The kernel as the platform means the host samples in software, at any rate; the
+    // chip of a switch described by the file samples no more often than its bound.
+    if (c.platformSource == PlatformSource::file &&
+        c.sampleRate.value() < FlowTracking::SampleRate::chipMinRate) {
+      fail(root["flow-tracking"]["sample-rate"], "flow-tracking.sample-rate",
+           "the chip samples one packet in " +
+               std::to_string(FlowTracking::SampleRate::chipMinRate) + " to " +
+               std::to_string(FlowTracking::SampleRate::maxRate) +
+               "; with `platform: {source: kernel}` the host samples at any rate from 1");
+    }
     return c;
   }
 

@@ -145,7 +145,6 @@ void FlowExportAgent::dataPathIs_(bool on) {
     routes_.reset();
   }
   FlowTracking::DataPathSm::Options dataPathOptions;
-  dataPathOptions.sampleRate = options_.testSampleRate;
   dataPathSm_ = Zub::makeReactor<FlowTracking::DataPathSm>(
       hwConfig_, hwStatus_, status_.intfIndexMap, info_,
       [this](const Nelo::IntfId& intf) { return vrfIdOf_(intf); },

@@ -38,8 +38,6 @@ struct AgentOptions {
   std::string statsName = Stova::Ipfix::CollectorStatistics::kShmName;
   std::string controlSocket;  // empty: no control socket
   std::optional<gid_t> controlGroup;
-  // The software data path samples one in this many, not the configured rate (tests).
-  std::optional<uint32_t> testSampleRate;
 };
 
 class FlowExportAgent : public Hollin::CAgent {

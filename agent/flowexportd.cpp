@@ -38,9 +38,6 @@ void usage(FILE* out) {
                "                         service runs with --log syslog)\n"
                "  --trace FACILITY/LEVELS  switch traces on, e.g. FtExport/0-5 or '*/1'\n"
                "  --default-config       print the embedded default configuration\n"
-               "  --test-sample-rate N   sample the software data path one in N, whatever the\n"
-               "                         configuration says (for tests: collectors are still\n"
-               "                         told the configured rate)\n"
                "  --help, --version\n",
                Agent::defaultStateFile().c_str(), Agent::defaultStatsName().c_str(),
                Agent::defaultControlSocket().c_str());
@@ -92,15 +89,6 @@ int main(int argc, char** argv) {
       opt.statsName = value();
     } else if (a == "--control-socket") {
       opt.controlSocket = value();
-    } else if (a == "--test-sample-rate") {
-      const std::string n = value();
-      char* end = nullptr;
-      const unsigned long rate = std::strtoul(n.c_str(), &end, 10);
-      if (n.empty() || *end != '\0' || rate == 0 || rate > 0xFFFFFFFFul) {
-        std::fprintf(stderr, "flowexportd: --test-sample-rate takes a number from 1\n");
-        return 2;
-      }
-      opt.testSampleRate = static_cast<uint32_t>(rate);
     } else if (a == "--control-group") {
       const std::string g = value();
       struct group* gr = ::getgrnam(g.c_str());

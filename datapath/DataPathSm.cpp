@@ -281,7 +281,7 @@ void DataPathSm::handleIntf(const Nelo::IntfId& intf) {
 }
 
 void DataPathSm::startPort_(const Nelo::IntfId& intf, Port& port) {
-  const uint32_t rate = options_.sampleRate.value_or(hwConfig_->sampleRate());
+  const uint32_t rate = hwConfig_->sampleRate();
   port.source =
       sourceFactory_(port.ifindex, rate, options_.snapLen,
                      [this, intf](std::span<const Sample> s) { handleSamples_(intf, s); });
@@ -305,7 +305,7 @@ void DataPathSm::handleSampleRate() {
   flushAll();
   for (auto& [intf, port] : ports_) {
     std::string error;
-    const uint32_t rate = options_.sampleRate.value_or(hwConfig_->sampleRate());
+    const uint32_t rate = hwConfig_->sampleRate();
     if (port.source && !port.source->sampleRateIs(rate, &error)) {
       GLINT(trace(), 0) << "sample rate of " << intf << ": " << error;
     }

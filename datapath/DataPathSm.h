@@ -57,8 +57,7 @@ class DataPathSm : public Zub::Reactor {
     size_t batch = 2048;         // flows ended per tick at most
     std::chrono::milliseconds tick{250};
     uint32_t snapLen = 192;
-    std::chrono::seconds retry{30};      // a source that could not start is tried again
-    std::optional<uint32_t> sampleRate;  // instead of the hardware's (tests)
+    std::chrono::seconds retry{30};  // a source that could not start is tried again
   };
   using SourceFactory = std::function<std::unique_ptr<SampleSource>(
       uint32_t ifindex, uint32_t rate, uint32_t snapLen, SampleSource::Handler handler)>;

@@ -13,9 +13,13 @@
 
 namespace FlowTracking {
 
-struct SampleRate : Zub::Bounded<SampleRate, uint32_t, 1024, 16777216, 1048576> {
+// One packet in this many is sampled. A host samples in software at any rate; a chip
+// samples no more often than one in `chipMinRate`, which the configuration checks
+// where the chip is the data path.
+struct SampleRate : Zub::Bounded<SampleRate, uint32_t, 1, 16777216, 1048576> {
   using Bounded::Bounded;
-  static constexpr uint32_t minRate = 1024;
+  static constexpr uint32_t minRate = 1;
+  static constexpr uint32_t chipMinRate = 1024;
   static constexpr uint32_t maxRate = 16777216;
   static constexpr uint32_t rateDefault = 1048576;
   static constexpr const char* kRangeMessage =

@@ -109,9 +109,12 @@ TEST(AgentConfig, RefusalsNameFileLineFieldAndTheModelsMessage) {
        "          dscp: 64\n",
        "f.yaml:6: flow-tracking.trackers[0].exporters[0].dscp: ExporterConfig::dscpValue < "
        "DscpValue::min or > DscpValue::max not allowed"},
-      {"flow-tracking:\n  sample-rate: 1023\n",
+      {"flow-tracking:\n  sample-rate: 0\n",
        "f.yaml:2: flow-tracking.sample-rate: SampleRate::value < SampleRate::minRate or > "
        "SampleRate::maxRate not allowed"},
+      {"flow-tracking:\n  sample-rate: 1023\n",
+       "f.yaml:2: flow-tracking.sample-rate: the chip samples one packet in 1024 to 16777216; "
+       "with `platform: {source: kernel}` the host samples at any rate from 1"},
       {"flow-tracking:\n  trackers:\n    - name: t\n      exporters:\n        - name: e\n"
        "          template-interval: 3601\n",
        "f.yaml:6: flow-tracking.trackers[0].exporters[0].template-interval: "

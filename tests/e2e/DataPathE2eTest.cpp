@@ -153,9 +153,9 @@ class RoutedDataPath : public DataPathE2e {
   // `collectors` (YAML list items) instead of the test's receiver, `extra` lines of the
   // flow-tracking section.
   void writeConfig(int inactive, int active, std::string collectors = "",
-                   const std::string& extra = "") {
+                   const std::string& extra = "", const std::string& rate = "1") {
     if (collectors.empty()) collectors = "\"127.0.0.1:" + std::to_string(rx.port()) + "\"";
-    std::string text = "flow-tracking:\n  enabled: true\n  sample-rate: 1024\n" + extra;
+    std::string text = "flow-tracking:\n  enabled: true\n  sample-rate: " + rate + "\n" + extra;
     if (inactive == 0) {
       text += "  trackers: []\n";
     } else {
@@ -170,8 +170,8 @@ class RoutedDataPath : public DataPathE2e {
   }
   void startDaemon(const char* rate, int inactive = 3, int active = 60,
                    const std::string& collectors = "", const std::string& extra = "") {
-    writeConfig(inactive, active, collectors, extra);
-    daemon = rig.start({"--test-sample-rate", rate});
+    writeConfig(inactive, active, collectors, extra, rate);
+    daemon = rig.start();
     ASSERT_TRUE(daemon->waitForLog("FLOWTRACKING_SAMPLING: Sampling interface Ethernet1", 5s))
         << daemon->log();
     collect(300ms);  // templates and tables
@@ -377,10 +377,10 @@ TEST_F(RoutedDataPath, RecordsThatReachNoCollectorAreCounted) {
 }
 
 // The collectors operators run, as Debian has them: nfdump and pmacct's nfacctd scale the
-// counts by the rate the compatible layout announces (every packet is sampled here, the
-// configured rate is 1024), and nfdump shows the ingress interface's name (and the VRF's,
-// where the kernel has VRFs); the same run with the compatible layout switched off leaves
-// them unscaled and unnamed.
+// counts by the rate the compatible layout announces (one in two of 4,000 packets is
+// sampled: about 4,000 packets shown scaled, 2,000 unscaled), and nfdump shows the ingress
+// interface's name (and the VRF's, where the kernel has VRFs); the same run with the
+// compatible layout switched off leaves them unscaled and unnamed.
 TEST_F(RoutedDataPath, CollectorsScaleByTheRateAndShowTheNames) {
   if (auto why = TestSupport::collectorsMissing(); !why.empty()) GTEST_SKIP() << why;
   // Both links in the kernel VRF blue (table 10), so that the flows carry its id.
@@ -397,28 +397,38 @@ TEST_F(RoutedDataPath, CollectorsScaleByTheRateAndShowTheNames) {
     SCOPED_TRACE(compatible ? "compatible layout" : "standard layout only");
     TestSupport::Nfcapd nfcapd;
     TestSupport::Nfacctd nfacctd;
-    startDaemon("1", 3, 60,
+    startDaemon("2", 3, 60,
                 "\"127.0.0.1:" + std::to_string(nfcapd.port()) +
                     "\", \"127.0.0.2:" + std::to_string(nfacctd.port()) + "\"",
                 compatible ? "" : "  compatible-options: false\n");
-    sendFrom(1001, 0, 10);
-    std::this_thread::sleep_for(4500ms);  // idle after 3 s, then nfacctd's printout
+    sendFrom(1001, 0, 4000);
+    // Idle after 3 s, then nfacctd's printout of the next second.
+    std::this_thread::sleep_for(3500ms);
+    for (int i = 0; i < 30 && nfacctd.csv().find(",1001,5001,") == std::string::npos; ++i) {
+      std::this_thread::sleep_for(100ms);
+    }
     daemon->signal(SIGTERM);
     ASSERT_EQ(daemon->wait(), 0) << daemon->log();
-    const uint64_t n = compatible ? 1024 : 1;
     // nfdump's fields, blanks dropped: port, ingress index and name, VRF id and name,
     // packets, bytes.
     std::string stored = nfcapd.flows("%sp|%in|%inam|%ivrf|%ivrfnam|%pkt|%byt", "src port 1001");
     std::erase(stored, ' ');
     const std::string named = compatible ? "Ethernet1" : "";
     const std::string vrfNamed = compatible && vrf ? "blue" : "";
-    EXPECT_EQ(stored, "1001|" + r1 + "|" + named + "|" + (vrf ? "10" : "0") + "|" + vrfNamed + "|" +
-                          std::to_string(10 * n) + "|" + std::to_string(1280 * n) + "\n");
+    const std::string head =
+        "1001|" + r1 + "|" + named + "|" + (vrf ? "10" : "0") + "|" + vrfNamed + "|";
+    ASSERT_EQ(stored.substr(0, head.size()), head) << stored;
+    const long packets = std::atol(stored.c_str() + head.size());
+    const std::string counts = std::to_string(packets) + "|" + std::to_string(128 * packets);
+    EXPECT_EQ(stored.substr(head.size()), counts + "\n");
+    // Sampled: Binomial(4000, 1/2), a standard deviation of about 32 packets.
+    const double expected = compatible ? 4000 : 2000, sigma = std::sqrt(1000.0);
+    EXPECT_NEAR(static_cast<double>(packets), expected, 5 * sigma * (compatible ? 2 : 1));
     const std::string csv = nfacctd.csv();
-    EXPECT_NE(csv.find(r1 + ",198.18.1.2,198.18.2.2,1001,5001,udp," + std::to_string(10 * n) + "," +
-                       std::to_string(1280 * n)),
+    EXPECT_NE(csv.find(r1 + ",198.18.1.2,198.18.2.2,1001,5001,udp," + std::to_string(packets) +
+                       "," + std::to_string(128 * packets)),
               std::string::npos)
-        << csv;
+        << csv << nfacctd.log();
     // pmacct reads one options template per set; in the compatible layout nothing is left
     // for it to refuse.
     if (compatible) {

@@ -39,7 +39,7 @@ TEST(FlowTrackingTypes, LimitsDefaultsAndMessages) {
     std::string message;
   };
   const Expect table[] = {
-      {limits<SampleRate>("SampleRate"), 1048576, 1024, 16777216,
+      {limits<SampleRate>("SampleRate"), 1048576, 1, 16777216,
        "SampleRate::value < SampleRate::minRate or > SampleRate::maxRate not allowed"},
       {limits<InactiveTimeout>("InactiveTimeout"), 15000, 3000, 900000,
        "InactiveTimeout::value < InactiveTimeout::minTimeout or > InactiveTimeout::maxTimeout "
