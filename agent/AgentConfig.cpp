@@ -27,6 +27,12 @@ ConfigError::ConfigError(const std::string& file, int line, const std::string& f
       field_(field),
       message_(message) {}
 
+IntfKind intfKindOfName(const std::string& name) {
+  if (Nelo::PortChannelIntfId::isPortChannelIntfId(Nelo::IntfId(name))) return IntfKind::lag;
+  if (Nelo::EthIntfId::isEthIntfId(Nelo::IntfId(name))) return IntfKind::ethernet;
+  return IntfKind::other;
+}
+
 namespace {
 
 // Walks the document with the path of each node, for error messages.
@@ -211,6 +217,7 @@ class Parser {
                           const std::string& path) const {
     InterfaceSpec i;
     i.name = intfName;
+    i.kind = intfKindOfName(intfName);
     if (n.IsNull()) return i;
     expectMap(n, path,
               {"link", "forwarding-model", "mtu", "ipv4", "ipv6", "vrf", "members", "index"});

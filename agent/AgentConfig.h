@@ -36,8 +36,16 @@ struct TrackerSpec {
   std::vector<ExporterSpec> exporters;
 };
 
+// What an interface is to flow tracking: an Ethernet link or a port-channel (bond) can be
+// tracked, any other interface cannot. The file's interfaces are of the kind their names
+// say ("EthernetN", "Port-ChannelN"); the kernel's are of the kind of their link, whatever
+// their names.
+enum class IntfKind { other, ethernet, lag };
+IntfKind intfKindOfName(const std::string& name);
+
 struct InterfaceSpec {
   std::string name;
+  IntfKind kind = IntfKind::other;
   bool linkUp = true;
   Interface::ForwardingModel forwardingModel =
       Interface::ForwardingModel::intfForwardingModelRouted;
@@ -66,7 +74,9 @@ struct AgentConfig {
   FlowTracking::SampleRate sampleRate;
   bool compatibleOptions = true;
   std::vector<TrackerSpec> trackers;
-  std::map<std::string, std::string> interfaceTracker;  // bound interface -> tracker
+  // Bound interface -> tracker; the interface "*" stands for every Ethernet link and
+  // port-channel not bound by name.
+  std::map<std::string, std::string> interfaceTracker;
   std::vector<InterfaceSpec> interfaces;
   std::vector<VrfSpec> vrfs;
   PlatformSource platformSource = PlatformSource::file;

@@ -14,13 +14,14 @@ void deleteOthers(Coll& coll, Keep&& keep, std::function<void(const typename Col
 }  // namespace
 
 void applyPlatform(StatusEntities& s, const AgentConfig& cfg) {
-  std::set<Nelo::IntfId> wanted;
+  std::set<Nelo::IntfId> wanted, ethernet, lags;
   for (const InterfaceSpec& spec : cfg.interfaces) {
     const Nelo::IntfId id(spec.name);
     wanted.insert(id);
     s.allIntf->intfStatusIs(id)->mtuIs(spec.mtu);
     const auto link = spec.linkUp ? Interface::LinkStatus::linkUp : Interface::LinkStatus::linkDown;
-    if (Nelo::PortChannelIntfId::isPortChannelIntfId(id)) {
+    if (spec.kind == IntfKind::lag) {
+      lags.insert(id);
       auto lag = s.ethLag->intfStatusIs(id);
       std::set<Nelo::IntfId> members(spec.members.begin(), spec.members.end());
       for (const auto& m : lag->memberColl().keys()) {
@@ -29,7 +30,8 @@ void applyPlatform(StatusEntities& s, const AgentConfig& cfg) {
       for (const auto& m : members) lag->memberIs(m, true);
       lag->forwardingModelIs(spec.forwardingModel);
       lag->linkStatusIs(link);
-    } else if (Nelo::EthIntfId::isEthIntfId(id)) {
+    } else if (spec.kind == IntfKind::ethernet) {
+      ethernet.insert(id);
       auto eth = s.ethPhy->intfStatusIs(id);
       eth->forwardingModelIs(spec.forwardingModel);
       eth->linkStatusIs(link);
@@ -58,10 +60,12 @@ void applyPlatform(StatusEntities& s, const AgentConfig& cfg) {
   auto keep = [&](const Nelo::IntfId& id) { return wanted.count(id) != 0; };
   deleteOthers(s.ip->ipIntfStatusColl(), keep, [&](const auto& id) { s.ip->ipIntfStatusDel(id); });
   deleteOthers(s.ip6->intfColl(), keep, [&](const auto& id) { s.ip6->intfDel(id); });
-  deleteOthers(s.ethPhy->intfStatusColl(), keep,
-               [&](const auto& id) { s.ethPhy->intfStatusDel(id); });
-  deleteOthers(s.ethLag->intfStatusColl(), keep,
-               [&](const auto& id) { s.ethLag->intfStatusDel(id); });
+  deleteOthers(
+      s.ethPhy->intfStatusColl(), [&](const auto& id) { return ethernet.count(id) != 0; },
+      [&](const auto& id) { s.ethPhy->intfStatusDel(id); });
+  deleteOthers(
+      s.ethLag->intfStatusColl(), [&](const auto& id) { return lags.count(id) != 0; },
+      [&](const auto& id) { s.ethLag->intfStatusDel(id); });
   deleteOthers(s.allIntf->intfStatusColl(), keep,
                [&](const auto& id) { s.allIntf->intfStatusDel(id); });
   for (auto it = s.l3.begin(); it != s.l3.end();) {
@@ -182,18 +186,34 @@ void applyFlowTracking(const Zub::Ptr<FlowTracking::Config>& config, const Agent
   // tracker's other values as the file has them.
   config->sampleRateIs(cfg.sampleRate);
 
+  applyInterfaceBindings(config, cfg.interfaceTracker);
+  config->enabledIs(cfg.enabled);
+}
+
+void applyInterfaceBindings(const Zub::Ptr<FlowTracking::Config>& config,
+                            const std::map<std::string, std::string>& bindings) {
   // A rebinding is a delete and a create.
   for (const auto& intf : config->flowTrackerIntfConfigColl().keys()) {
-    auto it = cfg.interfaceTracker.find(intf.name());
-    if (it == cfg.interfaceTracker.end() ||
-        it->second != config->flowTrackerIntfConfig(intf)->trackerName()) {
+    auto it = bindings.find(intf.name());
+    if (it == bindings.end() || it->second != config->flowTrackerIntfConfig(intf)->trackerName()) {
       config->flowTrackerIntfConfigDel(intf);
     }
   }
-  for (const auto& [intf, tracker] : cfg.interfaceTracker) {
+  for (const auto& [intf, tracker] : bindings) {
     config->flowTrackerIntfConfigIs(Nelo::IntfId(intf), tracker);
   }
-  config->enabledIs(cfg.enabled);
+}
+
+std::map<std::string, std::string> expandInterfaceBindings(
+    const StatusEntities& s, const std::map<std::string, std::string>& written) {
+  std::map<std::string, std::string> out = written;
+  auto all = out.find("*");
+  if (all == out.end()) return out;
+  const std::string tracker = all->second;
+  out.erase(all);
+  for (const auto& id : s.ethPhy->intfStatusColl().keys()) out.emplace(id.name(), tracker);
+  for (const auto& id : s.ethLag->intfStatusColl().keys()) out.emplace(id.name(), tracker);
+  return out;
 }
 
 }  // namespace Agent

@@ -34,7 +34,14 @@ struct StatusEntities {
 void applyPlatform(StatusEntities& status, const AgentConfig& cfg);
 void applyIntfIndexes(StatusEntities& status, const AgentConfig& cfg);
 void applyVrfIds(StatusEntities& status, const AgentConfig& cfg);
-// The flow-tracking section.
+// The flow-tracking section; its interface bindings as given (see below).
 void applyFlowTracking(const Zub::Ptr<FlowTracking::Config>& config, const AgentConfig& cfg);
+// Binds each interface to its tracker, unbinds the others.
+void applyInterfaceBindings(const Zub::Ptr<FlowTracking::Config>& config,
+                            const std::map<std::string, std::string>& bindings);
+// The bindings as written, with "*" bound to every Ethernet interface and port-channel of
+// the platform that no binding names.
+std::map<std::string, std::string> expandInterfaceBindings(
+    const StatusEntities& status, const std::map<std::string, std::string>& written);
 
 }  // namespace Agent

@@ -53,6 +53,26 @@ const Zub::LogHandle FLOWEXPORT_STATE_ERROR(
     "Check that the state directory exists and is writable, and do not edit the file.", 60.0, 1.0,
     kFacility);
 
+const Zub::LogHandle FLOWEXPORT_INTERFACE_MISSING(
+    "FLOWEXPORT_INTERFACE_MISSING", 4,
+    "Interface %s is tracked by flow tracker %s but does not exist; sampling starts when it "
+    "appears.",
+    "The configuration binds an interface that the platform (the kernel, or the file's "
+    "platform section) does not have.",
+    "Check the name (ip link); nothing needs doing if the link is created later.", 0.0, 1.0,
+    kFacility);
+const Zub::LogHandle FLOWEXPORT_INTERFACE_UNTRACKABLE(
+    "FLOWEXPORT_INTERFACE_UNTRACKABLE", 4,
+    "Interface %s is tracked by flow tracker %s but cannot be sampled: only Ethernet links "
+    "and port-channels (bonds, teams) are.",
+    "The configuration binds an interface such as a loopback, bridge, VRF device or tunnel.",
+    "Track the Ethernet links or bonds that carry the traffic instead.", 0.0, 1.0, kFacility);
+const Zub::LogHandle FLOWEXPORT_INTERFACE_APPEARED(
+    "FLOWEXPORT_INTERFACE_APPEARED", 5,
+    "Interface %s, tracked by flow tracker %s, now exists; it is sampled while it is up.",
+    "An interface that the configuration binds and that did not exist has appeared.",
+    Zub::NoActionRequired, 0.0, 1.0, kFacility);
+
 FlowExportAgent::FlowExportAgent(AgentOptions options) : options_(std::move(options)) {
   // One daemon per statistics name and per control socket: a second one stops here,
   // before it could replace the first one's table or socket.
@@ -85,7 +105,7 @@ void FlowExportAgent::start() {
                               : parseConfig(appliedText_, options_.configFile);
   restoreFtIds_();
   applyPlatformFrom_(cfg);
-  applyFlowTracking(config_, cfg);
+  applyFlowTracking_(cfg);
 
   // The top-level reactors may be created in any order. The one ordering that matters
   // between them, a collector's information (FlowTrackingInfoSm) created inside the
@@ -184,7 +204,7 @@ bool FlowExportAgent::reload() {
     // given the ids the state file kept for them, and only then switched on.
     AgentConfig staged = cfg;
     staged.enabled = false;
-    applyFlowTracking(config_, staged);
+    applyFlowTracking_(staged);
     restoreFtIds_();
   }
   applyPlatformFrom_(cfg);
@@ -204,7 +224,7 @@ bool FlowExportAgent::reload() {
       if (!kept) dataPathSm_->endFlows(name);
     }
   }
-  applyFlowTracking(config_, cfg);
+  applyFlowTracking_(cfg);
   dataPathIs_(cfg.platformSource == PlatformSource::kernel);
   appliedText_ = std::move(text);
   FLOWEXPORT_CONFIG_LOADED.log(options_.configFile);
@@ -343,6 +363,45 @@ void FlowExportAgent::applyKernel_() {
   kernel_->status().platform(kernelNames_, platform);
   applyPlatform(status_, platform);
   if (dataPathSm_) dataPathSm_->vrfsChanged();
+  // Links come and go: "*" follows them, and bound names that appear are said so.
+  if (bindingsWritten_) {
+    applyInterfaceBindings(config_, expandInterfaceBindings(status_, *bindingsWritten_));
+    reportBindings_();
+  }
+}
+
+void FlowExportAgent::applyFlowTracking_(AgentConfig cfg) {
+  bindingsWritten_ = cfg.interfaceTracker;
+  cfg.interfaceTracker = expandInterfaceBindings(status_, cfg.interfaceTracker);
+  applyFlowTracking(config_, cfg);
+  reportBindings_();
+}
+
+void FlowExportAgent::reportBindings_() {
+  std::map<std::string, BindingState> now;
+  for (const auto& [name, tracker] : *bindingsWritten_) {
+    if (name == "*") continue;
+    const Nelo::IntfId id(name);
+    BindingState state = BindingState::trackable;
+    if (!status_.allIntf->intfStatus(id)) {
+      state = BindingState::missing;
+    } else if (!status_.ethPhy->intfStatus(id) && !status_.ethLag->intfStatus(id)) {
+      state = BindingState::untrackable;
+    }
+    now[name] = state;
+    auto before = bindingStates_.find(name);
+    const BindingState was =
+        before == bindingStates_.end() ? BindingState::trackable : before->second;
+    if (state == was) continue;
+    if (state == BindingState::missing) {
+      FLOWEXPORT_INTERFACE_MISSING.log(name, tracker);
+    } else if (state == BindingState::untrackable) {
+      FLOWEXPORT_INTERFACE_UNTRACKABLE.log(name, tracker);
+    } else if (was == BindingState::missing) {
+      FLOWEXPORT_INTERFACE_APPEARED.log(name, tracker);
+    }
+  }
+  bindingStates_ = std::move(now);
 }
 
 void FlowExportAgent::watchConfigFile_() {

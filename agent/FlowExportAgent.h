@@ -76,6 +76,11 @@ class FlowExportAgent : public Hollin::CAgent {
   void applyPlatformFrom_(const AgentConfig& cfg);
   void startKernel_();
   void applyKernel_();
+  // The file's flow-tracking section, its interface bindings expanded over the platform.
+  void applyFlowTracking_(AgentConfig cfg);
+  // Says which bound interfaces do not exist or cannot be sampled, and which appeared,
+  // once per change.
+  void reportBindings_();
   void watchConfigFile_();
   bool watchConfigDirs_();
   void handleInotify_();
@@ -108,6 +113,11 @@ class FlowExportAgent : public Hollin::CAgent {
   std::unique_ptr<FlowTracking::RouteLookup> routes_;
   Zub::Ptr<FlowTracking::DataPathSm> dataPathSm_;
   std::map<std::string, std::string> kernelNames_;
+  // The interface bindings as the file wrote them (once applied), and how each bound
+  // name stood when last reported.
+  std::optional<std::map<std::string, std::string>> bindingsWritten_;
+  enum class BindingState { trackable, missing, untrackable };
+  std::map<std::string, BindingState> bindingStates_;
   Zub::Ptr<Orrin::TimerTask> kernelRetry_;
 
   // Collector names, looked up in the background; outlives the reactors that watch it.

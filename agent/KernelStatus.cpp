@@ -189,7 +189,7 @@ void KernelStatus::platform(const NameMap& names, AgentConfig& out) const {
     const bool ether = link.type == ARPHRD_ETHER && !lag && link.kind != "bridge";
     const bool isLagId = Nelo::PortChannelIntfId::isPortChannelIntfId(id);
     const bool isEthId = Nelo::EthIntfId::isEthIntfId(id);
-    if ((lag && !isLagId) || (isLagId && !lag) || (isEthId && !ether)) {
+    if ((isLagId && !lag) || (isEthId && !ether)) {
       GLINT(trace(), 2) << "kernel link " << link.name << " (kind '" << link.kind << "', type "
                         << link.type << ") cannot be interface " << id.name() << ": left out";
       continue;
@@ -207,6 +207,9 @@ void KernelStatus::platform(const NameMap& names, AgentConfig& out) const {
     const bool lag = link.kind == "bond" || link.kind == "team";
     InterfaceSpec spec;
     spec.name = name;
+    spec.kind = lag ? IntfKind::lag
+                    : (link.type == ARPHRD_ETHER && link.kind != "bridge" ? IntfKind::ethernet
+                                                                          : IntfKind::other);
     spec.linkUp = link.up;
     spec.mtu = link.mtu;
     if (index <= kMaxIntfIndex) spec.index = index;  // else chosen by the applier

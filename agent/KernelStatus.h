@@ -7,13 +7,12 @@
 //
 // Mapping:
 // - The interface id is the kernel name, or what the name map makes of it (`eth1:
-//   Ethernet1`, `bond1: Port-Channel1`). The id's form decides its kind, as everywhere:
-//   "EthernetN" an Ethernet interface, "Port-ChannelN" a port-channel, anything else a
-//   generic interface (an exporter's local interface, a row of the interface table).
-// - A bond or team link must map to a port-channel id, and its members are the links
-//   whose master it is; an Ethernet-type link (veth, physical) may map to an Ethernet id
-//   or stay generic; any other link may only be generic. A link whose id is of another
-//   kind is left out (and traced).
+//   Ethernet1`, `bond1: Port-Channel1`). The link decides the kind: a bond or team is a
+//   port-channel, whose members are the links whose master it is; an Ethernet-type link
+//   (physical, veth, VLAN; not a bridge) is an Ethernet interface; anything else
+//   (loopback, bridge, tunnel) a generic interface (an exporter's local interface, a row
+//   of the interface table), which is not tracked. A link mapped to an id of another kind
+//   ("EthernetN" for a bond, "Port-ChannelN" for an Ethernet link) is left out (traced).
 // - A VRF device (kind "vrf") is the VRF named after the device, with its routing table
 //   as the VRF id, active while the device is up; a link enslaved to it is in that VRF.
 // - Link status: up when the link is administratively up and operationally up (or, for

@@ -100,7 +100,6 @@ bool verifyIp6Addr(const Nelo::Ip6Addr& a) {
 
 bool isEthernet(const Nelo::IntfId& intf) { return Nelo::EthIntfId::isEthIntfId(intf); }
 bool isLag(const Nelo::IntfId& intf) { return Nelo::PortChannelIntfId::isPortChannelIntfId(intf); }
-bool isValidIntf(const Nelo::IntfId& intf) { return isEthernet(intf) || isLag(intf); }
 
 // ---- ConfigSmBase ---------------------------------------------------------------------
 
@@ -295,12 +294,15 @@ void ConfigSmBase::handleFlowTrackerIntfConfig(const Nelo::IntfId& intfId) {
     ftNameToIntfIdMap_[trackerName].intfIs(intfId);
     intfIdToFtNameMap_[intfId] = trackerName;
   }
-  if (isLag(intfId)) {
+  // The platform says what an interface is; one it does not know yet (a link that does
+  // not exist) is taken up when its status appears.
+  if (ethLagIntfStatusDir_->intfStatus(intfId) || isLag(intfId)) {
     handleLagIntfStatus(intfId);
-  } else if (isEthernet(intfId)) {
+  } else if (ethPhyIntfStatusDir_->intfStatus(intfId) || isEthernet(intfId)) {
     handleEthIntfStatus(intfId);
   } else {
-    GLINT(trace(), kDiag) << "Ignoring unsupported interface " << intfId;
+    GLINT(trace(), kDiag) << "Interface " << intfId << " is not an Ethernet or port-channel "
+                          << "interface (yet)";
   }
 }
 
@@ -437,11 +439,11 @@ void EthIntfStatusSm::handleIntfStatusChange() {
   auto intfConfig = ctx_->config->flowTrackerIntfConfig(intf_);
   const bool ftIntfConfig = bool(intfConfig);
   const bool linkUp = intfStatus_->linkStatus() == Interface::LinkStatus::linkUp;
-  const bool intfValid = isValidIntf(intf_);
+  // The reactor exists for the status of an Ethernet or port-channel interface only.
   const bool fwdModel = static_cast<uint32_t>(intfStatus_->forwardingModel()) > 3;
   GLINT(trace(), kDiag) << "intf " << intf_ << " ftIntfConfig " << ftIntfConfig << " linkUp "
-                        << linkUp << " intfValid " << intfValid << " fwdModel " << fwdModel;
-  if (!ftIntfConfig || !linkUp || !intfValid || !fwdModel) {
+                        << linkUp << " fwdModel " << fwdModel;
+  if (!ftIntfConfig || !linkUp || !fwdModel) {
     removeBinding_();
     return;
   }

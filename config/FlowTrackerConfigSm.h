@@ -45,7 +45,6 @@ bool verifyIp6Addr(const Nelo::Ip6Addr& a);  // not ::, ff02::1, multicast or li
 
 bool isEthernet(const Nelo::IntfId& intf);
 bool isLag(const Nelo::IntfId& intf);
-bool isValidIntf(const Nelo::IntfId& intf);
 
 // The interfaces bound to one tracker.
 class FtNameToIntfIdMap {

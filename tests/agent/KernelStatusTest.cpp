@@ -143,14 +143,24 @@ TEST(KernelStatus, LinksAddressesBondsAndVrfsBecomeThePlatform) {
                 // a table past the ids a VRF table can carry: the applier chooses one
                 "vrf blue inactive device blue"}));
 
-  // Without the map, the bond cannot be a port-channel and is left out; Ethernet-type
-  // links keep their kernel names as generic interfaces.
-  auto plain = described(k);
-  EXPECT_EQ(plain.size(), 8u);
-  EXPECT_EQ(plain[1].rfind("eth1 #2", 0), 0u);
-  // A name the map makes into an id of another kind is left out too.
-  auto wrong = described(k, {{"lo", "Ethernet9"}});
-  EXPECT_EQ(wrong.front().rfind("eth1", 0), 0u);
+  // Without the map every link keeps its kernel name, and the link decides what it is:
+  // the bond a port-channel of its members, Ethernet-type links Ethernet interfaces (both
+  // can be tracked by those names), the loopback neither.
+  Agent::AgentConfig plain;
+  k.platform({}, plain);
+  std::vector<std::string> kinds;
+  for (const auto& i : plain.interfaces) {
+    kinds.push_back(i.name + (i.kind == Agent::IntfKind::lag        ? ":lag"
+                              : i.kind == Agent::IntfKind::ethernet ? ":ethernet"
+                                                                    : ":other"));
+  }
+  EXPECT_EQ(kinds, (std::vector<std::string>{"lo:other", "eth1:ethernet", "bond1:lag",
+                                             "eth2:ethernet", "eth3:ethernet", "eth4:ethernet"}));
+  EXPECT_EQ(described(k)[2], "bond1 #3 mtu 9000 up Routed vrf default member eth2 member eth3");
+  // A name the map makes into an id of another kind is left out.
+  auto wrong =
+      described(k, {{"lo", "Ethernet9"}, {"eth1", "Port-Channel2"}, {"bond1", "Ethernet8"}});
+  EXPECT_EQ(wrong.front().rfind("eth2", 0), 0u);
 
   // Changes: an address goes, the primary moves, the MTU changes, a link goes.
   for (const Msg& m : {

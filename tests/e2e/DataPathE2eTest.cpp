@@ -110,6 +110,7 @@ class RoutedDataPath : public DataPathE2e {
   TestSupport::DaemonRig rig{"e2e-datapath"};
   std::unique_ptr<TestSupport::Daemon> daemon;
   std::vector<TestSupport::Datagram> all;  // what the collector received
+  std::string bound = "Ethernet1";         // the interface tracker t samples
 
   void SetUp() override {
     DataPathE2e::SetUp();
@@ -159,7 +160,7 @@ class RoutedDataPath : public DataPathE2e {
     if (inactive == 0) {
       text += "  trackers: []\n";
     } else {
-      text += "  interfaces: {Ethernet1: t}\n  trackers:\n    - name: t\n" +
+      text += "  interfaces: {" + bound + ": t}\n  trackers:\n    - name: t\n" +
               Zub::str("      inactive-timeout: ", inactive, "\n      active-interval: ", active,
                        "\n") +
               "      exporters:\n        - name: e\n          local-interface: lo\n"
@@ -172,7 +173,7 @@ class RoutedDataPath : public DataPathE2e {
                    const std::string& collectors = "", const std::string& extra = "") {
     writeConfig(inactive, active, collectors, extra, rate);
     daemon = rig.start();
-    ASSERT_TRUE(daemon->waitForLog("FLOWTRACKING_SAMPLING: Sampling interface Ethernet1", 5s))
+    ASSERT_TRUE(daemon->waitForLog("FLOWTRACKING_SAMPLING: Sampling interface " + bound, 5s))
         << daemon->log();
     collect(300ms);  // templates and tables
   }
@@ -341,6 +342,41 @@ TEST_F(RoutedDataPath, OneInOneGivesExactRecordsWithTheirEndReasons) {
   gap.erase(gap.begin() + 2);  // a message lost on the way
   seq = TestSupport::tsharkFields(gap, {"cflow.sequence_analysis.expected_sn"});
   EXPECT_NE(seq.out.find_first_not_of("\n"), std::string::npos) << "tshark sees no gap";
+}
+
+// A link tracked by its kernel name, which does not exist when the daemon starts: a
+// warning, then, once the link is created and up, its packets are sampled, and the
+// interface table names it as the kernel does.
+TEST_F(RoutedDataPath, ALinkTrackedByItsKernelNameIsSampledOnceItAppears) {
+  bound = "uplink-7";
+  writeConfig(3, 60);
+  daemon = rig.start();
+  ASSERT_TRUE(
+      daemon->waitForLog("FLOWEXPORT_INTERFACE_MISSING: Interface uplink-7 is tracked by "
+                         "flow tracker t but does not exist; sampling starts when it "
+                         "appears.",
+                         5s))
+      << daemon->log();
+  ip("link add uplink-7 type veth peer name a2");
+  ip("link set a2 netns " + std::to_string(a.pid()));
+  ip("addr add 198.18.3.1/24 dev uplink-7");
+  ip("link set uplink-7 up");
+  a.run("ip addr add 198.18.3.2/24 dev a2");
+  a.run("ip link set a2 up");
+  a.run("ip route add 198.18.2.0/24 via 198.18.3.1");
+  EXPECT_TRUE(daemon->waitForLog("FLOWEXPORT_INTERFACE_APPEARED: Interface uplink-7", 5s));
+  ASSERT_TRUE(daemon->waitForLog("FLOWTRACKING_SAMPLING: Sampling interface uplink-7", 5s))
+      << daemon->log();
+  sendFrom(1100, 0, 5);
+  collect(4500ms);  // idle after 3 s
+  const auto got = records();
+  ASSERT_EQ(got.count("1100"), 1u) << daemon->log();
+  EXPECT_EQ(got.find("1100")->second, "5001 " + std::to_string(::if_nametoindex("uplink-7")) + " " +
+                                          std::to_string(::if_nametoindex("r2")) +
+                                          " 5 640 17 0x00 1");
+  EXPECT_NE(TestSupport::tsharkFields(all, {"cflow.if_name"}).out.find("uplink-7"),
+            std::string::npos);
+  ip("link del uplink-7");
 }
 
 // A reload that removes the tracker ends its open flows first (reason 4), and they reach
