@@ -26,6 +26,9 @@ using Zub::Glint::kState;
 
 constexpr const char* kFacility = "FLOWTRACKING";
 constexpr const char* kIpfixFacility = "IPFIX";
+// The largest IP packet an exporter sends where the kernel picks the link (no local
+// interface): the link is not known, Ethernet's MTU is assumed.
+constexpr uint32_t kRoutedMtu = 1500;
 
 }  // namespace
 
@@ -643,6 +646,7 @@ void ExpConfigSm::handleLocalIntf() {
     }
     localIntfName_ = expConfig_->localIntfName();
   }
+  hwExpConfig_->routedSourceIs(localIntfName_.empty());
   if (!localIntfName_.empty()) {
     GLINT(trace(), kState) << "Setting srcIntf to " << localIntfName_;
     bindLocalIntf_(Nelo::IntfId(localIntfName_));
@@ -793,6 +797,7 @@ void ExpConfigSm::handleIpfixMtu() {
                          << " for " << expName_;
   const uint32_t configured = expConfig_->ipfixMtu().value();
   uint32_t mtu = configured;
+  if (hwExpConfig_->routedSource()) mtu = std::min(mtu, kRoutedMtu);
   if (localIntfStatus_) {
     mtu = std::min(mtu, localIntfStatus_->mtu());
     mtu = std::max(mtu, IpfixMtu::minMtu);
@@ -806,7 +811,7 @@ void ExpConfigSm::handleIpfixMtu() {
 bool ExpConfigSm::isValidIp6Addr() const {
   const Nelo::Ip6Addr src = hwExpConfig_->srcIp6Addr();
   const size_t dsts = hwExpConfig_->collectorIp6AndPortSize();
-  const bool valid = verifyIp6Addr(src) && dsts > 0;
+  const bool valid = (hwExpConfig_->routedSource() || verifyIp6Addr(src)) && dsts > 0;
   GLINT(trace(), kDiag) << "src " << src << ", num_ipv6_dst " << dsts << ", isValid " << valid;
   return valid;
 }
@@ -817,6 +822,8 @@ bool ExpConfigSm::isValidIpAddr() const {
   const L3::VrfName& vrf = hwExpConfig_->vrfName();
   bool validVrf = vrf.name() == "default" ||
                   (vrfStatusLocal_ && vrfStatusLocal_->state() == Ip::VrfState::vrfActive);
+  // The kernel picking the source: the VRF is all there is to check.
+  if (hwExpConfig_->routedSource()) return dsts > 0 && validVrf;
   validVrf = validVrf && l3Status_ && l3Status_->vrf() == vrf;
   GLINT(trace(), kDiag) << "src " << src << ", num_ipv4_dst " << dsts << ", validVrf " << validVrf;
   return verifyIpAddr(src) && dsts > 0 && validVrf;

@@ -52,6 +52,9 @@ class ExporterConfig : public Zub::Entity {
   ZUB_ATTR(FlowTracking::TemplateInterval, templateInterval)
   ZUB_ATTR(Nelo::IpAddr, srcIpAddr)
   ZUB_ATTR(Nelo::Ip6Addr, srcIp6Addr)
+  // No local interface: the kernel's route picks the source of each packet (and follows
+  // routing changes), so the exporter sends without a source address of its own.
+  ZUB_ATTR(bool, routedSource, false)
   ZUB_COLL(collectorIpAndPort, Zub::Collection<Zub::String, Nelo::IpAndPort>)
   ZUB_COLL(collectorIp6AndPort, Zub::Collection<Zub::String, Nelo::Ip6AndPort>)
   ZUB_ATTR(bool, exporterReady, false)

@@ -105,7 +105,7 @@ Stova::Ipfix::CollectorStatisticsKey CollectorChannel::statsKey() const {
 template <class F>
 size_t CollectorChannel::send_(const Zub::Ptr<Nelo::Pkt>* pkts, size_t n) {
   const auto src = F::src(*hwExpConfig_);
-  ZUB_ASSERT_TEXT(!src.isZero(), ChannelFamily<F>::kSrcAssert);
+  ZUB_ASSERT_TEXT(!src.isZero() || hwExpConfig_->routedSource(), ChannelFamily<F>::kSrcAssert);
   ZUB_ASSERT_TEXT(pam(), "_pam");
   const typename F::Dst dst = dstOf<F>(*hwExpConfig_, name());
   GLINT(exportTrace(), kDiag) << "CollectorChannel::send for " << name() << ChannelFamily<F>::kTx

@@ -13,7 +13,9 @@ namespace FlowTracking {
 struct Ipv4Family {
   using Dst = Nelo::IpAndPort;
   static constexpr bool kIpv4 = true;
-  static bool hasSource(const HwFlowTracking::ExporterConfig& c) { return !c.srcIpAddr().isZero(); }
+  static bool hasSource(const HwFlowTracking::ExporterConfig& c) {
+    return !c.srcIpAddr().isZero() || c.routedSource();
+  }
   static const auto& collectors(const HwFlowTracking::ExporterConfig& c) {
     return c.collectorIpAndPortColl();
   }
@@ -37,7 +39,7 @@ struct Ipv6Family {
   using Dst = Nelo::Ip6AndPort;
   static constexpr bool kIpv4 = false;
   static bool hasSource(const HwFlowTracking::ExporterConfig& c) {
-    return !c.srcIp6Addr().isZero();
+    return !c.srcIp6Addr().isZero() || c.routedSource();
   }
   static const auto& collectors(const HwFlowTracking::ExporterConfig& c) {
     return c.collectorIp6AndPortColl();

@@ -111,6 +111,7 @@ class RoutedDataPath : public DataPathE2e {
   std::unique_ptr<TestSupport::Daemon> daemon;
   std::vector<TestSupport::Datagram> all;  // what the collector received
   std::string bound = "Ethernet1";         // the interface tracker t samples
+  std::string localInterface = "lo";       // its exporter's; "" for none
 
   void SetUp() override {
     DataPathE2e::SetUp();
@@ -160,12 +161,13 @@ class RoutedDataPath : public DataPathE2e {
     if (inactive == 0) {
       text += "  trackers: []\n";
     } else {
-      text += "  interfaces: {" + bound + ": t}\n  trackers:\n    - name: t\n" +
-              Zub::str("      inactive-timeout: ", inactive, "\n      active-interval: ", active,
-                       "\n") +
-              "      exporters:\n        - name: e\n          local-interface: lo\n"
-              "          template-interval: 3600\n          collectors: [" +
-              collectors + "]\n";
+      text +=
+          "  interfaces: {" + bound + ": t}\n  trackers:\n    - name: t\n" +
+          Zub::str("      inactive-timeout: ", inactive, "\n      active-interval: ", active,
+                   "\n") +
+          "      exporters:\n        - name: e\n" +
+          (localInterface.empty() ? "" : "          local-interface: " + localInterface + "\n") +
+          "          template-interval: 3600\n          collectors: [" + collectors + "]\n";
     }
     rig.write(text + "platform:\n  source: kernel\n  names: {r1: Ethernet1, r2: Ethernet2}\n");
   }
@@ -377,6 +379,52 @@ TEST_F(RoutedDataPath, ALinkTrackedByItsKernelNameIsSampledOnceItAppears) {
   EXPECT_NE(TestSupport::tsharkFields(all, {"cflow.if_name"}).out.find("uplink-7"),
             std::string::npos);
   ip("link del uplink-7");
+}
+
+// An exporter without a local interface: the kernel's route to the collector picks the
+// link and the source address, and a route the test changes moves both. The collector's
+// address lives in b, then in a, reached through routes this namespace is given.
+TEST_F(RoutedDataPath, WithoutALocalInterfaceTheRoutePicksTheSource) {
+  b.run("ip addr add 203.0.113.9/32 dev lo");
+  ip("route add 203.0.113.9/32 via 198.18.2.2");
+  localInterface = "";
+  auto listen = [](const TestSupport::PeerNamespace& ns) {
+    const int fd = ns.socket(AF_INET, SOCK_DGRAM);
+    sockaddr_in at{};
+    at.sin_family = AF_INET;
+    at.sin_port = htons(4739);
+    at.sin_addr.s_addr = htonl(0xCB007109);  // 203.0.113.9
+    EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
+    timeval wait{0, 200000};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    return fd;
+  };
+  // The source of the first datagram within 6 s, "" for none.
+  auto sourceOf = [](int fd) {
+    char buf[9216];
+    sockaddr_in from{};
+    socklen_t len = sizeof from;
+    for (int i = 0; i < 30; ++i) {
+      if (::recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &len) > 0) {
+        char text[INET_ADDRSTRLEN] = {};
+        ::inet_ntop(AF_INET, &from.sin_addr, text, sizeof text);
+        return std::string(text);
+      }
+    }
+    return std::string();
+  };
+  const int inB = listen(b);
+  startDaemon("1", 3, 60, "\"203.0.113.9:4739\"");
+  EXPECT_EQ(sourceOf(inB), "198.18.2.1") << daemon->log();
+  // The collector moves to a; the route follows it, and so does the exporter.
+  b.run("ip addr del 203.0.113.9/32 dev lo");
+  a.run("ip addr add 203.0.113.9/32 dev lo");
+  const int inA = listen(a);
+  ip("route replace 203.0.113.9/32 via 198.18.1.2");
+  sendFrom(1200, 0, 3);  // a flow whose record goes out when idle (3 s)
+  EXPECT_EQ(sourceOf(inA), "198.18.1.1") << daemon->log();
+  ::close(inA);
+  ::close(inB);
 }
 
 // A reload that removes the tracker ends its open flows first (reason 4), and they reach
