@@ -13,6 +13,7 @@
 
 #include <sys/stat.h>
 
+#include "datapath/FlowCache.h"
 #include "platform/nelo/IntfId.h"
 #include "platform/zub/Text.h"
 
@@ -26,6 +27,8 @@ ConfigError::ConfigError(const std::string& file, int line, const std::string& f
       line_(line),
       field_(field),
       message_(message) {}
+
+size_t bytesPerCachedFlow() { return FlowTracking::FlowCache::kBytesPerFlow; }
 
 IntfKind intfKindOfName(const std::string& name) {
   if (Nelo::PortChannelIntfId::isPortChannelIntfId(Nelo::IntfId(name))) return IntfKind::lag;
@@ -115,6 +118,16 @@ class Parser {
     return v;
   }
 
+  // A whole number within [lo, hi] of `unit`.
+  uint32_t range(const YAML::Node& n, const std::string& path, long long lo, long long hi,
+                 const char* unit) const {
+    const long long v = integer(n, path);
+    if (v < lo || v > hi) {
+      fail(n, path, "expected " + std::to_string(lo) + " to " + std::to_string(hi) + " " + unit);
+    }
+    return static_cast<uint32_t>(v);
+  }
+
   // A bounded model value, from the number the operator writes times `scale`.
   template <class T>
   T bounded(const YAML::Node& n, const std::string& path, long long scale = 1) const {
@@ -191,6 +204,26 @@ class Parser {
       });
     }
     return t;
+  }
+
+  // The caches' worst case, the sum of their sizes at full cost, within the limit: the
+  // first tracker whose cache goes past it is named, at its line.
+  void memoryWithinLimit(const YAML::Node& root, const AgentConfig& c) const {
+    const uint64_t limit = uint64_t{c.memoryLimitMiB} << 20;
+    uint64_t total = 0;
+    for (size_t i = 0; i < c.trackers.size(); ++i) {
+      total += uint64_t{c.trackers[i].flowCache.value()} * bytesPerCachedFlow();
+      if (total <= limit) continue;
+      const YAML::Node t = root["flow-tracking"]["trackers"][i];
+      const std::string path = "flow-tracking.trackers[" + std::to_string(i) + "]";
+      const bool given = bool(t["flow-cache"]);
+      fail(given ? t["flow-cache"] : t, given ? path + ".flow-cache" : path,
+           "the flow caches would take up to " + std::to_string((total + (1 << 20) - 1) >> 20) +
+               " MiB with this one (" + std::to_string(bytesPerCachedFlow()) +
+               " bytes per flow), more than flow-tracking.memory-limit (" +
+               std::to_string(c.memoryLimitMiB) +
+               " MiB); make the caches smaller or raise the limit");
+    }
   }
 
   std::string name(const YAML::Node& n, const std::string& path) const {
@@ -311,7 +344,15 @@ class Parser {
       const std::string p = "flow-tracking";
       expectMap(ft, p,
                 {"enabled", "hardware-acceleration", "sample-rate", "compatible-options",
-                 "trackers", "interfaces"});
+                 "memory-limit", "ring-size", "trackers", "interfaces"});
+      if (ft["memory-limit"]) {
+        c.memoryLimitMiB = range(ft["memory-limit"], join(p, "memory-limit"), 16, 1 << 20, "MiB");
+      }
+      if (ft["ring-size"]) {
+        // Whole blocks of 64 KiB.
+        c.ringKiB =
+            (range(ft["ring-size"], join(p, "ring-size"), 256, 1 << 20, "KiB") + 63) / 64 * 64;
+      }
       if (ft["enabled"]) c.enabled = boolean(ft["enabled"], join(p, "enabled"));
       if (ft["hardware-acceleration"]) {
         c.hardwareAcceleration =
@@ -395,6 +436,7 @@ class Parser {
     }
     // An empty or truncated file must not switch export off by accident.
     if (!root["flow-tracking"]) fail(root, "", kNoSection);
+    memoryWithinLimit(root, c);
     // The kernel as the platform means the host samples in software, at any rate; the
     // chip of a switch described by the file samples no more often than its bound.
     if (c.platformSource == PlatformSource::file &&

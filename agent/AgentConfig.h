@@ -68,8 +68,18 @@ struct VrfSpec {
 // kernel (rtnetlink), with an optional map from kernel names to interface ids.
 enum class PlatformSource { file, kernel };
 
+// The software data path's memory: the flow caches of all trackers together hold at most
+// `memoryLimitMiB` (each flow of a cache's size counted at its full cost, as a cache that
+// fills up takes it), and each sampled interface has a ring of `ringKiB`.
+inline constexpr uint32_t kDefaultMemoryLimitMiB = 1024;
+inline constexpr uint32_t kDefaultRingKiB = 4096;
+// What one flow of a cache's size costs at most, in bytes (record and hash slots).
+size_t bytesPerCachedFlow();
+
 struct AgentConfig {
   bool enabled = false;
+  uint32_t memoryLimitMiB = kDefaultMemoryLimitMiB;
+  uint32_t ringKiB = kDefaultRingKiB;
   bool hardwareAcceleration = false;
   FlowTracking::SampleRate sampleRate;
   bool compatibleOptions = true;

@@ -104,6 +104,7 @@ void FlowExportAgent::start() {
                               ? parseConfig(embeddedDefaultConfig(), "(embedded default)")
                               : parseConfig(appliedText_, options_.configFile);
   restoreFtIds_();
+  ringKiB_ = cfg.ringKiB;
   applyPlatformFrom_(cfg);
   applyFlowTracking_(cfg);
 
@@ -169,7 +170,8 @@ void FlowExportAgent::dataPathIs_(bool on) {
       hwConfig_, hwStatus_, status_.intfIndexMap, info_,
       [this](const Nelo::IntfId& intf) { return vrfIdOf_(intf); },
       [this](const FlowTracking::FlowKey& key) { return routes_ ? routes_->egress(key) : 0; },
-      scheduler(), dataPathOptions, FlowTracking::packetSocketSources(scheduler()));
+      scheduler(), dataPathOptions,
+      FlowTracking::packetSocketSources(scheduler(), [this] { return ringKiB_ * 1024; }));
 }
 
 uint32_t FlowExportAgent::vrfIdOf_(const Nelo::IntfId& intf) const {
@@ -225,6 +227,10 @@ bool FlowExportAgent::reload() {
     }
   }
   applyFlowTracking_(cfg);
+  if (cfg.ringKiB != ringKiB_) {
+    ringKiB_ = cfg.ringKiB;
+    if (dataPathSm_) dataPathSm_->reopenSources();
+  }
   dataPathIs_(cfg.platformSource == PlatformSource::kernel);
   appliedText_ = std::move(text);
   FLOWEXPORT_CONFIG_LOADED.log(options_.configFile);

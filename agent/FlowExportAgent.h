@@ -113,6 +113,7 @@ class FlowExportAgent : public Hollin::CAgent {
   std::unique_ptr<FlowTracking::RouteLookup> routes_;
   Zub::Ptr<FlowTracking::DataPathSm> dataPathSm_;
   std::map<std::string, std::string> kernelNames_;
+  uint32_t ringKiB_ = kDefaultRingKiB;
   // The interface bindings as the file wrote them (once applied), and how each bound
   // name stood when last reported.
   std::optional<std::map<std::string, std::string>> bindingsWritten_;

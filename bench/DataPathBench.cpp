@@ -179,7 +179,7 @@ void ringBenchmark() {
   uint64_t folded = 0;
   PacketSocketSource::Options o;
   o.ifindex = ::if_nametoindex("s1");
-  o.blocks = 64;
+  // The default ring, as the agent opens it.
   // One source for every round, as in the agent: its ring has been written before.
   PacketSocketSource src(sched, o, [&](std::span<const Sample> batch) {
     seen += static_cast<long>(batch.size());

@@ -325,6 +325,14 @@ void DataPathSm::handleSamples_(const Nelo::IntfId& intf, std::span<const Sample
   scheduleTick_(false);
 }
 
+void DataPathSm::reopenSources() {
+  for (auto& [intf, port] : ports_) {
+    if (port.source) ringDropsGone_ += port.source->ringDrops();
+    port.source.reset();
+    startPort_(intf, port);
+  }
+}
+
 void DataPathSm::vrfsChanged() {
   for (auto& [intf, port] : ports_) port.vrfId = vrfIdOf_ ? vrfIdOf_(intf) : 0;
 }
@@ -413,10 +421,12 @@ size_t DataPathSm::sources() const {
   return n;
 }
 
-DataPathSm::SourceFactory packetSocketSources(Orrin::TaskScheduler& scheduler) {
-  return [&scheduler](uint32_t ifindex, uint32_t rate, uint32_t snapLen,
-                      SampleSource::Handler handler) -> std::unique_ptr<SampleSource> {
+DataPathSm::SourceFactory packetSocketSources(Orrin::TaskScheduler& scheduler,
+                                              std::function<uint32_t()> ringBytes) {
+  return [&scheduler, ringBytes](uint32_t ifindex, uint32_t rate, uint32_t snapLen,
+                                 SampleSource::Handler handler) -> std::unique_ptr<SampleSource> {
     PacketSocketSource::Options o;
+    o.blocks = std::max<uint32_t>(1, ringBytes() / o.blockBytes);
     o.ifindex = ifindex;
     o.sampleRate = rate;
     o.snapLen = snapLen;

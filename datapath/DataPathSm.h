@@ -87,6 +87,9 @@ class DataPathSm : public Zub::Reactor {
   void flushAll();
   // Ends the flows of one tracker now (it is about to go, its exporters still send).
   void endFlows(const Zub::Name& tracker);
+  // Closes every sample source and opens it again (with the factory's new ring size);
+  // the flows in the caches stay.
+  void reopenSources();
   // The platform changed: each tracked interface's VRF is read again (new flows of an
   // interface that moved are keyed with its new VRF).
   void vrfsChanged();
@@ -144,7 +147,9 @@ class DataPathSm : public Zub::Reactor {
   uint64_t ringDropsGone_ = 0;  // of sources that no longer exist
 };
 
-// Packet sockets.
-DataPathSm::SourceFactory packetSocketSources(Orrin::TaskScheduler& scheduler);
+// Packet sockets whose rings are `ringBytes()` large (taken when each opens), in blocks
+// of the default size.
+DataPathSm::SourceFactory packetSocketSources(Orrin::TaskScheduler& scheduler,
+                                              std::function<uint32_t()> ringBytes);
 
 }  // namespace FlowTracking

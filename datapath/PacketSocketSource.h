@@ -50,7 +50,7 @@ class PacketSocketSource : public SampleSource {
     uint32_t sampleRate = 1;  // one in this many packets
     uint32_t snapLen = 192;
     uint32_t blockBytes = 1 << 16;
-    uint32_t blocks = 16;
+    uint32_t blocks = 64;          // 4 MiB: a flood of new flows at one in one finds room
     uint32_t blockTimeoutMs = 20;  // a block that is not full is handed over after this
   };
   PacketSocketSource(Orrin::TaskScheduler& scheduler, const Options& options, Handler handler);

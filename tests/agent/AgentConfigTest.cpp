@@ -112,6 +112,10 @@ TEST(AgentConfig, RefusalsNameFileLineFieldAndTheModelsMessage) {
       {"flow-tracking:\n  sample-rate: 0\n",
        "f.yaml:2: flow-tracking.sample-rate: SampleRate::value < SampleRate::minRate or > "
        "SampleRate::maxRate not allowed"},
+      {"flow-tracking:\n  memory-limit: 8\n",
+       "f.yaml:2: flow-tracking.memory-limit: expected 16 to 1048576 MiB"},
+      {"flow-tracking:\n  ring-size: 100\n",
+       "f.yaml:2: flow-tracking.ring-size: expected 256 to 1048576 KiB"},
       {"flow-tracking:\n  sample-rate: 1023\n",
        "f.yaml:2: flow-tracking.sample-rate: the chip samples one packet in 1024 to 16777216; "
        "with `platform: {source: kernel}` the host samples at any rate from 1"},

@@ -15,6 +15,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <fstream>
 #include <map>
 #include <sstream>
 #include <string>
@@ -425,6 +426,50 @@ TEST_F(RoutedDataPath, WithoutALocalInterfaceTheRoutePicksTheSource) {
   EXPECT_EQ(sourceOf(inA), "198.18.1.1") << daemon->log();
   ::close(inA);
   ::close(inB);
+}
+
+// Resident memory of a process, in KiB (0 when it cannot be read).
+long residentKiB(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
+  }
+  return 0;
+}
+
+// A reload whose flow caches would take more than the memory limit is refused at the
+// line of the first cache past it; the daemon keeps its tracker, its flows and its memory.
+TEST_F(RoutedDataPath, AReloadBeyondTheMemoryLimitIsRefusedAndTheRunningStateKept) {
+  startDaemon("1", 30, 60);
+  sendFrom(1300, 0, 4);
+  std::this_thread::sleep_for(300ms);
+  const long before = residentKiB(daemon->pid());
+  // Four caches of 4,194,304 flows: about 2.3 GiB when full, past the default 1 GiB.
+  rig.write(
+      "flow-tracking:\n  enabled: true\n  sample-rate: 1\n  interfaces: {Ethernet1: t}\n"
+      "  trackers:\n    - {name: t, flow-cache: 4194304}\n    - {name: u, flow-cache: 4194304}\n"
+      "    - {name: v, flow-cache: 4194304}\n    - {name: w, flow-cache: 4194304}\n"
+      "platform:\n  source: kernel\n  names: {r1: Ethernet1}\n");
+  daemon->signal(SIGHUP);
+  ASSERT_TRUE(
+      daemon->waitForLog("FLOWEXPORT_CONFIG_REFUSED: Configuration refused: " + rig.config +
+                             ":7: flow-tracking.trackers[1].flow-cache: the flow caches would "
+                             "take up to 1184 MiB with this one",
+                         5s))
+      << daemon->log();
+  const long after = residentKiB(daemon->pid());
+  std::printf("resident: %ld KiB before the reload, %ld KiB after\n", before, after);
+  EXPECT_LT(after - before, 8 * 1024);
+  sendFrom(1300, 0, 2);
+  std::this_thread::sleep_for(200ms);
+  daemon->signal(SIGTERM);
+  ASSERT_EQ(daemon->wait(), 0) << daemon->log();
+  collect(300ms);
+  const auto got = records();
+  ASSERT_EQ(got.count("1300"), 1u) << daemon->log();
+  EXPECT_EQ(got.find("1300")->second, "5001 " + std::to_string(::if_nametoindex("r1")) + " " +
+                                          std::to_string(::if_nametoindex("r2")) +
+                                          " 6 768 17 0x00 4");
 }
 
 // A reload that removes the tracker ends its open flows first (reason 4), and they reach
