@@ -152,7 +152,7 @@ TEST(AgentConfig, RefusalsNameFileLineFieldAndTheModelsMessage) {
        "f.yaml:3: flow-tracking.trackers[0].name: a name must be UTF-8 text"},
       {"flow-tracking:\n  enabeld: true\n",
        "f.yaml:2: flow-tracking.enabeld: unknown field (known: enabled, hardware-acceleration, "
-       "sample-rate, compatible-options, trackers, interfaces)"},
+       "sample-rate, compatible-options, memory-limit, ring-size, trackers, interfaces)"},
       {"flow-tracking:\n  trackers:\n    - name: t\n      exporters:\n        - name: e\n"
        "          collectors: [\"10.0.0.1\"]\n",
        "f.yaml:6: flow-tracking.trackers[0].exporters[0].collectors[0]: expected host:port"},
