@@ -558,33 +558,28 @@ std::string readConfigFile(const std::string& path) {
 }
 
 const std::string& embeddedDefaultConfig() {
-  static const std::string text = R"(# flowexportd's embedded default configuration
+  static const std::string text = R"(# flowexportd's embedded default configuration: this host's own traffic.
+# The kernel is the platform: links, addresses and VRFs are followed as they change. Every
+# Ethernet link and bond that is up (not the loopback, bridges or tunnels) is sampled, one
+# received packet in 100, and the flows go as IPFIX to a collector on 127.0.0.1:4739 with
+# the interface table that names the links. Sampling needs CAP_NET_RAW; without it the
+# daemon says so and sends templates and tables only.
 flow-tracking:
   enabled: true
-  sample-rate: 1048576
+  sample-rate: 100
+  interfaces:
+    "*": host
   trackers:
-    - name: default
-      active-interval: 300
+    - name: host
+      active-interval: 60
       inactive-timeout: 15
+      flow-cache: 65536
       exporters:
         - name: local
           collectors: ["127.0.0.1:4739"]
-          local-interface: Loopback0
           template-interval: 60
-  interfaces:
-    Ethernet1: default
 platform:
-  interfaces:
-    Loopback0:
-      mtu: 65535
-      ipv4: 127.0.0.1/8
-      ipv6: ["::1/128"]
-    Ethernet1:
-      link: up
-      forwarding-model: routed
-      index: 1
-  vrfs:
-    default: active
+  source: kernel
 )";
   return text;
 }

@@ -118,9 +118,8 @@ inline constexpr size_t kMaxConfigBytes = 64u << 20;
 std::string readConfigFile(const std::string& path);
 AgentConfig loadConfigFile(const std::string& path);
 
-// The configuration the agent runs on when it is given no file: one tracker whose
-// exporter sends from a loopback interface (127.0.0.1 and ::1) to a collector on
-// 127.0.0.1:4739.
+// The configuration the agent runs on when it is given no file: the host's own links,
+// sampled one in 100, exporting to a collector on 127.0.0.1:4739.
 const std::string& embeddedDefaultConfig();
 
 }  // namespace Agent

@@ -32,7 +32,9 @@ std::unique_ptr<Segment> Segment::create(const std::string& name, size_t bytes) 
     ::shm_unlink(name.c_str());
     throw Zub::ErrnoException("mmap " + name, e);
   }
-  return mapped(name, p, bytes, st.st_ino);
+  auto s = mapped(name, p, bytes, st.st_ino);
+  s->zeroed_ = true;
+  return s;
 }
 
 std::unique_ptr<Segment> Segment::mapped(const std::string& name, void* p, size_t bytes,
@@ -70,6 +72,7 @@ std::unique_ptr<Segment> Segment::heap(size_t bytes) {
   std::memset(s->data_, 0, bytes);
   s->bytes_ = bytes;
   s->owner_ = true;
+  s->zeroed_ = true;
   return s;
 }
 
@@ -139,7 +142,9 @@ size_t RawTable::bytesFor(uint32_t capacity, uint32_t recordBytes) {
 void RawTable::format(Segment& seg, const std::string& tableName, uint32_t capacity,
                       uint32_t recordBytes) {
   ZUB_ASSERT(seg.bytes() >= bytesFor(capacity, recordBytes));
-  std::memset(seg.data(), 0, bytesFor(capacity, recordBytes));
+  // A new segment is zero already: its pages are left untouched until a record needs
+  // them, so a large table costs no memory while it is mostly empty.
+  if (!seg.zeroed()) std::memset(seg.data(), 0, bytesFor(capacity, recordBytes));
   auto* ctl = reinterpret_cast<ControlBlock*>(seg.data());
   ctl->layoutVersion = ControlBlock::kLayoutVersion;
   ctl->capacity = capacity;

@@ -57,6 +57,8 @@ class Segment {
   // For a shared-memory reader: the name now refers to another object (the writer
   // restarted) or to none.
   bool replaced() const;
+  // Made by create() or heap() and holding zeros.
+  bool zeroed() const { return zeroed_; }
   // Writer: removes the shared-memory name (the memory stays mapped until destruction).
   void unlink();
   // The user that owns the shared-memory object (this process's for heap memory).
@@ -71,6 +73,7 @@ class Segment {
   size_t bytes_ = 0;
   bool mapped_ = false;
   bool owner_ = false;  // heap memory to free
+  bool zeroed_ = false;  // new, nothing written yet
   ino_t inode_ = 0;
   uid_t ownerUid_ = ::geteuid();
 };
