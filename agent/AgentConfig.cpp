@@ -558,7 +558,8 @@ std::string readConfigFile(const std::string& path) {
 }
 
 const std::string& embeddedDefaultConfig() {
-  static const std::string text = R"(# flowexportd's embedded default configuration: this host's own traffic.
+  static const std::string text =
+      R"(# flowexportd's embedded default configuration: this host's own traffic.
 # The kernel is the platform: links, addresses and VRFs are followed as they change. Every
 # Ethernet link and bond that is up (not the loopback, bridges or tunnels) is sampled, one
 # received packet in 100, and the flows go as IPFIX to a collector on 127.0.0.1:4739 with

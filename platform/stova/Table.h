@@ -72,7 +72,7 @@ class Segment {
   uint8_t* data_ = nullptr;
   size_t bytes_ = 0;
   bool mapped_ = false;
-  bool owner_ = false;  // heap memory to free
+  bool owner_ = false;   // heap memory to free
   bool zeroed_ = false;  // new, nothing written yet
   ino_t inode_ = 0;
   uid_t ownerUid_ = ::geteuid();
