@@ -323,9 +323,11 @@ void ringBenchmark() {
     std::printf("%-44s %9.0f samples/s | %-34s %9.0f samples/s | ratio %6.2f (target >= 0.5)\n",
                 (std::string("end to end, ") + names[w]).c_str(), best[work],
                 "ring read (every byte)", best[read], best[work] / best[read]);
-    std::printf("end to end, %s: ring drops %llu with the data path, %llu with the read loop\n",
-                names[w], static_cast<unsigned long long>(drops[work]),
-                static_cast<unsigned long long>(drops[read]));
+    std::printf(
+        "end to end, %s: ring drops %llu with the data path, %llu with the read loop (the "
+        "default ring, %u KiB)\n",
+        names[w], static_cast<unsigned long long>(drops[work]),
+        static_cast<unsigned long long>(drops[read]), o.blocks * o.blockBytes / 1024);
   }
   ::close(tx);
   Bench::keep(folded);
