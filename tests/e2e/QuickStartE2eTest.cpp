@@ -1,5 +1,5 @@
 // The README's quick start, "Export this host's flows to a collector", run as written in a
-// network and mount namespace of the test's own (a private /tmp): a collector (nfcapd), the
+// network and mount namespace of the test's own (a private /tmp/flows): a collector (nfcapd), the
 // agent on its embedded default, traffic on a link with a name of the test's choosing, and
 // nfdump showing the flows with the link's name. `sudo` is the test's own, which runs the
 // command as it is; `flowexportd` is the build's. Skipped where there is no namespace or no
@@ -107,9 +107,14 @@ TEST(QuickStart, TheReadmesCommandsShowTheHostsFlowsInNfdumpWithTheLinksName) {
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);
   gSkip = TestSupport::enterNetworkNamespace(true);
-  // /tmp of the namespace's own: the commands write /tmp/flows.
-  if (gSkip.empty() && ::mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
-    gSkip = "cannot mount a private /tmp";
+  // The commands write /tmp/flows: a directory of the namespace's own there (the rest of
+  // /tmp stays visible: the build may live in it). One the test had to make goes after.
+  const bool made = gSkip.empty() && ::mkdir("/tmp/flows", 0755) == 0;
+  if (gSkip.empty() && ::mount("tmpfs", "/tmp/flows", "tmpfs", 0, "mode=0755") != 0) {
+    gSkip = "cannot mount a private /tmp/flows";
   }
-  return RUN_ALL_TESTS();
+  const int rc = RUN_ALL_TESTS();
+  ::umount("/tmp/flows");
+  if (made) ::rmdir("/tmp/flows");
+  return rc;
 }
