@@ -128,13 +128,18 @@ class Parser {
     return static_cast<uint32_t>(v);
   }
 
-  // A bounded model value, from the number the operator writes times `scale`.
+  // A bounded model value, from the number the operator writes in `unit`s, each `scale`
+  // of the model's; out of range, the error says the range in those units.
   template <class T>
-  T bounded(const YAML::Node& n, const std::string& path, long long scale = 1) const {
+  T bounded(const YAML::Node& n, const std::string& path, const char* unit,
+            long long scale = 1) const {
     const long long v = integer(n, path);
-    const long long limit = 1LL << 40;
+    const long long lo = (T::kMin + scale - 1) / scale, hi = T::kMax / scale;
+    if (v < lo || v > hi) {
+      fail(n, path, "expected " + std::to_string(lo) + " to " + std::to_string(hi) + " " + unit);
+    }
     try {
-      return T(v > limit || v < -limit ? v : v * scale);
+      return T(v * scale);
     } catch (const Zub::RangeException& e) {
       fail(n, path, e.what());
     }
@@ -169,11 +174,11 @@ class Parser {
     if (n["local-interface"])
       e.localInterface = str(n["local-interface"], join(path, "local-interface"));
     if (n["vrf"]) e.vrf = vrf(n["vrf"], join(path, "vrf"));
-    if (n["dscp"]) e.dscp = bounded<Nelo::DscpValue>(n["dscp"], join(path, "dscp"));
-    if (n["mtu"]) e.mtu = bounded<FlowTracking::IpfixMtu>(n["mtu"], join(path, "mtu"));
+    if (n["dscp"]) e.dscp = bounded<Nelo::DscpValue>(n["dscp"], join(path, "dscp"), "(DSCP)");
+    if (n["mtu"]) e.mtu = bounded<FlowTracking::IpfixMtu>(n["mtu"], join(path, "mtu"), "bytes");
     if (n["template-interval"]) {
       e.templateInterval = bounded<FlowTracking::TemplateInterval>(
-          n["template-interval"], join(path, "template-interval"), 1000);
+          n["template-interval"], join(path, "template-interval"), "seconds", 1000);
     }
     return e;
   }
@@ -184,15 +189,16 @@ class Parser {
     if (!n["name"]) fail(n, path, "a tracker needs a name");
     t.name = name(n["name"], join(path, "name"));
     if (n["active-interval"]) {
-      t.activeInterval = bounded<FlowTracking::ActiveInterval>(n["active-interval"],
-                                                               join(path, "active-interval"), 1000);
+      t.activeInterval = bounded<FlowTracking::ActiveInterval>(
+          n["active-interval"], join(path, "active-interval"), "seconds", 1000);
     }
     if (n["flow-cache"]) {
-      t.flowCache = bounded<FlowTracking::FlowCacheSize>(n["flow-cache"], join(path, "flow-cache"));
+      t.flowCache =
+          bounded<FlowTracking::FlowCacheSize>(n["flow-cache"], join(path, "flow-cache"), "flows");
     }
     if (n["inactive-timeout"]) {
       t.inactiveTimeout = bounded<FlowTracking::InactiveTimeout>(
-          n["inactive-timeout"], join(path, "inactive-timeout"), 1000);
+          n["inactive-timeout"], join(path, "inactive-timeout"), "seconds", 1000);
     }
     if (n["exporters"]) {
       std::set<std::string> names;
@@ -241,8 +247,8 @@ class Parser {
   L3::VrfName vrf(const YAML::Node& n, const std::string& path) const {
     try {
       return L3::VrfName(str(n, path));
-    } catch (const Zub::RangeException& e) {
-      fail(n, path, e.what());
+    } catch (const Zub::RangeException&) {
+      fail(n, path, "a VRF name is at most " + std::to_string(L3::VrfName::maxLength) + " bytes");
     }
   }
 
@@ -278,7 +284,7 @@ class Parser {
     }
     if (n["mtu"]) {
       const long long mtu = integer(n["mtu"], join(path, "mtu"));
-      if (mtu < 68 || mtu > 65535) fail(n["mtu"], join(path, "mtu"), "expected 68..65535 bytes");
+      if (mtu < 68 || mtu > 65535) fail(n["mtu"], join(path, "mtu"), "expected 68 to 65535 bytes");
       i.mtu = static_cast<uint32_t>(mtu);
     }
     if (n["ipv4"]) {
@@ -305,7 +311,7 @@ class Parser {
     if (n["index"]) {
       const long long idx = integer(n["index"], join(path, "index"));
       if (idx < 1 || idx > 0x3FFFFFFE)
-        fail(n["index"], join(path, "index"), "expected 1..1073741822");
+        fail(n["index"], join(path, "index"), "expected 1 to 1073741822");
       i.index = static_cast<uint32_t>(idx);
     }
     return i;
@@ -330,7 +336,7 @@ class Parser {
     if (n["state"]) v.state = state(n["state"], join(path, "state"));
     if (n["id"]) {
       const long long id = integer(n["id"], join(path, "id"));
-      if (id < 0 || id > 0xFFFFFE) fail(n["id"], join(path, "id"), "expected 0..16777214");
+      if (id < 0 || id > 0xFFFFFE) fail(n["id"], join(path, "id"), "expected 0 to 16777214");
       v.id = static_cast<uint32_t>(id);
     }
     return v;
@@ -359,7 +365,8 @@ class Parser {
             boolean(ft["hardware-acceleration"], join(p, "hardware-acceleration"));
       }
       if (ft["sample-rate"]) {
-        c.sampleRate = bounded<FlowTracking::SampleRate>(ft["sample-rate"], join(p, "sample-rate"));
+        c.sampleRate = bounded<FlowTracking::SampleRate>(ft["sample-rate"], join(p, "sample-rate"),
+                                                         "(one packet in N)");
       }
       if (ft["compatible-options"]) {
         c.compatibleOptions = boolean(ft["compatible-options"], join(p, "compatible-options"));

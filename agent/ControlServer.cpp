@@ -1,5 +1,10 @@
 #include "agent/ControlServer.h"
 
+#include <grp.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
 #include "agent/Paths.h"
 
 #include <poll.h>
@@ -210,6 +215,27 @@ void ControlServer::closeClient(int fd) {
   clients_.erase(fd);
 }
 
+std::string connectError(const std::string& path, int e) {
+  if (e == EACCES || e == EPERM) {
+    // The socket, or its directory, is its group's: name the group to join.
+    struct stat st {};
+    std::string name;
+    for (const std::string& p : {path, std::filesystem::path(path).parent_path().string()}) {
+      if (::stat(p.c_str(), &st) != 0) continue;
+      const struct group* gr = ::getgrgid(st.st_gid);
+      name = gr ? gr->gr_name : std::to_string(st.st_gid);
+      break;
+    }
+    return "permission denied: only root and the members of the group " +
+           (name.empty() ? std::string("of the socket") : name) +
+           " may use it; add yourself (sudo adduser $USER " +
+           (name.empty() ? std::string("GROUP") : name) + ") and log in again";
+  }
+  std::string text = std::strerror(e);
+  if (e == ENOENT || e == ECONNREFUSED) text += " (is flowexportd running?)";
+  return text;
+}
+
 std::optional<std::string> controlRequest(const std::string& path,
                                           const std::vector<std::string>& words,
                                           std::string* error) {
@@ -226,8 +252,9 @@ std::optional<std::string> controlRequest(const std::string& path,
     return std::nullopt;
   }
   if (::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) < 0) {
-    if (error) *error = std::strerror(errno);
+    const int e = errno;
     ::close(fd);
+    if (error) *error = connectError(path, e);
     return std::nullopt;
   }
   // Only a daemon of this user, of root or the packaged service is told anything: a

@@ -66,6 +66,10 @@ class ControlServer {
 std::string controlRequestLine(const std::vector<std::string>& words);
 std::optional<std::vector<std::string>> controlRequestWords(std::string_view received);
 
+// Why connecting to the socket at `path` failed (errno `e`), in words that say what to do:
+// permission denied names the group to join, a missing socket asks whether the daemon runs.
+std::string connectError(const std::string& path, int e);
+
 // Client side: sends one request and returns the reply line, or nullopt with the
 // reason in `error`.
 std::optional<std::string> controlRequest(const std::string& path,

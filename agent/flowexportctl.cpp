@@ -6,6 +6,7 @@
 // Statistics are read from the daemon's shared memory in this process; requests go to
 // the daemon's control socket.
 
+#include <getopt.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -96,8 +97,8 @@ int showDataPath(const std::string& socket, bool json) {
   std::string error;
   auto reply = Agent::controlRequest(socket, {"datapath"}, &error);
   if (!reply) {
-    std::fprintf(stderr, "flowexportctl: cannot reach flowexportd at %s: %s (is it running?)\n",
-                 socket.c_str(), error.c_str());
+    std::fprintf(stderr, "flowexportctl: cannot reach flowexportd at %s: %s\n", socket.c_str(),
+                 error.c_str());
     return 1;
   }
   if (reply->rfind("ok ", 0) != 0) {
@@ -140,8 +141,8 @@ int clearCounters(const std::string& socket, const std::vector<std::string>& nam
   std::string error;
   auto reply = Agent::controlRequest(socket, words, &error);
   if (!reply) {
-    std::fprintf(stderr, "flowexportctl: cannot reach flowexportd at %s: %s (is it running?)\n",
-                 socket.c_str(), error.c_str());
+    std::fprintf(stderr, "flowexportctl: cannot reach flowexportd at %s: %s\n", socket.c_str(),
+                 error.c_str());
     return 1;
   }
   if (*reply != "ok") {
@@ -151,38 +152,79 @@ int clearCounters(const std::string& socket, const std::vector<std::string>& nam
   return 0;
 }
 
+// The options after a command's words: --json, --format table|json|prometheus.
+struct CommandOptions {
+  Agent::StatsFormat format = Agent::StatsFormat::table;
+  std::vector<std::string> words;
+  bool ok = true;
+};
+
+CommandOptions commandOptions(std::vector<char*> argv) {
+  CommandOptions o;
+  static const option longOptions[] = {{"json", no_argument, nullptr, 'j'},
+                                       {"format", required_argument, nullptr, 'f'},
+                                       {nullptr, 0, nullptr, 0}};
+  optind = 0;  // 0: getopt starts afresh (the first pass stopped at the command)
+  for (int c; (c = ::getopt_long(static_cast<int>(argv.size()) - 1, argv.data(), "", longOptions,
+                                 nullptr)) != -1;) {
+    if (c == 'j') {
+      o.format = Agent::StatsFormat::json;
+    } else if (c == 'f' && std::string(optarg) == "table") {
+      o.format = Agent::StatsFormat::table;
+    } else if (c == 'f' && std::string(optarg) == "json") {
+      o.format = Agent::StatsFormat::json;
+    } else if (c == 'f' && std::string(optarg) == "prometheus") {
+      o.format = Agent::StatsFormat::prometheus;
+    } else {
+      if (c == 'f')
+        std::fprintf(stderr, "flowexportctl: --format takes table, json or prometheus\n");
+      o.ok = false;
+    }
+  }
+  for (int i = optind; i + 1 < static_cast<int>(argv.size()); ++i) o.words.push_back(argv[i]);
+  return o;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   std::string statsName = Agent::defaultStatsName();
   std::string socket = Agent::defaultClientControlSocket();
-  std::vector<std::string> args;
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    if ((a == "--stats-name" || a == "--control-socket") && i + 1 < argc) {
-      (a == "--stats-name" ? statsName : socket) = argv[++i];
-    } else if (a == "--help" || a == "-h") {
-      return usage(stdout, 0);
-    } else if (a == "--version") {
-      std::printf("flowexportctl %s\n", FLOWEXPORT_VERSION);
-      return 0;
-    } else {
-      args.push_back(a);
+  // The options before the command ("+": the first word that is not one ends them).
+  static const option longOptions[] = {{"stats-name", required_argument, nullptr, 's'},
+                                       {"control-socket", required_argument, nullptr, 'c'},
+                                       {"help", no_argument, nullptr, 'h'},
+                                       {"version", no_argument, nullptr, 'V'},
+                                       {nullptr, 0, nullptr, 0}};
+  for (int c; (c = ::getopt_long(argc, argv, "+h", longOptions, nullptr)) != -1;) {
+    switch (c) {
+      case 's':
+        statsName = optarg;
+        break;
+      case 'c':
+        socket = optarg;
+        break;
+      case 'h':
+        return usage(stdout, 0);
+      case 'V':
+        std::printf("flowexportctl %s\n", FLOWEXPORT_VERSION);
+        return 0;
+      default:
+        return usage(stderr, 2);
     }
   }
-  if (args.size() >= 2 && args[0] == "show" && args[1] == "collectors") {
-    if (args.size() == 2) return showCollectors(statsName, Agent::StatsFormat::table);
-    if (args.size() == 3 && args[2] == "--json")
-      return showCollectors(statsName, Agent::StatsFormat::json);
-    if (args.size() == 4 && args[2] == "--format") {
-      if (args[3] == "table") return showCollectors(statsName, Agent::StatsFormat::table);
-      if (args[3] == "json") return showCollectors(statsName, Agent::StatsFormat::json);
-      if (args[3] == "prometheus") return showCollectors(statsName, Agent::StatsFormat::prometheus);
-    }
+  // The command's own words and options, as an argument vector of their own.
+  std::vector<char*> rest = {argv[0]};
+  for (int i = optind; i < argc; ++i) rest.push_back(argv[i]);
+  rest.push_back(nullptr);
+  const CommandOptions cmd = commandOptions(rest);
+  const std::vector<std::string>& args = cmd.words;
+  if (!cmd.ok) return usage(stderr, 2);
+  if (args.size() == 2 && args[0] == "show" && args[1] == "collectors") {
+    return showCollectors(statsName, cmd.format);
   }
-  if (args.size() >= 2 && args[0] == "show" && args[1] == "datapath") {
-    if (args.size() == 2) return showDataPath(socket, false);
-    if (args.size() == 3 && args[2] == "--json") return showDataPath(socket, true);
+  if (args.size() == 2 && args[0] == "show" && args[1] == "datapath") {
+    return showDataPath(socket, cmd.format == Agent::StatsFormat::json);
   }
   if (args.size() >= 2 && args.size() <= 4 && args[0] == "clear" && args[1] == "counters") {
     return clearCounters(socket, std::vector<std::string>(args.begin() + 2, args.end()));

@@ -2,10 +2,12 @@
 //
 //   flowexportd                      run the embedded default configuration
 //   flowexportd --config FILE        run FILE, re-read on change and on SIGHUP
+//   flowexportd --check --config FILE   validate FILE and exit (0 valid, 1 refused)
 //
 // Operator log messages go to stderr (a terminal) or syslog (a service); --trace turns
 // on traces per facility (FtConfig, FtExport, Agent, Orrin, Nelo, Ipfix, ...).
 
+#include <getopt.h>
 #include <grp.h>
 #include <sys/resource.h>
 #include <syslog.h>
@@ -28,7 +30,8 @@ void usage(FILE* out) {
   std::fprintf(out,
                "usage: flowexportd [options]\n"
                "  --config FILE          configuration file (YAML); without it the embedded\n"
-               "                         default runs: one tracker exporting to 127.0.0.1:4739\n"
+               "                         default runs: this host's links, sampled one in 100,\n"
+               "                         exported to 127.0.0.1:4739\n"
                "  --state-file FILE      where tracker ids are kept across restarts\n"
                "                         (default %s; '' to keep none)\n"
                "  --stats-name NAME      shared-memory name of the statistics (default %s)\n"
@@ -37,6 +40,8 @@ void usage(FILE* out) {
                "  --log stderr|syslog|both  where operator log messages go (default stderr; a\n"
                "                         service runs with --log syslog)\n"
                "  --trace FACILITY/LEVELS  switch traces on, e.g. FtExport/0-5 or '*/1'\n"
+               "  --check                validate the configuration (--config FILE, or the\n"
+               "                         embedded default) and exit: 0 valid, 1 refused\n"
                "  --default-config       print the embedded default configuration\n"
                "  --help, --version\n",
                Agent::defaultStateFile().c_str(), Agent::defaultStatsName().c_str(),
@@ -72,57 +77,94 @@ int main(int argc, char** argv) {
   opt.controlSocket = Agent::defaultControlSocket();
   std::string logMode = "stderr";
   Zub::Glint::configureFromEnvironment();
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    auto value = [&]() -> std::string {
-      if (i + 1 >= argc) {
-        std::fprintf(stderr, "flowexportd: %s needs a value\n", a.c_str());
-        std::exit(2);
+  bool check = false;
+  static const option longOptions[] = {{"config", required_argument, nullptr, 'c'},
+                                       {"state-file", required_argument, nullptr, 's'},
+                                       {"stats-name", required_argument, nullptr, 'n'},
+                                       {"control-socket", required_argument, nullptr, 'S'},
+                                       {"control-group", required_argument, nullptr, 'g'},
+                                       {"log", required_argument, nullptr, 'l'},
+                                       {"trace", required_argument, nullptr, 't'},
+                                       {"check", no_argument, nullptr, 'k'},
+                                       {"default-config", no_argument, nullptr, 'd'},
+                                       {"help", no_argument, nullptr, 'h'},
+                                       {"version", no_argument, nullptr, 'V'},
+                                       {nullptr, 0, nullptr, 0}};
+  for (int c; (c = ::getopt_long(argc, argv, "h", longOptions, nullptr)) != -1;) {
+    switch (c) {
+      case 'c':
+        opt.configFile = optarg;
+        break;
+      case 's':
+        opt.stateFile = optarg;
+        break;
+      case 'n':
+        opt.statsName = optarg;
+        break;
+      case 'S':
+        opt.controlSocket = optarg;
+        break;
+      case 'g': {
+        struct group* gr = ::getgrnam(optarg);
+        if (!gr) {
+          std::fprintf(stderr, "flowexportd: no group named %s\n", optarg);
+          return 2;
+        }
+        opt.controlGroup = gr->gr_gid;
+        break;
       }
-      return argv[++i];
-    };
-    if (a == "--config") {
-      opt.configFile = value();
-    } else if (a == "--state-file") {
-      opt.stateFile = value();
-    } else if (a == "--stats-name") {
-      opt.statsName = value();
-    } else if (a == "--control-socket") {
-      opt.controlSocket = value();
-    } else if (a == "--control-group") {
-      const std::string g = value();
-      struct group* gr = ::getgrnam(g.c_str());
-      if (!gr) {
-        std::fprintf(stderr, "flowexportd: no group named %s\n", g.c_str());
+      case 'l':
+        logMode = optarg;
+        if (logMode != "stderr" && logMode != "syslog" && logMode != "both") {
+          std::fprintf(stderr, "flowexportd: --log takes stderr, syslog or both\n");
+          return 2;
+        }
+        break;
+      case 't': {
+        std::string error;
+        if (!Zub::Glint::configure(optarg, &error)) {
+          std::fprintf(stderr, "flowexportd: --trace: %s\n", error.c_str());
+          return 2;
+        }
+        break;
+      }
+      case 'k':
+        check = true;
+        break;
+      case 'd':
+        std::fputs(Agent::embeddedDefaultConfig().c_str(), stdout);
+        return 0;
+      case 'h':
+        usage(stdout);
+        return 0;
+      case 'V':
+        std::printf("flowexportd %s\n", FLOWEXPORT_VERSION);
+        return 0;
+      default:  // getopt_long said what it did not understand
+        usage(stderr);
         return 2;
-      }
-      opt.controlGroup = gr->gr_gid;
-    } else if (a == "--log") {
-      logMode = value();
-      if (logMode != "stderr" && logMode != "syslog" && logMode != "both") {
-        std::fprintf(stderr, "flowexportd: --log takes stderr, syslog or both\n");
-        return 2;
-      }
-    } else if (a == "--trace") {
-      std::string error;
-      if (!Zub::Glint::configure(value(), &error)) {
-        std::fprintf(stderr, "flowexportd: --trace: %s\n", error.c_str());
-        return 2;
-      }
-    } else if (a == "--help" || a == "-h") {
-      usage(stdout);
-      return 0;
-    } else if (a == "--default-config") {
-      std::fputs(Agent::embeddedDefaultConfig().c_str(), stdout);
-      return 0;
-    } else if (a == "--version") {
-      std::printf("flowexportd %s\n", FLOWEXPORT_VERSION);
-      return 0;
-    } else {
-      std::fprintf(stderr, "flowexportd: unknown option %s\n", a.c_str());
-      usage(stderr);
-      return 2;
     }
+  }
+  if (optind < argc) {
+    std::fprintf(stderr, "flowexportd: unexpected argument %s\n", argv[optind]);
+    usage(stderr);
+    return 2;
+  }
+  if (check) {
+    // The file is read and validated as a reload would, and nothing else is touched.
+    try {
+      if (opt.configFile.empty()) {
+        Agent::parseConfig(Agent::embeddedDefaultConfig(), "(embedded default)");
+      } else {
+        Agent::loadConfigFile(opt.configFile);
+      }
+    } catch (const Agent::ConfigError& e) {
+      std::fprintf(stderr, "flowexportd: configuration refused: %s\n", e.what());
+      return 1;
+    }
+    std::printf("flowexportd: %s is valid\n",
+                opt.configFile.empty() ? "the embedded default" : opt.configFile.c_str());
+    return 0;
   }
   toStderr = logMode != "syslog";
   toSyslog = logMode != "stderr";

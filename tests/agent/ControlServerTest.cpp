@@ -3,6 +3,7 @@
 // daemon's socket at the path. The loop is driven step by step on a manual clock.
 
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -214,3 +215,17 @@ TEST_F(ControlServerTest, TheClientTalksOnlyToItsOwnUsersOrRootsDaemon) {
 }
 
 }  // namespace
+
+// What a client is told when it cannot connect: a user outside the socket's group which
+// group to join, a missing socket whether the daemon runs.
+TEST(ControlClient, ConnectErrorsSayWhatToDo) {
+  TestSupport::TempDir dir;
+  const struct group* gr = ::getgrgid(::getegid());
+  ASSERT_NE(gr, nullptr);
+  const std::string name = gr->gr_name;
+  EXPECT_EQ(Agent::connectError(dir.file("control.sock"), EACCES),
+            "permission denied: only root and the members of the group " + name +
+                " may use it; add yourself (sudo adduser $USER " + name + ") and log in again");
+  EXPECT_EQ(Agent::connectError(dir.file("control.sock"), ENOENT),
+            "No such file or directory (is flowexportd running?)");
+}

@@ -203,8 +203,7 @@ TEST_F(AgentE2e, OperatorSession) {
                       << "      inactive-timeout: 1000\n";
   ASSERT_TRUE(daemon->waitForLog(
       "FLOWEXPORT_CONFIG_REFUSED: Configuration refused: " + file +
-      ":5: flow-tracking.trackers[0].inactive-timeout: InactiveTimeout::value < "
-      "InactiveTimeout::minTimeout or > InactiveTimeout::maxTimeout not allowed"))
+      ":5: flow-tracking.trackers[0].inactive-timeout: expected 3 to 900 seconds"))
       << daemon->log();
   // Nothing was torn down or sent again: every counter and time is as it was.
   EXPECT_EQ(ctl("show collectors --format prometheus").out, metrics.out);
@@ -252,6 +251,46 @@ TEST_F(AgentE2e, OperatorSession) {
       << shown.err;
   EXPECT_NE(shown.out.find("127.0.0.1:" + std::to_string(rx1.port())), std::string::npos)
       << shown.out;
+}
+
+// `--check` tells whether a file is valid, and the unit's reload runs it first: reloading
+// a file the daemon would refuse fails, with the line, before the daemon is signalled.
+TEST_F(AgentE2e, TheUnitsReloadChecksTheFileFirst) {
+  writeConfig(tracker("edge", c1(), 3600));
+  auto daemon = startDaemon();
+  ASSERT_TRUE(daemon->waitForLog("FLOWEXPORT_CONFIG_LOADED", 5s)) << daemon->log();
+  std::ifstream unit(UNIT_PATH);
+  std::string reload;
+  for (std::string line; std::getline(unit, line);) {
+    if (line.rfind("ExecReload=", 0) == 0)
+      reload += (reload.empty() ? "" : " && ") + line.substr(11);
+  }
+  auto replace = [&](const std::string& from, const std::string& to) {
+    for (size_t at = 0; (at = reload.find(from, at)) != std::string::npos; at += to.size()) {
+      reload.replace(at, from.size(), to);
+    }
+  };
+  replace("/usr/sbin/flowexportd", FLOWEXPORTD);
+  replace("/etc/flowexport/flowexport.yaml", file);
+  replace("$MAINPID", std::to_string(daemon->pid()));
+  reload = "sh -c '" + reload + "'";
+  auto good = TestSupport::runCommand(reload);
+  EXPECT_EQ(good.status, 0) << reload << "\n" << good.err;
+  EXPECT_EQ(good.out, "flowexportd: " + file + " is valid\n");
+  EXPECT_TRUE(daemon->waitForLog("FLOWEXPORT_CONFIG_UNCHANGED", 5s)) << daemon->log();
+  std::ofstream(file + ".bad") << "flow-tracking:\n  enabled: true\n  trackers:\n    - name: edge\n"
+                               << "      inactive-timeout: 1000\n";
+  replace(file, file + ".bad");
+  auto bad = TestSupport::runCommand(reload);
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_EQ(bad.err, "flowexportd: configuration refused: " + file +
+                         ".bad:5: flow-tracking.trackers[0].inactive-timeout: expected 3 to 900 "
+                         "seconds\n");
+  // Not signalled: the one reload the daemon logged is the first one's.
+  std::this_thread::sleep_for(300ms);
+  const std::string log = daemon->log();
+  const auto first = log.find("FLOWEXPORT_CONFIG_UNCHANGED");
+  EXPECT_EQ(log.find("FLOWEXPORT_CONFIG_UNCHANGED", first + 1), std::string::npos) << log;
 }
 
 // A signal that arrives while the daemon is still starting (here: applying a file with

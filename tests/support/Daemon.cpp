@@ -91,8 +91,9 @@ void DaemonRig::write(const std::string& text, const std::string& path) const {
 }
 
 std::unique_ptr<Daemon> DaemonRig::start(std::vector<std::string> extra) const {
-  std::vector<std::string> args = {"--config",         config, "--stats-name", stats,
-                                   "--control-socket", socket, "--log",        "stderr"};
+  // The `--name=value` form, as operators may write it.
+  std::vector<std::string> args = {"--config=" + config, "--stats-name=" + stats,
+                                   "--control-socket=" + socket, "--log=stderr"};
   args.insert(args.end(), extra.begin(), extra.end());
   return std::make_unique<Daemon>(FLOWEXPORTD, args, dir.file("daemon.log"));
 }
