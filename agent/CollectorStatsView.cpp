@@ -34,7 +34,9 @@ void appendf(std::string& out, const char* format, ...) {
   out += big;
 }
 
-std::string json(const std::string& s) {
+}  // namespace
+
+std::string jsonString(const std::string& s) {
   std::string out = "\"";
   for (char c : s) {
     switch (c) {
@@ -59,6 +61,19 @@ std::string json(const std::string& s) {
   }
   return out + "\"";
 }
+
+std::string promLabel(const std::string& v) {
+  std::string out;
+  for (char c : Zub::printable(v)) {
+    if (c == '\\' || c == '"') out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+namespace {
+
+std::string json(const std::string& s) { return jsonString(s); }
 
 // What a collector receives in a set, by set id.
 std::string setName(uint16_t setId) {
@@ -98,14 +113,7 @@ size_t setSlots(const Stova::Ipfix::CollectorStatisticsEntry& e) {
 // metric family per counter, labelled by tracker, exporter, collector (and set id).
 std::string prometheus(const std::vector<const Stova::Ipfix::CollectorStatisticsEntry*>& rows) {
   using Entry = Stova::Ipfix::CollectorStatisticsEntry;
-  auto label = [](const std::string& v) {
-    std::string out;
-    for (char c : Zub::printable(v)) {
-      if (c == '\\' || c == '"') out += '\\';
-      out += c;
-    }
-    return out;
-  };
+  auto label = [](const std::string& v) { return promLabel(v); };
   auto labels = [&](const Entry& e) {
     return "tracker=\"" + label(e.key.tracker()) + "\",exporter=\"" + label(e.key.exporter()) +
            "\",collector=\"" + label(e.key.collector.stringValue()) + "\"";
@@ -139,7 +147,7 @@ std::string prometheus(const std::vector<const Stova::Ipfix::CollectorStatistics
          "(rows of the options tables).",
          {{"flow_data", &Entry::exportedDataRecordCount},
           {"options_data", &Entry::exportedOptionsDataRecordCount}});
-  family("flowexport_octets_total", "counter", "Octets of IPFIX messages sent to the collector.",
+  family("flowexport_bytes_total", "counter", "Bytes of IPFIX messages sent to the collector.",
          [](const Entry& e) { return std::to_string(e.exportedOctetTotalCount); });
   family("flowexport_send_errors_total", "counter",
          "Messages to the collector that the kernel refused.",

@@ -18,6 +18,10 @@ enum class StatsFormat { table, json, prometheus };
 std::string renderCollectorStats(std::vector<Stova::Ipfix::CollectorStatisticsEntry> entries,
                                  StatsFormat format);
 
+// A JSON string of `s` (quoted, escaped), and `s` as a Prometheus label value.
+std::string jsonString(const std::string& s);
+std::string promLabel(const std::string& s);
+
 // A time for people: local time to the second, "never" for none, "invalid" for a value
 // no calendar holds.
 std::string timeText(double unixSeconds);

@@ -161,8 +161,13 @@ void ControlServer::expireClients() {
       oldest = std::min(oldest, client.since);
     }
   }
-  for (int fd : idle)
-    answer(fd, "error: no request within " + std::to_string(kClientTimeout.count()) + " s");
+  for (int fd : idle) {
+    if (clients_[fd].answered) {
+      closeClient(fd);  // it stopped reading its reply
+    } else {
+      answer(fd, "error: no request within " + std::to_string(kClientTimeout.count()) + " s");
+    }
+  }
   if (!clients_.empty()) {
     expiry_->scheduleTaskLowestDelay(std::chrono::nanoseconds(oldest + limit - now));
   }
@@ -171,6 +176,7 @@ void ControlServer::expireClients() {
 void ControlServer::handleClient(int fd) {
   auto it = clients_.find(fd);
   if (it == clients_.end()) return;
+  if (it->second.answered) return;
   std::string& received = it->second.received;
   char buf[512];
   bool closed = false;
@@ -199,13 +205,39 @@ void ControlServer::handleClient(int fd) {
   answer(fd, handler_(*words));
 }
 
-// Sends one reply line and closes the client. A short reply on a fresh socket: one
-// write suffices; a client that stalls loses it.
-void ControlServer::answer(int fd, const std::string& line) {
-  std::string reply = line;
-  if (reply.empty() || reply.back() != '\n') reply += "\n";
-  ssize_t w = ::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
-  (void)w;
+// Sends the reply and closes the client once it is all written. A reply larger than the
+// socket takes at once (a list of flows) is written as the client reads it; a client that
+// stops reading is closed by the same timeout as one that sends nothing.
+void ControlServer::answer(int fd, const std::string& text) {
+  auto it = clients_.find(fd);
+  if (it == clients_.end()) return;
+  Client& client = it->second;
+  client.reply = text.size() > kMaxReply ? text.substr(0, kMaxReply) : text;
+  if (client.reply.empty() || client.reply.back() != '\n') client.reply += "\n";
+  client.answered = true;
+  client.since = scheduler_.now();
+  writeReply(fd);
+}
+
+void ControlServer::writeReply(int fd) {
+  auto it = clients_.find(fd);
+  if (it == clients_.end()) return;
+  Client& client = it->second;
+  while (client.sent < client.reply.size()) {
+    const ssize_t w = ::send(fd, client.reply.data() + client.sent,
+                             client.reply.size() - client.sent, MSG_NOSIGNAL);
+    if (w > 0) {
+      client.sent += static_cast<size_t>(w);
+      client.since = scheduler_.now();
+      continue;
+    }
+    if (w < 0 && (errno == EAGAIN || errno == EINTR)) {
+      scheduler_.fdIs(fd, EPOLLOUT, [this, fd](uint32_t) { writeReply(fd); });
+      if (!expiry_->scheduled()) expiry_->scheduleTaskLowestDelay(kClientTimeout);
+      return;
+    }
+    break;  // the client went away
+  }
   closeClient(fd);
 }
 
@@ -276,15 +308,19 @@ std::optional<std::string> controlRequest(const std::string& path,
     return std::nullopt;
   }
   std::string reply;
-  char buf[512];
-  // Bounded wait: the daemon answers at once or not at all.
-  for (int rounds = 0; rounds < 50; ++rounds) {
+  std::vector<char> buf(64 * 1024);
+  // Bounded: the daemon answers at once and closes when its reply is written; a reply
+  // stops coming when nothing arrived for 5 s.
+  for (int quiet = 0; quiet < 50 && reply.size() <= ControlServer::kMaxReply;) {
     pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, 100) <= 0) continue;
-    ssize_t n = ::read(fd, buf, sizeof buf);
+    if (::poll(&p, 1, 100) <= 0) {
+      ++quiet;
+      continue;
+    }
+    const ssize_t n = ::read(fd, buf.data(), buf.size());
     if (n <= 0) break;
-    reply.append(buf, static_cast<size_t>(n));
-    if (reply.find('\n') != std::string::npos) break;
+    reply.append(buf.data(), static_cast<size_t>(n));
+    quiet = 0;
   }
   ::close(fd);
   if (reply.empty()) {

@@ -1,7 +1,8 @@
 #pragma once
 // The daemon's control socket: a Unix stream socket on which a client sends one
-// request line (words separated by tabs) and reads one reply line ("ok ..." or
-// "error: ..."). The socket is created with mode 0600, or 0660 and the given group.
+// request line (words separated by tabs) and reads the reply ("ok ..." or "error: ...",
+// one line or, for the views, "ok" and lines of text) until the daemon closes. The socket
+// is created with mode 0600, or 0660 and the given group.
 //
 // Clients cannot hold the daemon: one that has not sent its line within
 // kClientTimeout is closed, at most kMaxClients are served at once (more are answered
@@ -27,6 +28,7 @@ class ControlServer {
   static constexpr std::chrono::seconds kClientTimeout{2};
   static constexpr size_t kMaxClients = 64;
   static constexpr size_t kMaxRequest = 4096;
+  static constexpr size_t kMaxReply = 64u << 20;
   // Raises Zub::ErrnoException when the socket cannot be made, or Zub::Exception when
   // another daemon answers on it or the path is something other than a socket (that is
   // never removed).
@@ -41,11 +43,15 @@ class ControlServer {
  private:
   struct Client {
     std::string received;
-    Zub::Nanoseconds since = 0;
+    Zub::Nanoseconds since = 0;  // accepted, or the last progress of its reply
+    std::string reply;           // once answered: what is written, `sent` bytes of it so far
+    size_t sent = 0;
+    bool answered = false;
   };
   void handleAccept();
   void handleClient(int fd);
-  void answer(int fd, const std::string& line);
+  void answer(int fd, const std::string& text);
+  void writeReply(int fd);
   void closeClient(int fd);
   void expireClients();
 

@@ -268,6 +268,7 @@ void FlowExportAgent::flushEntityLog() { std::fflush(stderr); }
 std::string FlowExportAgent::handleControl(const std::vector<std::string>& words) {
   if (words.empty()) return "error: empty request";
   if (words[0] == "ping") return "ok";
+  if (words[0] == "show") return show_(words);
   if (words[0] == "clear-counters") {
     if (words.size() > 3) return "error: clear-counters takes at most a tracker and an exporter";
     FlowTracking::ClearCountersReq req;
@@ -282,20 +283,6 @@ std::string FlowExportAgent::handleControl(const std::vector<std::string>& words
     req.reqTime = Zub::System::now();
     configReq_->clearCountersIs(req);
     return "ok";
-  }
-  if (words[0] == "datapath") {
-    if (!dataPathSm_)
-      return "error: the software data path is off (it needs platform source kernel)";
-    size_t flows = 0;
-    for (const auto& [name, ft] : hwConfig_->hwFtConfigColl()) flows += dataPathSm_->flows(name);
-    return "ok sources " + std::to_string(dataPathSm_->sources()) + " samples " +
-           std::to_string(dataPathSm_->samples()) + " flows " + std::to_string(flows) +
-           " parse-errors " + std::to_string(dataPathSm_->parseErrors()) + " ring-drops " +
-           std::to_string(dataPathSm_->ringDrops()) + " unencoded " +
-           std::to_string(dataPathSm_->unencoded()) + " dropped-no-exporter " +
-           std::to_string(dataPathSm_->dropped().noExporter) + " dropped-no-ready-collector " +
-           std::to_string(dataPathSm_->dropped().noReadyCollector) + " dropped-oversized " +
-           std::to_string(dataPathSm_->dropped().oversized);
   }
   return "error: unknown request '" + words[0] + "'";
 }

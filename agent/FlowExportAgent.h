@@ -76,6 +76,18 @@ class FlowExportAgent : public Hollin::CAgent {
   void applyPlatformFrom_(const AgentConfig& cfg);
   void startKernel_();
   void applyKernel_();
+  // The views of `flowexportctl show` (AgentViews.cpp): "show WHAT FORMAT [TOP [SORT]]".
+  std::string show_(const std::vector<std::string>& words);
+  std::string showFlows_(const std::string& format, size_t top, bool byPackets);
+  std::string showTrackers_(const std::string& format);
+  std::string showExporters_(const std::string& format);
+  std::string showDataPath_(const std::string& format);
+  struct TrackedIntf {
+    std::string name, kernelName, state;
+  };
+  std::vector<TrackedIntf> trackedIntfs_(const Zub::Name& tracker);
+  std::string intfName_(uint32_t index) const;
+  std::string kernelName_(const Nelo::IntfId& intf) const;
   // The file's flow-tracking section, its interface bindings expanded over the platform.
   void applyFlowTracking_(AgentConfig cfg);
   // Says which bound interfaces do not exist or cannot be sampled, and which appeared,

@@ -1,6 +1,6 @@
 // flowexportctl: shows what flowexportd exported and asks it to clear its counters.
 //
-//   flowexportctl show collectors [--json]
+//   flowexportctl show collectors|flows|trackers|exporters|datapath [--json]
 //   flowexportctl clear counters [TRACKER [EXPORTER]]
 //
 // Statistics are read from the daemon's shared memory in this process; requests go to
@@ -35,9 +35,18 @@ int usage(FILE* out, int rc) {
                "       flowexportctl --help | --version\n"
                "  show collectors [--json | --format table|json|prometheus]\n"
                "                                      export statistics per collector\n"
-               "  show datapath [--json]              the software data path's counters (sources,\n"
-               "                                      samples, flows, parse errors, ring drops,\n"
-               "                                      records that reached no collector)\n"
+               "  show flows [--top N] [--sort bytes|packets]\n"
+               "                                      the flows in the caches now, the largest\n"
+               "                                      first (default 20 by bytes)\n"
+               "  show trackers                       each tracker: id, rate, timeouts, cache\n"
+               "                                      use, its interfaces and their state\n"
+               "  show exporters                      each exporter: state, source, message\n"
+               "                                      size, its collectors' addresses and state\n"
+               "  show datapath                       each sampled interface: samples, parse\n"
+               "                                      errors, ring drops; records that reached\n"
+               "                                      no collector\n"
+               "  every show takes --json (with a schemaVersion) or --format\n"
+               "  table|json|prometheus\n"
                "  clear counters [TRACKER [EXPORTER]] reset them (all, one tracker, or one\n"
                "                                      exporter of a tracker)\n");
   return rc;
@@ -47,6 +56,16 @@ int usage(FILE* out, int rc) {
 bool writerRuns(uint64_t pid) {
   if (pid == 0 || pid > static_cast<uint64_t>(std::numeric_limits<pid_t>::max())) return false;
   return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
+}
+
+// For a metrics collector: whether the daemon runs, and which version this is.
+void promHeader(bool up) {
+  std::printf(
+      "# HELP flowexport_up Whether flowexportd runs (1) or its counters are missing or left "
+      "behind (0).\n# TYPE flowexport_up gauge\nflowexport_up %d\n"
+      "# HELP flowexport_build_info The version of flowexport.\n"
+      "# TYPE flowexport_build_info gauge\nflowexport_build_info{version=\"%s\"} 1\n",
+      up ? 1 : 0, FLOWEXPORT_VERSION);
 }
 
 int showCollectors(const std::string& statsName, Agent::StatsFormat format) {
@@ -68,6 +87,7 @@ int showCollectors(const std::string& statsName, Agent::StatsFormat format) {
     writerPid = reader.writerPid();
     entries = reader.all(&busy);
   } catch (const std::exception& e) {
+    if (format == Agent::StatsFormat::prometheus) promHeader(false);
     std::fprintf(stderr,
                  "flowexportctl: no statistics in shared memory %s (%s): is flowexportd "
                  "running?\n",
@@ -88,50 +108,26 @@ int showCollectors(const std::string& statsName, Agent::StatsFormat format) {
   if (busy) {
     std::fprintf(stderr, "flowexportctl: %zu row(s) were being written and are not shown\n", busy);
   }
+  if (format == Agent::StatsFormat::prometheus) promHeader(rc == 0);
   std::fputs(Agent::renderCollectorStats(std::move(entries), format).c_str(), stdout);
   return rc;
 }
 
-// The software data path's counters: a line each, or one JSON object of numbers.
-int showDataPath(const std::string& socket, bool json) {
+// A view the daemon renders: "show WHAT FORMAT [TOP SORT]"; the reply's text as it is.
+int showView(const std::string& socket, std::vector<std::string> words) {
   std::string error;
-  auto reply = Agent::controlRequest(socket, {"datapath"}, &error);
+  auto reply = Agent::controlRequest(socket, words, &error);
   if (!reply) {
     std::fprintf(stderr, "flowexportctl: cannot reach flowexportd at %s: %s\n", socket.c_str(),
                  error.c_str());
     return 1;
   }
-  if (reply->rfind("ok ", 0) != 0) {
+  if (reply->rfind("ok\n", 0) != 0) {
     std::fprintf(stderr, "flowexportctl: %s\n", Zub::printable(*reply).c_str());
     return 1;
   }
-  // "ok name value name value ...": names and values.
-  std::vector<std::string> words;
-  for (size_t at = 3; at < reply->size();) {
-    const size_t end = std::min(reply->find(' ', at), reply->size());
-    words.push_back(reply->substr(at, end - at));
-    at = end + 1;
-  }
-  std::string out = json ? "{" : "";
-  for (size_t i = 0; i + 1 < words.size(); i += 2) {
-    const std::string name = Zub::printable(words[i]);
-    const std::string& value = words[i + 1];
-    if (!json) {
-      out += Zub::str(name, std::string(name.size() < 28 ? 28 - name.size() : 1, ' '),
-                      Zub::printable(value), "\n");
-      continue;
-    }
-    // Names are words and values counts: anything else would be a daemon of another
-    // version, and is left out or null rather than trusted.
-    if (name.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789-") != std::string::npos) {
-      continue;
-    }
-    const bool number = !value.empty() && value.size() <= 20 &&
-                        value.find_first_not_of("0123456789") == std::string::npos;
-    out += Zub::str(out.size() > 1 ? ", " : "", "\"", name, "\": ", number ? value : "null");
-  }
-  if (json) out += "}\n";
-  std::fputs(out.c_str(), stdout);
+  std::fputs(reply->c_str() + 3, stdout);
+  if (reply->back() != '\n') std::fputs("\n", stdout);
   return 0;
 }
 
@@ -155,6 +151,8 @@ int clearCounters(const std::string& socket, const std::vector<std::string>& nam
 // The options after a command's words: --json, --format table|json|prometheus.
 struct CommandOptions {
   Agent::StatsFormat format = Agent::StatsFormat::table;
+  std::string top = "20";
+  std::string sort = "bytes";
   std::vector<std::string> words;
   bool ok = true;
 };
@@ -163,11 +161,17 @@ CommandOptions commandOptions(std::vector<char*> argv) {
   CommandOptions o;
   static const option longOptions[] = {{"json", no_argument, nullptr, 'j'},
                                        {"format", required_argument, nullptr, 'f'},
+                                       {"top", required_argument, nullptr, 't'},
+                                       {"sort", required_argument, nullptr, 's'},
                                        {nullptr, 0, nullptr, 0}};
   optind = 0;  // 0: getopt starts afresh (the first pass stopped at the command)
   for (int c; (c = ::getopt_long(static_cast<int>(argv.size()) - 1, argv.data(), "", longOptions,
                                  nullptr)) != -1;) {
-    if (c == 'j') {
+    if (c == 't') {
+      o.top = optarg;
+    } else if (c == 's') {
+      o.sort = optarg;
+    } else if (c == 'j') {
       o.format = Agent::StatsFormat::json;
     } else if (c == 'f' && std::string(optarg) == "table") {
       o.format = Agent::StatsFormat::table;
@@ -223,8 +227,14 @@ int main(int argc, char** argv) {
   if (args.size() == 2 && args[0] == "show" && args[1] == "collectors") {
     return showCollectors(statsName, cmd.format);
   }
-  if (args.size() == 2 && args[0] == "show" && args[1] == "datapath") {
-    return showDataPath(socket, cmd.format == Agent::StatsFormat::json);
+  static const char* formats[] = {"table", "json", "prometheus"};
+  const std::string format = formats[static_cast<int>(cmd.format)];
+  if (args.size() == 2 && args[0] == "show" &&
+      (args[1] == "flows" || args[1] == "trackers" || args[1] == "exporters" ||
+       args[1] == "datapath")) {
+    std::vector<std::string> words = {"show", args[1], format};
+    if (args[1] == "flows") words.insert(words.end(), {cmd.top, cmd.sort});
+    return showView(socket, words);
   }
   if (args.size() >= 2 && args.size() <= 4 && args[0] == "clear" && args[1] == "counters") {
     return clearCounters(socket, std::vector<std::string>(args.begin() + 2, args.end()));

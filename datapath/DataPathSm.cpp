@@ -318,16 +318,23 @@ void DataPathSm::handleSamples_(const Nelo::IntfId& intf, std::span<const Sample
   Tracker* t = tracker_(pit->second.tracker);
   if (!t) return;
   samples_ += samples.size();
+  pit->second.samples += samples.size();
   Sink sink(*this, *t);
-  parseErrors_ += addSamples(samples, pit->second.ifindex, pit->second.vrfId, scheduler_.now(),
-                             t->cache, sink, egressOf_);
+  const size_t errors = addSamples(samples, pit->second.ifindex, pit->second.vrfId,
+                                   scheduler_.now(), t->cache, sink, egressOf_);
+  parseErrors_ += errors;
+  pit->second.parseErrors += errors;
   if (!t->pending.empty()) publish_(*t);  // ended by a sample (active timeout, room)
   scheduleTick_(false);
 }
 
 void DataPathSm::reopenSources() {
   for (auto& [intf, port] : ports_) {
-    if (port.source) ringDropsGone_ += port.source->ringDrops();
+    if (port.source) {
+      const uint64_t drops = port.source->ringDrops();
+      ringDropsGone_ += drops;
+      port.ringDrops += drops;
+    }
     port.source.reset();
     startPort_(intf, port);
   }
@@ -413,6 +420,30 @@ uint64_t DataPathSm::ringDrops() {
 size_t DataPathSm::flows(const Zub::Name& tracker) const {
   auto it = trackers_.find(tracker);
   return it == trackers_.end() ? 0 : it->second->cache.size();
+}
+
+size_t DataPathSm::capacity(const Zub::Name& tracker) const {
+  auto it = trackers_.find(tracker);
+  return it == trackers_.end() ? 0 : it->second->cache.capacity();
+}
+
+std::vector<DataPathSm::PortView> DataPathSm::ports() {
+  std::vector<PortView> out;
+  for (auto& [intf, port] : ports_) {
+    const uint64_t drops = port.ringDrops + (port.source ? port.source->ringDrops() : 0);
+    out.push_back({intf, port.tracker, port.ifindex, bool(port.source), port.samples,
+                   port.parseErrors, drops});
+  }
+  return out;
+}
+
+void DataPathSm::forEachFlow(
+    const std::function<bool(const Zub::Name&, const FlowRecord&)>& f) const {
+  bool more = true;
+  for (const auto& [name, t] : trackers_) {
+    t->cache.forEach([&](const FlowRecord& r) { return more = f(name, r); });
+    if (!more) return;
+  }
 }
 
 size_t DataPathSm::sources() const {

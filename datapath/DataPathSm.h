@@ -106,7 +106,19 @@ class DataPathSm : public Zub::Reactor {
   const Dropped& dropped() const { return dropped_; }
   uint64_t ringDrops();
   size_t flows(const Zub::Name& tracker) const;
+  size_t capacity(const Zub::Name& tracker) const;
   size_t sources() const;
+  // A tracked interface as the views show it.
+  struct PortView {
+    Nelo::IntfId intf;
+    Zub::Name tracker;
+    uint32_t ifindex = 0;
+    bool sampling = false;  // its packet socket is open
+    uint64_t samples = 0, parseErrors = 0, ringDrops = 0;
+  };
+  std::vector<PortView> ports();
+  // Calls `f` with each flow of every tracker, until it returns false.
+  void forEachFlow(const std::function<bool(const Zub::Name&, const FlowRecord&)>& f) const;
   const Zub::Ptr<Orrin::TimerTask>& tickTask() const { return tick_; }
 
  private:
@@ -117,6 +129,9 @@ class DataPathSm : public Zub::Reactor {
     uint32_t vrfId = 0;
     std::unique_ptr<SampleSource> source;
     bool failed = false;  // the last start failed (logged once)
+    uint64_t samples = 0;
+    uint64_t parseErrors = 0;
+    uint64_t ringDrops = 0;  // of the sources it had before this one
   };
   class Sink;
 

@@ -165,6 +165,13 @@ class FlowCache {
   void timeoutsIs(int64_t idleNs, int64_t activeNs);
   uint64_t evictions() const { return evictions_; }
   const FlowRecord* find(const FlowKey& key) const;
+  // Calls `f` with each flow, the most recently seen first, until it returns false.
+  template <class F>
+  void forEach(F&& f) const {
+    for (uint32_t i = idle_.tail; i != kNone; i = records_[i].idlePrev) {
+      if (!f(records_[i])) return;
+    }
+  }
   // The egress interface of `key`'s flow, when it is in the cache.
   void egressIs(const FlowKey& key, uint32_t egressIf);
   // Bytes held per flow of capacity (record and slots).
