@@ -197,8 +197,9 @@ std::vector<FlowExportAgent::TrackedIntf> FlowExportAgent::trackedIntfs_(const Z
   std::vector<FlowTracking::DataPathSm::PortView> ports;
   if (dataPathSm_) ports = dataPathSm_->ports();
   std::vector<TrackedIntf> out;
-  for (const auto& [intf, cfg] : config_->flowTrackerIntfConfigColl()) {
-    if (cfg->trackerName() != tracker) continue;
+  for (const auto& entry : config_->flowTrackerIntfConfigColl()) {
+    const Nelo::IntfId& intf = entry.first;
+    if (entry.second->trackerName() != tracker) continue;
     TrackedIntf t;
     t.name = intf.name();
     t.kernelName = kernelName_(intf);
@@ -287,6 +288,13 @@ std::string FlowExportAgent::showExporters_(const std::string& format) {
     std::string tracker, exporter, vrf, source4, source6;
     bool ready = false, routed = false;
     uint32_t messageBytes = 0;
+    size_t collectors4 = 0, collectors6 = 0;
+    // A family is active with collectors of it and a source address of it (or the route's).
+    std::string family(bool v6) const {
+      if ((v6 ? collectors6 : collectors4) == 0) return "no collectors";
+      if (!routed && (v6 ? source6 : source4).empty()) return "no source address";
+      return ready ? "active" : "inactive";
+    }
     std::vector<Collector> collectors;
   };
   std::vector<Row> rows;
@@ -304,6 +312,8 @@ std::string FlowExportAgent::showExporters_(const std::string& format) {
         row.source4 = hw->srcIpAddr().isZero() ? "" : hw->srcIpAddr().stringValue();
         row.source6 = hw->srcIp6Addr().isZero() ? "" : hw->srcIp6Addr().stringValue();
         row.messageBytes = hw->ipfixMaxMsgSize();
+        row.collectors4 = hw->collectorIpAndPortSize();
+        row.collectors6 = hw->collectorIp6AndPortSize();
       }
       for (const auto& [key, hp] : expCfg->collectorHostAndPortColl()) {
         Collector c;
@@ -344,7 +354,9 @@ std::string FlowExportAgent::showExporters_(const std::string& format) {
       out += Zub::str(i ? ", " : "", "{\"tracker\": ", jsonString(r.tracker),
                       ", \"exporter\": ", jsonString(r.exporter), ", \"vrf\": ", jsonString(r.vrf),
                       ", \"state\": \"", r.ready ? "active" : "inactive",
-                      "\", \"source\": ", r.routed ? "\"chosen by the route\"" : "null",
+                      "\", \"families\": {\"ipv4\": \"", r.family(false), "\", \"ipv6\": \"",
+                      r.family(true),
+                      "\"}, \"source\": ", r.routed ? "\"chosen by the route\"" : "null",
                       ", \"sourceIpv4\": ", r.source4.empty() ? "null" : jsonString(r.source4),
                       ", \"sourceIpv6\": ", r.source6.empty() ? "null" : jsonString(r.source6),
                       ", \"messageBytes\": ", r.messageBytes, ", \"collectors\": [");

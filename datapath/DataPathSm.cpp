@@ -440,8 +440,9 @@ std::vector<DataPathSm::PortView> DataPathSm::ports() {
 void DataPathSm::forEachFlow(
     const std::function<bool(const Zub::Name&, const FlowRecord&)>& f) const {
   bool more = true;
-  for (const auto& [name, t] : trackers_) {
-    t->cache.forEach([&](const FlowRecord& r) { return more = f(name, r); });
+  for (const auto& entry : trackers_) {
+    const Zub::Name& name = entry.first;
+    entry.second->cache.forEach([&](const FlowRecord& r) { return more = f(name, r); });
     if (!more) return;
   }
 }

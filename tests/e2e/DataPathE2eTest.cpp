@@ -470,6 +470,9 @@ TEST_F(RoutedDataPath, TheViewsShowFlowsTrackersExportersAndInterfaces) {
                            "\", \"state\": \"active\""),
             std::string::npos)
       << exporters;
+  EXPECT_NE(exporters.find("\"families\": {\"ipv4\": \"active\", \"ipv6\": \"no collectors\"}"),
+            std::string::npos)
+      << exporters;
   EXPECT_NE(ctl("show exporters").find("does not resolve (yet)"), std::string::npos);
   const std::string datapath = ctl("show datapath --json");
   EXPECT_NE(datapath.find("{\"name\": \"Ethernet1\", \"kernelName\": \"r1\", \"index\": " + r1 +
