@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <map>
 
 #include "agent/CollectorStatsView.h"
 #include "agent/FlowExportAgent.h"
@@ -409,6 +410,14 @@ std::string FlowExportAgent::showDataPath_(const std::string& format) {
   const uint64_t parseErrors = dataPathSm_ ? dataPathSm_->parseErrors() : 0;
   const uint64_t ringDrops = dataPathSm_ ? dataPathSm_->ringDrops() : 0;
   const uint64_t unencoded = dataPathSm_ ? dataPathSm_->unencoded() : 0;
+  // Flows by the interface they came in on.
+  std::map<uint32_t, size_t> flowsIn;
+  if (dataPathSm_) {
+    dataPathSm_->forEachFlow([&](const Zub::Name&, const FlowTracking::FlowRecord& r) {
+      ++flowsIn[r.key.ingressIf];
+      return true;
+    });
+  }
   std::string out;
   if (format == "prometheus") {
     struct Family {
@@ -446,12 +455,12 @@ std::string FlowExportAgent::showDataPath_(const std::string& format) {
     out = Zub::str("{\"schemaVersion\": ", kSchemaVersion, ", \"interfaces\": [");
     for (size_t i = 0; i < ports.size(); ++i) {
       const auto& p = ports[i];
-      out +=
-          Zub::str(i ? ", " : "", "{\"name\": ", jsonString(p.intf.name()),
-                   ", \"kernelName\": ", jsonString(kernelName_(p.intf)),
-                   ", \"index\": ", p.ifindex, ", \"tracker\": ", jsonString(p.tracker),
-                   ", \"sampling\": ", p.sampling ? "true" : "false", ", \"samples\": ", p.samples,
-                   ", \"parseErrors\": ", p.parseErrors, ", \"ringDrops\": ", p.ringDrops, "}");
+      out += Zub::str(
+          i ? ", " : "", "{\"name\": ", jsonString(p.intf.name()),
+          ", \"kernelName\": ", jsonString(kernelName_(p.intf)), ", \"index\": ", p.ifindex,
+          ", \"tracker\": ", jsonString(p.tracker), ", \"flows\": ", flowsIn[p.ifindex],
+          ", \"sampling\": ", p.sampling ? "true" : "false", ", \"samples\": ", p.samples,
+          ", \"parseErrors\": ", p.parseErrors, ", \"ringDrops\": ", p.ringDrops, "}");
     }
     return out + Zub::str("], \"on\": ", dataPathSm_ ? "true" : "false",
                           ", \"totals\": {\"samples\": ", samples, ", \"flows\": ", flows,
@@ -462,11 +471,12 @@ std::string FlowExportAgent::showDataPath_(const std::string& format) {
                           ", \"oversized\": ", dropped.oversized, "}}\n");
   }
   std::vector<std::vector<std::string>> t = {
-      {"Interface", "Index", "Tracker", "State", "Samples", "Parse errors", "Ring drops"}};
+      {"Interface", "Index", "Tracker", "State", "Flows", "Samples", "Parse errors", "Ring drops"}};
   for (const auto& p : ports) {
     t.push_back({p.intf.name(), std::to_string(p.ifindex), p.tracker,
-                 p.sampling ? "sampling" : "failed", std::to_string(p.samples),
-                 std::to_string(p.parseErrors), std::to_string(p.ringDrops)});
+                 p.sampling ? "sampling" : "failed", std::to_string(flowsIn[p.ifindex]),
+                 std::to_string(p.samples), std::to_string(p.parseErrors),
+                 std::to_string(p.ringDrops)});
   }
   if (!dataPathSm_) return "the software data path is off (it runs with platform source: kernel)\n";
   return table(t) +

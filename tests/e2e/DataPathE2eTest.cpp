@@ -476,7 +476,7 @@ TEST_F(RoutedDataPath, TheViewsShowFlowsTrackersExportersAndInterfaces) {
   EXPECT_NE(ctl("show exporters").find("does not resolve (yet)"), std::string::npos);
   const std::string datapath = ctl("show datapath --json");
   EXPECT_NE(datapath.find("{\"name\": \"Ethernet1\", \"kernelName\": \"r1\", \"index\": " + r1 +
-                          ", \"tracker\": \"t\", \"sampling\": true, \"samples\": "),
+                          ", \"tracker\": \"t\", \"flows\": "),
             std::string::npos)
       << datapath;
   const std::string promtool = ::access(PROMTOOL, X_OK) == 0 ? PROMTOOL : "promtool";
