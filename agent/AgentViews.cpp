@@ -185,9 +185,9 @@ std::string FlowExportAgent::showFlows_(const std::string& format, size_t top, b
     const auto& k = row.r.key;
     t.push_back({row.tracker, protocolText(k.protocol), addressText(k, true),
                  std::to_string(k.srcPort), addressText(k, false), std::to_string(k.dstPort),
-                 intfName_(k.ingressIf), intfName_(row.r.egressIf), std::to_string(row.r.packets),
-                 std::to_string(row.r.octets), seconds(ageOf(row.r.startNs)),
-                 seconds(ageOf(row.r.lastSeenNs))});
+                 intfName_(k.ingressIf), row.r.egressIf ? intfName_(row.r.egressIf) : "-",
+                 std::to_string(row.r.packets), std::to_string(row.r.octets),
+                 seconds(ageOf(row.r.startNs)), seconds(ageOf(row.r.lastSeenNs))});
   }
   return table(t) + Zub::str(rows.size(), " of ", total, " flows, the largest by ",
                              byPackets ? "packets" : "bytes", "\n");
