@@ -28,6 +28,22 @@ ConfigError::ConfigError(const std::string& file, int line, const std::string& f
       field_(field),
       message_(message) {}
 
+std::string nameProblem(const std::string& s) {
+  if (s.empty()) return "a name must not be empty";
+  for (size_t i = 0; i < s.size();) {
+    uint32_t cp = 0;
+    const size_t len = Zub::utf8SequenceAt(s, i, &cp);
+    if (len == 0) return "a name must be UTF-8 text";
+    if (Zub::isControl(cp)) return "a name must not contain control characters";
+    i += len;
+  }
+  if (s.size() > FlowTracking::Constants::confNameMaxLen()) {
+    return "a name is at most " + std::to_string(FlowTracking::Constants::confNameMaxLen()) +
+           " bytes";
+  }
+  return "";
+}
+
 size_t bytesPerCachedFlow() { return FlowTracking::FlowCache::kBytesPerFlow; }
 
 IntfKind intfKindOfName(const std::string& name) {
@@ -234,13 +250,7 @@ class Parser {
 
   std::string name(const YAML::Node& n, const std::string& path) const {
     std::string s = str(n, path);
-    if (s.empty()) fail(n, path, "a name must not be empty");
-    refuseControlCharacters(n, path, s);
-    if (s.size() > FlowTracking::Constants::confNameMaxLen()) {
-      fail(n, path,
-           "a name is at most " + std::to_string(FlowTracking::Constants::confNameMaxLen()) +
-               " bytes");
-    }
+    if (const std::string why = nameProblem(s); !why.empty()) fail(n, path, why);
     return s;
   }
 

@@ -110,6 +110,11 @@ class ConfigError : public std::runtime_error {
   std::string message_;
 };
 
+// Why `s` cannot be the name of a tracker, exporter or VRF-bound object, or "" when it
+// can: names are non-empty UTF-8 text without control characters, and short enough for
+// the tables that carry them.
+std::string nameProblem(const std::string& s);
+
 // Parses and validates; raises ConfigError.
 AgentConfig parseConfig(const std::string& yamlText, const std::string& fileName);
 // The largest configuration file read; a larger one is refused.

@@ -1,5 +1,7 @@
 #include "agent/FtIdStateFile.h"
 
+#include "agent/AgentConfig.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,6 +42,15 @@ std::map<std::string, uint32_t> FtIdStateFile::parse(std::string_view text, cons
   std::map<std::string, uint32_t> ids;
   std::map<uint32_t, std::string> owners;  // an id belongs to the first line that names it
   int lineNo = 0;
+  // A damaged file may hold millions of bad lines: the first few are named, the rest
+  // counted.
+  constexpr int kNamed = 5;
+  int bad = 0;
+  auto ignored = [&](const std::string& why) {
+    if (warning && ++bad <= kNamed) {
+      *warning += path + ":" + std::to_string(lineNo) + ": ignored " + why + "\n";
+    }
+  };
   for (size_t at = 0; at < text.size();) {
     const size_t end = std::min(text.find('\n', at), text.size());
     const std::string line(text.substr(at, end - at));
@@ -59,25 +70,29 @@ std::map<std::string, uint32_t> FtIdStateFile::parse(std::string_view text, cons
       ok = ok && id >= 1 && id <= 65535;
     }
     if (!ok) {
-      if (warning) *warning += path + ":" + std::to_string(lineNo) + ": ignored malformed line\n";
+      ignored("malformed line");
       continue;
     }
+    // Read back like a name in the configuration: the file is outside input.
     const std::string name = line.substr(space + 1);
+    if (const std::string why = nameProblem(name); !why.empty()) {
+      ignored("line: " + why);
+      continue;
+    }
     const auto owner = owners.find(static_cast<uint32_t>(id));
     if (owner != owners.end() || ids.count(name)) {
       // A repeated id or name (a hand-edited or damaged file): the later line is dropped
       // and its tracker gets a fresh id.
-      if (warning) {
-        *warning +=
-            path + ":" + std::to_string(lineNo) + ": ignored line: " +
-            (owner != owners.end() ? "id " + std::to_string(id) + " is " + owner->second + "'s"
-                                   : "tracker " + name + " has an id already") +
-            "\n";
-      }
+      ignored("line: " + (owner != owners.end()
+                              ? "id " + std::to_string(id) + " is " + owner->second + "'s"
+                              : "tracker " + name + " has an id already"));
       continue;
     }
     owners[static_cast<uint32_t>(id)] = name;
     ids[name] = static_cast<uint32_t>(id);
+  }
+  if (warning && bad > kNamed) {
+    *warning += path + ": and " + std::to_string(bad - kNamed) + " more lines ignored\n";
   }
   return ids;
 }

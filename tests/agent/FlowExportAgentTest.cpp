@@ -72,8 +72,28 @@ TEST(FtIdStateFile, OnlyLinesOfDigitsABlankAndANameCount) {
   std::string warning;
   const auto ids = Agent::FtIdStateFile::parse(text, "ftids", &warning);
   EXPECT_EQ(ids, (std::map<std::string, uint32_t>{{"alpha", 7}}));
-  EXPECT_EQ(std::count(warning.begin(), warning.end(), '\n'), 8) << warning;
+  // The first five bad lines are named, the rest counted.
+  EXPECT_EQ(std::count(warning.begin(), warning.end(), '\n'), 6) << warning;
+  EXPECT_NE(warning.find("ftids: and 3 more lines ignored\n"), std::string::npos) << warning;
   EXPECT_EQ(Agent::FtIdStateFile::parse(Agent::FtIdStateFile::text(ids), "ftids"), ids);
+  // Names are read back as the configuration's are: control characters, bytes that are
+  // not UTF-8 and names too long for the tables are dropped, not taken to a fatal check.
+  warning.clear();
+  const auto named = Agent::FtIdStateFile::parse(
+      "9 esc\x1b[2J\n10 \xff\xfe\n11 " + std::string(300, 'n') + "\n12 ok\n", "ftids", &warning);
+  EXPECT_EQ(named, (std::map<std::string, uint32_t>{{"ok", 12}}));
+  EXPECT_NE(warning.find("ftids:1: ignored line: a name must not contain control characters"),
+            std::string::npos)
+      << warning;
+  EXPECT_NE(warning.find("ftids:2: ignored line: a name must be UTF-8 text"), std::string::npos);
+  EXPECT_NE(warning.find("ftids:3: ignored line: a name is at most"), std::string::npos);
+  // Two million bad lines make a short report.
+  std::string flood;
+  for (int i = 0; i < 2000000; ++i) flood += "x\n";
+  warning.clear();
+  Agent::FtIdStateFile::parse(flood, "ftids", &warning);
+  EXPECT_LT(warning.size(), 512u) << warning;
+  EXPECT_NE(warning.find("and 1999995 more lines ignored"), std::string::npos) << warning;
 }
 
 TEST_F(AgentTest, TrackerIdsSurviveADisabledPeriod) {
