@@ -74,8 +74,22 @@ bool KernelStatusSource::start(std::string* error, int receiveBuffer) {
   return true;
 }
 
-// Links first, then addresses, into a fresh model that replaces the current one.
+// A dump that saw links change while it ran ("dump interrupted") is incomplete and is
+// repeated at once: under churn it may take a few tries. Only a dump that fails otherwise,
+// or is interrupted every time, is a failure.
 bool KernelStatusSource::dump_(std::string* error) {
+  constexpr int kAttempts = 20;
+  for (int attempt = 1;; ++attempt) {
+    bool interrupted = false;
+    if (dumpOnce_(error, &interrupted)) return true;
+    if (!interrupted || attempt == kAttempts) return false;
+    ++interruptedDumps_;
+    GLINT(trace(), 1) << "kernel status: dump interrupted by changes; dumping again";
+  }
+}
+
+// Links first, then addresses, into a fresh model that replaces the current one.
+bool KernelStatusSource::dumpOnce_(std::string* error, bool* interrupted) {
   mnl_socket* s = mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC);
   if (!s || mnl_socket_bind(s, 0, MNL_SOCKET_AUTOPID) < 0) {
     if (error) *error = failure("rtnetlink dump socket");
@@ -118,6 +132,8 @@ bool KernelStatusSource::dump_(std::string* error) {
       rc = mnl_cb_run(buf.data(), static_cast<size_t>(n), seq, portId, applyOne, &fresh);
     }
     if (!ok || rc < 0) {
+      // libmnl's EINTR: the kernel flagged the dump NLM_F_DUMP_INTR.
+      *interrupted = ok && errno == EINTR;
       ok = false;
       break;
     }

@@ -35,11 +35,14 @@ class KernelStatusSource {
   const KernelStatus& status() const { return status_; }
   // Dumps made so far: one at start, one per overrun.
   uint64_t dumps() const { return dumps_; }
+  // Dumps the kernel interrupted (links changed meanwhile) and that were made again.
+  uint64_t interruptedDumps() const { return interruptedDumps_; }
   // The event socket broke and the dump that should have replaced it failed.
   bool broken() const { return broken_; }
 
  private:
   bool dump_(std::string* error);
+  bool dumpOnce_(std::string* error, bool* interrupted);
   void handleEvents_();
 
   Orrin::TaskScheduler& scheduler_;
@@ -48,6 +51,7 @@ class KernelStatusSource {
   mnl_socket* events_ = nullptr;
   KernelStatus status_;
   uint64_t dumps_ = 0;
+  uint64_t interruptedDumps_ = 0;
   bool broken_ = false;
   // Event reads land here, allocated once: this runs at every netlink wake-up.
   std::vector<char> eventBuf_ = std::vector<char>(32768);

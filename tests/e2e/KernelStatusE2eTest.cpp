@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <fstream>
 #include <thread>
 
 #include <signal.h>
@@ -140,6 +142,48 @@ TEST_F(KernelStatusE2e, AnOverrunThatCannotBeRedumpedIsReported) {
 
 // flowexportd with `platform: {source: kernel}`: the exporter's source is the address the
 // kernel gives its local link, and the link's state decides whether it exports.
+// Links that keep changing while the kernel is dumped: a dump the kernel flags as
+// interrupted is made again at once, and every start succeeds with a whole dump.
+TEST_F(KernelStatusE2e, AnInterruptedDumpIsRepeatedNotAFailure) {
+  std::string batch;
+  for (int i = 0; i < 100; ++i)
+    batch += "link add c" + std::to_string(i) + " type veth peer name d" + std::to_string(i) + "\n";
+  TestSupport::TempDir dir;
+  std::ofstream(dir.file("add")) << batch;
+  ip("-batch " + dir.file("add"));
+  std::string flap;
+  for (int i = 0; i < 100; ++i) {
+    const std::string n = std::to_string(i);
+    flap += "link set d" + n + " up\nlink set c" + n + " up\nlink set c" + n + " down\n" +
+            "link add e" + n + " type veth peer name f" + n + "\nlink del e" + n + "\n";
+  }
+  std::ofstream(dir.file("flap")) << flap;
+  // Flapping in the background for at most 4 s.
+  std::atomic<bool> churning{true};
+  std::thread churn([&] {
+    TestSupport::runCommand("timeout 4 sh -c 'while :; do ip -batch " + dir.file("flap") +
+                            "; done'");
+    churning = false;
+  });
+  uint64_t interrupted = 0;
+  int dumps = 0;
+  for (; dumps < 500 && churning; ++dumps) {
+    Orrin::TaskScheduler s;
+    Agent::KernelStatusSource fresh(s, [](const Agent::KernelStatus&) {});
+    std::string error;
+    EXPECT_TRUE(fresh.start(&error)) << error;
+    EXPECT_GE(fresh.status().links().size(), 201u);  // lo and both ends of each pair
+    interrupted += fresh.interruptedDumps();
+  }
+  churn.join();
+  std::printf("%llu of %d dumps were interrupted and made again\n",
+              static_cast<unsigned long long>(interrupted), dumps);
+  std::string del;
+  for (int i = 0; i < 100; ++i) del += "link del c" + std::to_string(i) + "\n";
+  std::ofstream(dir.file("del")) << del;
+  ip("-batch " + dir.file("del"));
+}
+
 TEST_F(KernelStatusE2e, TheDaemonExportsFromTheKernelsAddressAndFollowsTheLink) {
   ip("link add v0 type veth peer name v1");
   ip("addr add 10.9.0.1/24 dev v0");
