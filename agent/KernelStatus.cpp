@@ -7,11 +7,13 @@
 #include <linux/if_link.h>
 #include <linux/rtnetlink.h>
 
+#include <cstdio>
 #include <cstring>
 
 #include "platform/nelo/IntfId.h"
 #include "platform/nelo/Netlink.h"
 #include "platform/zub/Glint.h"
+#include "platform/zub/Text.h"
 
 namespace Agent {
 
@@ -59,6 +61,24 @@ void KernelStatus::clear() {
   ipv6_.clear();
 }
 
+std::string KernelStatus::safeName(const std::string& raw) {
+  std::string out;
+  for (size_t i = 0; i < raw.size();) {
+    uint32_t cp = 0;
+    const size_t len = Zub::utf8SequenceAt(raw, i, &cp);
+    if (len == 0 || Zub::isControl(cp) || raw[i] == '\\') {
+      char esc[5];
+      std::snprintf(esc, sizeof esc, "\\x%02x", static_cast<unsigned char>(raw[i]));
+      out += esc;
+      ++i;
+      continue;
+    }
+    out.append(raw, i, len);
+    i += len;
+  }
+  return out;
+}
+
 bool KernelStatus::framed(const void* buf, size_t len) { return Nelo::netlinkFramed(buf, len); }
 
 bool KernelStatus::apply(const nlmsghdr* nlh) {
@@ -87,7 +107,7 @@ bool KernelStatus::applyLink_(const nlmsghdr* nlh) {
   Attrs<IFLA_MAX> tb;
   if (mnl_attr_parse(nlh, sizeof(ifinfomsg), Attrs<IFLA_MAX>::collect, &tb) < 0) return false;
   Link link;
-  link.name = str(tb[IFLA_IFNAME]);
+  link.name = safeName(str(tb[IFLA_IFNAME]));
   if (link.name.empty()) return false;
   link.type = ifm->ifi_type;
   u32(tb[IFLA_MTU], link.mtu);

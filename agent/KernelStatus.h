@@ -57,6 +57,10 @@ class KernelStatus {
   // what is left. libmnl trusts those lengths: one near 2^32 wraps its step to zero and
   // it walks the same message forever.
   static bool framed(const void* buf, size_t len);
+  // A kernel link name as text that tables, logs and collectors can carry: the kernel
+  // allows any bytes but '/', ':' and blanks, so bytes that are not UTF-8, control
+  // characters and the backslash are written as \xNN, which keeps names distinct.
+  static std::string safeName(const std::string& raw);
   // Forgets everything, before a fresh dump.
   void clear();
 

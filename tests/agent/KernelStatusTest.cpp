@@ -260,3 +260,18 @@ TEST(KernelStatus, ARedumpAppliesOnlyWhatDiffers) {
 }
 
 }  // namespace
+
+// The kernel takes any bytes in a name but '/', ':' and blanks: what is not UTF-8 text, a
+// control character (a terminal's escape) and the backslash are written as \xNN, so the
+// interface keeps its row and every decoder can read it.
+TEST(KernelStatus, KernelNamesBecomeTextThatKeepsThemApart) {
+  EXPECT_EQ(KernelStatus::safeName("eth0"), "eth0");
+  EXPECT_EQ(KernelStatus::safeName("w\xc3\xa4n"), "w\xc3\xa4n");  // UTF-8 stays
+  EXPECT_EQ(KernelStatus::safeName("x\x1b[2J\x7f"), "x\\x1b[2J\\x7f");
+  EXPECT_EQ(KernelStatus::safeName("\xff\xfe"), "\\xff\\xfe");
+  EXPECT_EQ(KernelStatus::safeName("a\\x1b"), "a\\x5cx1b");  // not the escaped ESC's name
+  KernelStatus k;
+  ASSERT_TRUE(k.apply(Msg::link(RTM_NEWLINK, 2, "v\xff\x1b", 1500, true).nlh));
+  EXPECT_EQ(described(k), (std::vector<std::string>{"v\\xff\\x1b #2 mtu 1500 up Routed vrf default",
+                                                    "vrf default active"}));
+}
