@@ -429,9 +429,16 @@ class Parser {
       if (const YAML::Node names = pl["names"]; names && !names.IsNull()) {
         if (!names.IsMap()) fail(names, "platform.names", "expected a mapping of kernel-name: id");
         uniqueKeys(names, "platform.names");
+        std::map<std::string, std::string> linkOf;  // each id belongs to one kernel link
         for (const auto& kv : names) {
           const std::string k = keyOf(kv.first, "platform.names");
-          c.kernelNames[k] = name(kv.second, join("platform.names", k));
+          const std::string id = name(kv.second, join("platform.names", k));
+          if (const auto [it, fresh] = linkOf.emplace(id, k); !fresh) {
+            fail(kv.second, join("platform.names", k),
+                 "kernel links " + it->second + " and " + k + " both map to " + id +
+                     "; an interface id names one link");
+          }
+          c.kernelNames[k] = id;
         }
       }
       if (const YAML::Node intfs = pl["interfaces"]; intfs && !intfs.IsNull()) {

@@ -118,6 +118,10 @@ TEST(AgentConfig, RefusalsNameFileLineFieldAndTheRangeInOperatorWords) {
        "f.yaml:4: platform.interfaces.Ethernet1.index: expected 1 to 1073741822"},
       {"flow-tracking: {enabled: false}\nplatform:\n  vrfs:\n    red: {id: 16777215}\n",
        "f.yaml:4: platform.vrfs.red.id: expected 0 to 16777214"},
+      {"flow-tracking: {enabled: false}\nplatform:\n  source: kernel\n  names:\n"
+       "    vA: Ethernet1\n    vC: Ethernet1\n",
+       "f.yaml:6: platform.names.vC: kernel links vA and vC both map to Ethernet1; an interface "
+       "id names one link"},
       {"flow-tracking:\n  memory-limit: 8\n",
        "f.yaml:2: flow-tracking.memory-limit: expected 16 to 1048576 MiB"},
       {"flow-tracking:\n  ring-size: 100\n",
