@@ -193,14 +193,16 @@ std::string FlowExportAgent::showFlows_(const std::string& format, size_t top, b
                              byPackets ? "packets" : "bytes", "\n");
 }
 
-// Each tracked interface of a tracker, with what became of it.
-std::vector<FlowExportAgent::TrackedIntf> FlowExportAgent::trackedIntfs_(const Zub::Name& tracker) {
-  std::vector<FlowTracking::DataPathSm::PortView> ports;
-  if (dataPathSm_) ports = dataPathSm_->ports();
-  std::vector<TrackedIntf> out;
+// Every tracker's interfaces, with what became of each: one pass over the bindings and
+// the data path's ports, whatever the number of trackers.
+std::map<Zub::Name, std::vector<FlowExportAgent::TrackedIntf>> FlowExportAgent::trackedIntfs_() {
+  std::map<Nelo::IntfId, bool> sampling;  // interfaces the data path has a port for
+  if (dataPathSm_) {
+    for (const auto& p : dataPathSm_->ports()) sampling[p.intf] = p.sampling;
+  }
+  std::map<Zub::Name, std::vector<TrackedIntf>> out;
   for (const auto& entry : config_->flowTrackerIntfConfigColl()) {
     const Nelo::IntfId& intf = entry.first;
-    if (entry.second->trackerName() != tracker) continue;
     TrackedIntf t;
     t.name = intf.name();
     t.kernelName = kernelName_(intf);
@@ -213,11 +215,10 @@ std::vector<FlowExportAgent::TrackedIntf> FlowExportAgent::trackedIntfs_(const Z
     } else if (!hwConfig_->hwIntfFtConfig(intf)) {
       t.state = "down";
     } else if (dataPathSm_) {
-      auto port =
-          std::find_if(ports.begin(), ports.end(), [&](const auto& p) { return p.intf == intf; });
-      t.state = port == ports.end() ? "waiting" : port->sampling ? "sampling" : "failed";
+      auto port = sampling.find(intf);
+      t.state = port == sampling.end() ? "waiting" : port->second ? "sampling" : "failed";
     }
-    out.push_back(std::move(t));
+    out[entry.second->trackerName()].push_back(std::move(t));
   }
   return out;
 }
@@ -249,9 +250,10 @@ std::string FlowExportAgent::showTrackers_(const std::string& format) {
       {"Tracker", "Id", "Rate", "Active", "Idle", "Cache", "Interfaces"}};
   if (format == "json") out = Zub::str("{\"schemaVersion\": ", kSchemaVersion, ", \"trackers\": [");
   bool first = true;
+  auto tracked = trackedIntfs_();
   for (const auto& [name, ft] : hwConfig_->hwFtConfigColl()) {
     const size_t flows = dataPathSm_ ? dataPathSm_->flows(name) : 0;
-    const auto intfs = trackedIntfs_(name);
+    const std::vector<TrackedIntf>& intfs = tracked[name];
     if (format == "json") {
       out += Zub::str(first ? "" : ", ", "{\"name\": ", jsonString(name),
                       ", \"observationDomainId\": ", ft->ftId().value(), ", \"sampleRate\": ", rate,

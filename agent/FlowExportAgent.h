@@ -85,7 +85,7 @@ class FlowExportAgent : public Hollin::CAgent {
   struct TrackedIntf {
     std::string name, kernelName, state;
   };
-  std::vector<TrackedIntf> trackedIntfs_(const Zub::Name& tracker);
+  std::map<Zub::Name, std::vector<TrackedIntf>> trackedIntfs_();
   std::string intfName_(uint32_t index) const;
   std::string kernelName_(const Nelo::IntfId& intf) const;
   // The file's flow-tracking section, its interface bindings expanded over the platform.
